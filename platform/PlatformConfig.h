@@ -1,0 +1,67 @@
+// PlatformConfig: every location and limit the platform layer uses, from one
+// configuration.
+//
+// Production defaults depend on who runs the process (root: system paths
+// under /run, /var/lib and /etc; any other user: the XDG directories). The
+// environment variable TVD_CONFIG names a configuration file that overrides
+// any of them, so that a test or the demo runs a whole platform inside a
+// temporary directory without root.
+//
+// File format: one "key = value" per line; "#" starts a comment line; blank
+// lines are ignored; relative paths are taken relative to the file's own
+// directory; list values (application_roots) are separated by ":". Unknown
+// keys and malformed numbers are errors, so that a typo is never silently
+// ignored. The keys are documented in docs/configuration.md.
+#pragma once
+
+#include "Tarvik/base/Result.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tv::platform {
+
+// Limits of the IPC transport. Every one is checked before anything is
+// allocated for the data it guards.
+struct VynLimits {
+    std::size_t maxRequestFrame = 4u << 20;   // bytes; configurable up to 16 MiB
+    std::size_t maxReplyFrame = 256u << 20;   // bytes a client reads
+    std::size_t maxDepth = 64;                // nesting of a message body
+    std::size_t maxInFlight = 128;            // unanswered requests per connection before reading stops
+    std::size_t maxUnsentOutput = 8u << 20;   // bytes queued behind the reply being written
+    std::size_t maxConnectionsPerUid = 256;
+    std::size_t maxConnections = 2048;
+    std::uint32_t incompleteFrameTimeoutMs = 30000;
+};
+
+struct PlatformConfig {
+    std::string socketDir;                     // named listeners: <socketDir>/<name>
+    std::string runtimeDir;                    // per-boot state: sandbox key, notifications
+    std::vector<std::string> applicationRoots; // where *.app bundles are installed
+    std::string systemVolumeRoot;              // bundles below it are "on the system volume"
+    std::string systemPlugInsDir;              // system plug-ins (*.vext)
+    std::string registryDatabase;              // application registry (SQLite)
+    std::string containersRoot;                // data containers
+    std::string preferencesDir;                // one vlist per preferences domain
+    std::string sdkDir;                        // extension SDKs: <identifier>.vlist
+    std::string typesDir;                      // type declarations
+    std::string privacyGrantsFile;             // privacy-consent grants
+    std::string entitlementsDropInDir;         // administrator-given entitlements
+    VynLimits limits;
+    std::uint32_t idleExitSeconds = 60;        // socket-activated daemon: exit after this long idle
+    std::string configFile;                    // the file read, empty for pure defaults
+
+    // Defaults for the calling user.
+    static PlatformConfig defaults();
+    // Defaults, overridden by the file that TVD_CONFIG names (if set).
+    static Result<PlatformConfig> load();
+    // Defaults overridden by the given file.
+    static Result<PlatformConfig> loadFile(const std::string& path);
+    // Defaults overridden by configuration text; relative paths are taken
+    // relative to `baseDir`.
+    static Result<PlatformConfig> parse(std::string_view text, const std::string& baseDir);
+};
+
+} // namespace tv::platform

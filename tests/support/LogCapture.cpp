@@ -1,0 +1,67 @@
+#include "tests/support/LogCapture.h"
+
+namespace tv::test {
+
+class LogCapture::Sink final : public platform::SystemLog {
+public:
+    bool enabled(platform::LogLevel) const override { return true; }
+    bool redactsPrivate() const override { return false; }
+    void write(const platform::LogRecord& r) override
+    {
+        std::lock_guard lock(mutex);
+        lines.push_back({r.level, std::string(r.subsystem), std::string(r.category), std::string(r.message)});
+    }
+    mutable std::mutex mutex;
+    std::vector<CapturedLine> lines;
+};
+
+LogCapture::LogCapture() : sink_(std::make_shared<Sink>())
+{
+    previous_ = platform::setSystemLog(sink_);
+}
+
+LogCapture::~LogCapture()
+{
+    platform::setSystemLog(previous_);
+}
+
+std::vector<CapturedLine> LogCapture::lines() const
+{
+    std::lock_guard lock(sink_->mutex);
+    return sink_->lines;
+}
+
+std::size_t LogCapture::count(const std::string& message) const
+{
+    std::lock_guard lock(sink_->mutex);
+    std::size_t n = 0;
+    for (const auto& l : sink_->lines)
+        n += l.message == message;
+    return n;
+}
+
+std::size_t LogCapture::countContaining(const std::string& fragment) const
+{
+    std::lock_guard lock(sink_->mutex);
+    std::size_t n = 0;
+    for (const auto& l : sink_->lines)
+        n += l.message.find(fragment) != std::string::npos;
+    return n;
+}
+
+std::unique_ptr<CapturedLine> LogCapture::find(const std::string& message) const
+{
+    std::lock_guard lock(sink_->mutex);
+    for (const auto& l : sink_->lines)
+        if (l.message == message)
+            return std::make_unique<CapturedLine>(l);
+    return nullptr;
+}
+
+void LogCapture::clear()
+{
+    std::lock_guard lock(sink_->mutex);
+    sink_->lines.clear();
+}
+
+} // namespace tv::test
