@@ -1,0 +1,135 @@
+#include "Tarvik/TvDaemonClient.h"
+
+#include "Tarvik/base/InternalInconsistency.h"
+#include "tests/support/FakeVynService.h"
+#include "tests/support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+namespace tv {
+namespace {
+
+using platform::Message;
+using platform::VynError;
+
+Message replyWith(std::initializer_list<std::pair<const std::string, Value>> entries)
+{
+    return Message(Value(entries));
+}
+
+TEST(TvDaemonClientTest, ErrorInReplyMapsEveryShapeOfAnswer)
+{
+    auto e = TvDaemonClient::errorInReply(replyWith({{"errorcode", 9u}, {"error", "no plugin at /x"}}));
+    ASSERT_TRUE(e);
+    EXPECT_EQ(e->domain, "Tarvik");
+    EXPECT_EQ(e->code, 9);
+    EXPECT_EQ(e->description, "no plugin at /x");
+
+    e = TvDaemonClient::errorInReply(replyWith({{"errorcode", 2u}}));
+    ASSERT_TRUE(e);
+    EXPECT_EQ(e->code, 2);
+    EXPECT_EQ(e->description, "unknown error returned by Tarvik subsystem");
+
+    EXPECT_FALSE(TvDaemonClient::errorInReply(replyWith({})));
+    // A signed "errorcode" reads as 0, like any other kind but unsigned.
+    EXPECT_FALSE(TvDaemonClient::errorInReply(replyWith({{"errorcode", 9}})));
+
+    // A broken connection is code 4 with the transport's text.
+    e = TvDaemonClient::errorInReply(VynError{VynError::Kind::ConnectionInvalid, "connection invalid"});
+    ASSERT_TRUE(e);
+    EXPECT_EQ(e->code, 4);
+    EXPECT_EQ(e->description, "connection invalid");
+
+    // A text without a code is a protocol violation.
+    try {
+        (void)TvDaemonClient::errorInReply(replyWith({{"error", "oops"}}));
+        FAIL() << "expected an internal-consistency failure";
+    } catch (const TvInternalInconsistency& x) {
+        EXPECT_STREQ(x.what(), "tvd reported error without a code: oops");
+    }
+}
+
+TEST(TvDaemonClientTest, MessageEncodingRoundTripsOnlyForVersion3)
+{
+    Value forms(Array{Value{{"path", "/A.app/PlugIns/S.vext"},
+                            {"url", Value::fileURL("/A.app")},
+                            {"date", Value(Date::fromSeconds(1790000000))},
+                            {"nested", Value{{"uuid", Value(Uuid::random())}, {"n", Value(-1)}}}}});
+    Value encoded = TvDaemonClient::convertToVYNVersion(forms, 3);
+    ASSERT_FALSE(encoded.isNull());
+    EXPECT_TRUE(TvDaemonClient::convertToVYNVersion(forms, 2).isNull());
+    EXPECT_TRUE(TvDaemonClient::convertToVYNVersion(forms, 4).isNull());
+
+    auto vyn = std::make_shared<test::FakeVynService>();
+    TvDaemonClient client(vyn);
+    EXPECT_EQ(client.convertFromVYN(encoded), forms);
+    EXPECT_TRUE(client.convertFromVYN(Value("not encoded")).isNull());
+    Bytes garbage{0x76, 0x03, 0xFF};
+    EXPECT_TRUE(client.convertFromVYN(Value::data(garbage)).isNull());
+    client.setProtocolVersion(2);
+    EXPECT_TRUE(client.convertFromVYN(encoded).isNull());
+}
+
+TEST(TvDaemonClientTest, CallsBuildTheirRequests)
+{
+    auto vyn = std::make_shared<test::FakeVynService>();
+    TvDaemonClient client(vyn, nullptr);
+    EXPECT_EQ(vyn->lastConnectName(), "com.veltra.tarvik.tvd");
+    auto connection = vyn->lastConnection();
+    EXPECT_TRUE(connection->resumed());
+
+    Uuid a = Uuid::random(), b = Uuid::random();
+    auto ignore = [](const platform::VynEvent&) {};
+    client.addPlugInsReply({"/p/One.vext", "/p/Two.vext"}, ignore);
+    client.readyPlugInsFlagsReply({a, b}, 5, ignore);
+    client.matchPlugInsFlagsReply(Value{{"KoExtensionPointIdentifier", "com.example.share"},
+                                        {"where", Value::fileURL("/x")}},
+                                  1, ignore);
+    client.releaseHoldReply(a, ignore);
+    client.bulkPluginsReply(0x10, ignore);
+
+    auto sent = connection->sent();
+    ASSERT_EQ(sent.size(), 5u);
+    for (const auto& m : sent) {
+        EXPECT_TRUE(m.expectsReply());
+        // "version" is unsigned on the wire: a signed 3 would read as 0.
+        EXPECT_EQ(m.get("version"), Value(std::uint64_t{3}));
+    }
+    EXPECT_EQ(*sent[0].stringForKey("request"), "add");
+    EXPECT_EQ(sent[0].get("paths"), Value(Array{Value("/p/One.vext"), Value("/p/Two.vext")}));
+    EXPECT_EQ(*sent[1].stringForKey("request"), "ready");
+    EXPECT_EQ(sent[1].get("uuids"), Value(Array{Value(a), Value(b)}));
+    EXPECT_EQ(sent[1].get("flags"), Value(std::uint64_t{5}));
+    // Plain conversion: a URL in the rules travels as its text.
+    EXPECT_EQ(sent[2].get("rules")["where"], Value("file:///x"));
+    // Releasing a hold sends an array of one token.
+    EXPECT_EQ(*sent[3].stringForKey("request"), "lock");
+    EXPECT_EQ(sent[3].get("uuids"), Value(Array{Value(a)}));
+    EXPECT_TRUE(sent[3].get("paths").isNull());
+    EXPECT_EQ(sent[4].get("flags"), Value(std::uint64_t{0x10}));
+}
+
+TEST(TvDaemonClientTest, CompletionRunsOnTheClientQueueWithTrafficLogged)
+{
+    test::LogCapture log;
+    auto vyn = std::make_shared<test::FakeVynService>();
+    TvDaemonClient client(vyn);
+    std::promise<bool> onQueue;
+    client.bulkPluginsReply(0, [&](const platform::VynEvent& answer) {
+        EXPECT_FALSE(TvDaemonClient::errorInReply(answer));
+        onQueue.set_value(client.replyQueue()->isCurrent() && client.replyQueue()->label() == "tvd_client");
+    });
+    vyn->lastConnection()->answer(Message());
+    auto f = onQueue.get_future();
+    ASSERT_EQ(f.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_TRUE(f.get());
+    EXPECT_EQ(log.countContaining("request: "), 1u);
+    EXPECT_EQ(log.countContaining("reply: "), 1u);
+    for (const auto& l : log.lines())
+        EXPECT_EQ(l.category, "traffic");
+}
+
+} // namespace
+} // namespace tv
