@@ -1,0 +1,37 @@
+// Tvkit: the command-line tool with which people and scripts use the daemon.
+//
+//   tvkit [--service NAME] COMMAND [ARGS...]
+//
+// Exit statuses: 0 success, 1 the daemon answered with an error, 2 bad usage,
+// 69 the daemon cannot be reached.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace tv {
+
+class Tvkit {
+public:
+    static constexpr int kExitSuccess = 0;
+    static constexpr int kExitErrorReply = 1;
+    static constexpr int kExitUsage = 2;
+    static constexpr int kExitUnavailable = 69;
+
+    Tvkit(std::istream& in, std::ostream& out, std::ostream& err) : in_(in), out_(out), err_(err) {}
+
+    int run(const std::vector<std::string>& args);
+
+private:
+    int usage(const std::string& problem);
+    int help(const std::vector<std::string>& args);
+    int raw(const std::vector<std::string>& args);
+
+    std::istream& in_;
+    std::ostream& out_;
+    std::ostream& err_;
+    std::string service_ = "com.veltra.tarvik.tvd";
+};
+
+} // namespace tv

@@ -1,0 +1,11 @@
+#include "tools/tvkit/Tvkit.h"
+
+#include <csignal>
+#include <iostream>
+
+int main(int argc, char** argv)
+{
+    std::signal(SIGPIPE, SIG_IGN);
+    tv::Tvkit tool(std::cin, std::cout, std::cerr);
+    return tool.run(std::vector<std::string>(argv + 1, argv + argc));
+}

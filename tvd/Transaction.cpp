@@ -1,0 +1,180 @@
+#include "tvd/Transaction.h"
+
+#include "Tarvik/TvLog.h"
+#include "Tarvik/base/InternalInconsistency.h"
+#include "platform/VynConnection.h"
+#include "tvd/TvdProbes.h"
+#include "tvd/TvdServer.h"
+#include "tvd/TvdVynClient.h"
+
+#include <array>
+#include <filesystem>
+#include <string_view>
+
+namespace tv {
+
+namespace {
+
+using Handler = void (Transaction::*)();
+
+// Request types in the order they are matched.
+struct Route {
+    std::string_view type;
+    Handler handler; // null: not served by this daemon yet
+};
+
+const std::array<Route, 9> kRoutes{{
+    {"add", nullptr},
+    {"remove", nullptr},
+    {"bulk", &Transaction::bulkPlugIns},
+    {"match", nullptr},
+    {"ready", nullptr},
+    {"access", nullptr},
+    {"annotate", nullptr},
+    {"bulk-annotate", nullptr},
+    {"lock", nullptr},
+}};
+
+} // namespace
+
+Transaction::Transaction(platform::Message request, std::shared_ptr<TvdVynClient> client)
+    : client_(std::move(client)), request_(std::move(request))
+{
+    if (auto reply = platform::Message::createReply(request_)) {
+        reply_ = std::move(*reply);
+        replyRoutable_ = true;
+    }
+}
+
+std::shared_ptr<TvdServer> Transaction::server() const
+{
+    return client_->server();
+}
+
+std::shared_ptr<platform::VynConnection> Transaction::connection() const
+{
+    return client_->connection();
+}
+
+void Transaction::dispatch()
+{
+    const std::string* type = request_.stringForKey("request");
+    version_ = request_.uint64ForKey("version");
+    if ((version_ & ~std::uint64_t{1}) != 2) {
+        failMessage(7, formatString("unsupported protocol version %d (current %d)", version_, kCurrentVersion));
+        return;
+    }
+    if (!client_->acceptWork())
+        return;
+    TvLog::ops().debug("client %d requested %{public}s", client_->pid(), type ? type->c_str() : nullptr);
+    TVD_PROBE(REQUEST, client_->pid(), type ? const_cast<char*>(type->c_str()) : nullptr);
+
+    try {
+        if (!type)
+            failMessage(4, "invalid request format (missing type)");
+        else
+            route(*type);
+    } catch (const TvInternalInconsistency& e) {
+        // A broken invariant ends this request only; the client learns that
+        // it failed, not why.
+        TvLog::ops().error("internal inconsistency while serving %{public}s request of client %d: %{public}s",
+                           type ? type->c_str() : "untyped", client_->pid(), e.what());
+        if (!replied_)
+            failMessage(4, "internal error");
+    }
+}
+
+void Transaction::route(const std::string& type)
+{
+    for (const auto& r : kRoutes) {
+        if (r.type != type)
+            continue;
+        if (!r.handler)
+            break;
+        (this->*r.handler)();
+        return;
+    }
+    failMessage(4, "unrecognized request");
+}
+
+void Transaction::done()
+{
+    if (replied_) {
+        TvLog::ops().error("second reply to one request of client %d refused", client_->pid());
+        return;
+    }
+    replied_ = true;
+    if (TVD_PROBE_ENABLED(REQUEST_OUTPUT)) {
+        std::string text = reply_.description();
+        TVD_PROBE(REQUEST_OUTPUT, client_->pid(), text.data());
+    }
+    if (!replyRoutable_)
+        return; // one-way request: nobody waits for this reply
+    auto c = connection();
+    if (!c) {
+        TvLog::ops().debug("reply to client %d dropped: connection gone", client_->pid());
+        return;
+    }
+    c->send(reply_);
+}
+
+void Transaction::failMessage(std::uint64_t code, const std::string& message)
+{
+    reply_.set("errorcode", Value(code));
+    reply_.set("error", Value(message));
+    done();
+}
+
+void Transaction::failError(std::uint64_t code, const TvError& error)
+{
+    if (error.domain == kTarvikErrorDomain) {
+        reply_.set("errorcode", Value(static_cast<std::uint64_t>(error.code)));
+        reply_.set("error", error.description ? Value(*error.description) : Value());
+        done();
+        return;
+    }
+    failMessage(code, error.localizedDescription());
+}
+
+bool Transaction::marshalPaths(const PathStep& step)
+{
+    const Array* paths = request_.arrayForKey("paths");
+    if (!paths) {
+        failMessage(4, "invalid request format");
+        return false;
+    }
+    for (const Value& element : *paths) {
+        const std::string* path = element.asString();
+        if (!path) {
+            failMessage(4, "invalid request format");
+            return false;
+        }
+        if (path->empty() || (*path)[0] != '/') {
+            failMessage(9, formatString("absolute path required: %s", *path));
+            return false;
+        }
+        std::error_code ec;
+        auto canonical = std::filesystem::canonical(*path, ec);
+        bool goOn = ec ? step(*path, false) : step(canonical.string(), true);
+        if (!goOn)
+            return false;
+    }
+    return true;
+}
+
+bool Transaction::processPaths(const PathStep& step)
+{
+    bool walked = marshalPaths(step);
+    if (walked)
+        done();
+    return walked;
+}
+
+void Transaction::bulkPlugIns()
+{
+    std::uint64_t flags = request_.uint64ForKey("flags");
+    TvLog::ops().info("bulk options 0x%lx not supported", flags);
+    done();
+}
+
+} // namespace tv

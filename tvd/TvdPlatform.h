@@ -1,0 +1,35 @@
+// TvdPlatform: the platform services the daemon uses, handed to the server
+// at construction. Production fills it with the Linux implementations
+// (tvd/main.cpp); tests fill it with fakes.
+#pragma once
+
+#include "Tarvik/base/SerialQueue.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace tv {
+
+namespace platform {
+class VynService;
+class ProcessInfo;
+class CodeSigningService;
+} // namespace platform
+
+struct TvdPlatform {
+    std::shared_ptr<platform::VynService> vyn;
+    std::shared_ptr<platform::ProcessInfo> processInfo;
+    std::shared_ptr<platform::CodeSigningService> codeSigning;
+
+    // Makes the server's queues. Tests hand in manual queues to drive them
+    // deterministically; the default makes threaded ones.
+    std::function<std::shared_ptr<SerialQueue>(std::string label, SerialQueue::QoS qos)> makeQueue =
+        [](std::string label, SerialQueue::QoS qos) { return SerialQueue::create(std::move(label), qos); };
+
+    // The process's main event loop; does not return while the daemon lives.
+    // Null: TvdServer::run() returns once the listener is resumed (tests).
+    std::function<void()> runMainLoop;
+};
+
+} // namespace tv

@@ -1,0 +1,86 @@
+#include "tvd/TvdServer.h"
+
+#include "Tarvik/TvLog.h"
+#include "platform/VynService.h"
+#include "tvd/TvdVynClient.h"
+
+#include <mutex>
+
+namespace tv {
+
+namespace {
+std::mutex gServerMutex;
+std::weak_ptr<TvdServer> gServer;
+} // namespace
+
+std::shared_ptr<TvdServer> TvdServer::initForServiceDatabase(const char* serviceName, const char* database,
+                                                             TvdPlatform platform)
+{
+    std::shared_ptr<TvdServer> server(new TvdServer(std::move(platform)));
+    if (!server->setupWithDatabase(database))
+        return nullptr;
+    server->serviceName_ = serviceName ? serviceName : "";
+
+    const auto& makeQueue = server->platform_.makeQueue;
+    server->vynQueue_ = makeQueue("vyn", SerialQueue::QoS::Default);
+    server->mainQueue_ = makeQueue("service", SerialQueue::QoS::UserInitiated);
+    server->syncQueue_ = makeQueue("serverSync", SerialQueue::QoS::Default);
+
+    auto listener = server->platform_.vyn->listen(server->serviceName_, server->vynQueue_);
+    if (!listener) {
+        TvLog::ops().error("unable to listen on %{public}s: %{public}@", server->serviceName_,
+                           listener.error().localizedDescription());
+        return nullptr;
+    }
+    server->service_ = std::move(listener).value();
+
+    {
+        std::lock_guard lock(gServerMutex);
+        gServer = server;
+    }
+    server->setDelegate(std::static_pointer_cast<TvDatabaseDelegate>(server));
+
+    // The handler keeps no reference to the clients it makes: each
+    // connection owns its client.
+    std::weak_ptr<TvdServer> weak = server;
+    server->service_->setConnectionHandler([weak](std::shared_ptr<platform::VynConnection> connection) {
+        if (auto s = weak.lock())
+            s->acceptConnection(connection);
+    });
+    return server;
+}
+
+std::shared_ptr<TvdServer> TvdServer::server()
+{
+    std::lock_guard lock(gServerMutex);
+    return gServer.lock();
+}
+
+void TvdServer::acceptConnection(const std::shared_ptr<platform::VynConnection>& connection)
+{
+    TvdVynClient::initWithConnectionServer(connection, shared_from_this());
+}
+
+void TvdServer::run()
+{
+    service_->resume();
+    if (platform_.runMainLoop)
+        platform_.runMainLoop();
+}
+
+void TvdServer::submitWork(std::function<void()> work)
+{
+    mainQueue_->async(std::move(work));
+}
+
+void TvdServer::unholdClient(const std::shared_ptr<TvdVynClient>& client)
+{
+    (void)client;
+    syncQueue_->sync([this] {
+        // The table holds no holds until placing them is supported; the walk
+        // is still done on the queue that guards it.
+        (void)holds_.size();
+    });
+}
+
+} // namespace tv

@@ -1,0 +1,82 @@
+// TvdServer: the daemon's one server object. It owns the IPC listener under
+// the daemon's service name, the three work queues and the table of plug-in
+// holds, and it is the registry database (TvDatabase) and its own delegate.
+//
+// Queues:
+//   "vyn"        the listener's events and every client connection's events;
+//   "service"    every request handler, one at a time in arrival order
+//                (user-initiated priority), and the job manager's completions;
+//   "serverSync" every read and change of the hold table, always entered
+//                synchronously.
+//
+// Thread-safety: the accessors may be called from any thread. The hold table
+// is only touched on "serverSync".
+#pragma once
+
+#include "tvd/TvDatabase.h"
+#include "tvd/TvdPlatform.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tv {
+
+namespace platform {
+class VynListener;
+class VynConnection;
+} // namespace platform
+
+class TvdVynClient;
+class TvdPlugInHold;
+
+class TvdServer final : public TvDatabase,
+                        public TvDatabaseDelegate,
+                        public std::enable_shared_from_this<TvdServer> {
+public:
+    // Builds the server for `serviceName` with the annotation file at
+    // `database` (null: default location): the registry database first, then
+    // the queues, the suspended listener, the empty hold table, the
+    // process-wide server pointer, the delegate role and the listener's
+    // handler. Null when the database or the listener cannot be made.
+    static std::shared_ptr<TvdServer> initForServiceDatabase(const char* serviceName, const char* database,
+                                                             TvdPlatform platform);
+
+    // The process-wide server (the last one built), or null.
+    static std::shared_ptr<TvdServer> server();
+
+    // Resumes the listener and enters the main event loop for good.
+    void run();
+
+    // Schedules `work` on the "service" queue and returns at once.
+    void submitWork(std::function<void()> work);
+
+    // Releases every hold placed by `client`.
+    void unholdClient(const std::shared_ptr<TvdVynClient>& client);
+
+    std::uint32_t verbose() const { return verbose_.load(); }
+    void setVerbose(std::uint32_t v) { verbose_.store(v); }
+    const std::shared_ptr<SerialQueue>& vynQueue() const { return vynQueue_; }
+    const std::shared_ptr<SerialQueue>& mainQueue() const { return mainQueue_; }
+    const std::shared_ptr<SerialQueue>& syncQueue() const { return syncQueue_; }
+    const std::shared_ptr<platform::VynListener>& service() const { return service_; }
+    const TvdPlatform& platform() const { return platform_; }
+    const std::string& serviceName() const { return serviceName_; }
+
+private:
+    explicit TvdServer(TvdPlatform platform) : platform_(std::move(platform)) {}
+    void acceptConnection(const std::shared_ptr<platform::VynConnection>& connection);
+
+    TvdPlatform platform_;
+    std::string serviceName_;
+    std::atomic<std::uint32_t> verbose_{0};
+    std::shared_ptr<SerialQueue> vynQueue_;
+    std::shared_ptr<SerialQueue> mainQueue_;
+    std::shared_ptr<platform::VynListener> service_;
+    std::vector<std::shared_ptr<TvdPlugInHold>> holds_; // only on syncQueue_
+    std::shared_ptr<SerialQueue> syncQueue_;
+};
+
+} // namespace tv

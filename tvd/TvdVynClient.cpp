@@ -1,0 +1,121 @@
+#include "tvd/TvdVynClient.h"
+
+#include "Tarvik/TvBundle.h"
+#include "Tarvik/TvLog.h"
+#include "platform/CodeSigningService.h"
+#include "platform/ProcessInfo.h"
+#include "platform/VynConnection.h"
+#include "tvd/Transaction.h"
+#include "tvd/TvdProbes.h"
+#include "tvd/TvdServer.h"
+
+namespace tv {
+
+using platform::VynError;
+
+std::shared_ptr<TvdVynClient> TvdVynClient::initWithConnectionServer(
+    const std::shared_ptr<platform::VynConnection>& connection, std::shared_ptr<TvdServer> server)
+{
+    std::shared_ptr<TvdVynClient> client(new TvdVynClient());
+    client->connection_ = connection;
+    client->server_ = std::move(server);
+    client->acceptWork_ = true;
+    client->pid_ = connection->pid();
+
+    const TvdPlatform& platform = client->server_->platform();
+    if (platform.processInfo) {
+        auto path = platform.processInfo->executablePath(client->pid_, connection->auditToken().pidfd);
+        if (path) {
+            client->path_ = *path;
+            if (!client->path_.empty() && client->path_.back() != '/')
+                client->bundle_ = TvBundle::initWithExecutableURL(Value::fileURL(client->path_));
+        }
+    }
+    TvLog::ops().debug("new client %d %s", client->pid_, client->path_);
+    TVD_PROBE(CLIENT_NEW, client->pid_);
+
+    if (platform.codeSigning)
+        client->task_ = platform.codeSigning->createTask(connection->auditToken());
+
+    connection->setContext(client);
+    connection->setEventHandler([client](const platform::VynEvent& event) { client->handleEvent(event); });
+    connection->resume();
+    return client;
+}
+
+TvdVynClient::~TvdVynClient() = default;
+
+void TvdVynClient::handleEvent(const platform::VynEvent& event)
+{
+    if (const VynError* error = platform::eventError(event)) {
+        switch (error->kind) {
+        case VynError::Kind::TerminationImminent: dying(); return;
+        case VynError::Kind::ConnectionInvalid: dead(); return;
+        case VynError::Kind::Other:
+            TvLog::ops().error("unexpected error type from vyn: %{public}@", error->description);
+            return;
+        }
+    }
+    handleRequest(*platform::eventMessage(event));
+}
+
+void TvdVynClient::handleRequest(const platform::Message& message)
+{
+    if (TVD_PROBE_ENABLED(REQUEST_INPUT)) {
+        std::string text = message.description();
+        TVD_PROBE(REQUEST_INPUT, pid_, text.c_str());
+    }
+    auto transaction = std::make_shared<Transaction>(message, shared_from_this());
+    server_->submitWork([client = shared_from_this(), transaction] {
+        ++client->requestCount_;
+        if (client->requestCount_ % 1000 == 0)
+            TvLog::ops().debug("client %d used %u requests so far", client->pid_, client->requestCount_);
+        transaction->dispatch();
+    });
+}
+
+void TvdVynClient::dying()
+{
+    TvLog::ops().debug("client %d termination imminent", pid_);
+}
+
+void TvdVynClient::dead()
+{
+    server_->unholdClient(shared_from_this());
+    TvLog::ops().debug("client %d is dead", pid_);
+    acceptWork_ = false;
+    TVD_PROBE(CLIENT_DONE, pid_);
+}
+
+Value TvdVynClient::entitlementValueForKey(std::string_view key) const
+{
+    const auto& codeSigning = server_->platform().codeSigning;
+    if (!codeSigning || !task_)
+        return Value();
+    MaybeError error;
+    Value value = codeSigning->entitlementValueForKey(*task_, key, &error);
+    if (error)
+        TvLog::ops().error("error retrieving entitlements for client %d", pid_);
+    return value;
+}
+
+bool TvdVynClient::hasEntitlement(std::string_view key) const
+{
+    Value v = entitlementValueForKey(key);
+    if (v.isNull())
+        return false;
+    if (auto b = v.asBool())
+        return *b;
+    if (v.isNumber())
+        return v.asDouble() ? *v.asDouble() != 0.0 : v.integerValue() != 0;
+    return true;
+}
+
+std::string TvdVynClient::description() const
+{
+    if (auto c = connection())
+        return formatString("<TvdVynClient %p con=%@ pid=%d path=%@>", this, c->description(), pid_, path_);
+    return formatString("<TvdVynClient %p NO CONNECTION>", this);
+}
+
+} // namespace tv
