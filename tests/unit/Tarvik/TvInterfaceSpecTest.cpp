@@ -157,20 +157,23 @@ TEST_F(TvInterfaceSpecTest, CompoundIsBuiltOnceAndAdoptsInOrder)
 
 TEST_F(TvInterfaceSpecTest, CompoundWithMissingComponentFailsAndCanBeRetried)
 {
+    // A fresh name each run: the registry outlives a repeated test.
+    static int run = 0;
+    const std::string later = "ist.Later" + std::to_string(++run);
     test::LogCapture log;
-    Value names(Array{Value("ist.P"), Value("ist.Later")});
+    Value names(Array{Value("ist.P"), Value(later)});
     TvError error;
     EXPECT_FALSE(compoundInterfaceDescriptor(names, &error));
     EXPECT_EQ(error.code, 12);
-    EXPECT_EQ(error.description, "unable to locate protocol \"ist.Later\" - check that it is defined and not "
-                                 "inadvertently optimized away");
+    EXPECT_EQ(error.description, "unable to locate protocol \"" + later +
+                                     "\" - check that it is defined and not inadvertently optimized away");
     // The dropped compound left its name free.
-    EXPECT_FALSE(InterfaceDescriptorRegistry::shared().lookUp("__XX_COMPOUND__ist.P__ist.Later"));
+    EXPECT_FALSE(InterfaceDescriptorRegistry::shared().lookUp("__XX_COMPOUND__ist.P__" + later));
 
-    declare("ist.Later");
+    declare(later);
     auto built = compoundInterfaceDescriptor(names, &error);
     ASSERT_TRUE(built);
-    EXPECT_TRUE(built->conformsTo("ist.Later"));
+    EXPECT_TRUE(built->conformsTo(later));
 
     TvError nonString;
     EXPECT_FALSE(compoundInterfaceDescriptor(Value(Array{Value("ist.P"), Value(7)}), &nonString));
