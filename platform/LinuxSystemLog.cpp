@@ -1,6 +1,7 @@
 #include "platform/LinuxSystemLog.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -58,10 +59,39 @@ bool LinuxSystemLog::enabled(LogLevel level) const
     return static_cast<int>(level) <= threshold_;
 }
 
+// Control characters of a message are written escaped so that a message
+// (which may carry text from clients or bundles) is always exactly one line
+// and cannot forge lines of its own.
+static void appendOneLine(std::string& line, std::string_view message)
+{
+    static const char hex[] = "0123456789abcdef";
+    for (char c : message) {
+        auto u = static_cast<unsigned char>(c);
+        if (c == '\n')
+            line += "\\n";
+        else if (c == '\r')
+            line += "\\r";
+        else if (c == '\t')
+            line += "\\t";
+        else if (u < 0x20 || u == 0x7f) {
+            line += "\\x";
+            line += hex[u >> 4];
+            line += hex[u & 0xf];
+        } else
+            line += c;
+    }
+}
+
 void LinuxSystemLog::write(const LogRecord& r)
 {
     if (!enabled(r.level))
         return;
+    // Logging never changes errno: callers log a failure and then report the
+    // errno that caused it.
+    struct ErrnoKeeper {
+        int saved = errno;
+        ~ErrnoKeeper() { errno = saved; }
+    } keepErrno;
     if (journal_) {
         std::string msg = "MESSAGE=" + std::string(r.message);
         std::string prio = "PRIORITY=" + std::to_string(static_cast<int>(r.level));
@@ -92,7 +122,7 @@ void LinuxSystemLog::write(const LogRecord& r)
     line += ' ';
     line += r.category.empty() ? std::string_view("default") : r.category;
     line += ": ";
-    line += r.message;
+    appendOneLine(line, r.message);
     line += '\n';
     // One write per line so that lines of concurrent threads never interleave.
     const char* p = line.data();

@@ -53,6 +53,25 @@ double argDouble(const FormatArg& arg)
     return static_cast<double>(argInt(arg));
 }
 
+// printf of one conversion, however long its output (a width or precision
+// can ask for more than any fixed buffer holds).
+template <class T>
+void appendPrintf(std::string& out, const std::string& spec, T value)
+{
+    char buf[128];
+    int n = std::snprintf(buf, sizeof buf, spec.c_str(), value);
+    if (n < 0)
+        return;
+    if (static_cast<std::size_t>(n) < sizeof buf) {
+        out.append(buf, static_cast<std::size_t>(n));
+        return;
+    }
+    std::size_t at = out.size();
+    out.resize(at + static_cast<std::size_t>(n) + 1);
+    std::snprintf(out.data() + at, static_cast<std::size_t>(n) + 1, spec.c_str(), value);
+    out.resize(at + static_cast<std::size_t>(n));
+}
+
 } // namespace
 
 std::string formatStringArgs(std::string_view fmt, std::span<const FormatArg> args, bool redactPrivate)
@@ -69,6 +88,7 @@ std::string formatStringArgs(std::string_view fmt, std::span<const FormatArg> ar
             continue;
         }
         std::size_t start = i++;
+        const std::size_t firstArg = next;
         if (i >= fmt.size()) {
             out += '%';
             break;
@@ -117,20 +137,16 @@ std::string formatStringArgs(std::string_view fmt, std::span<const FormatArg> ar
         }
         char conv = fmt[i];
         const FormatArg* arg = take();
-        char buf[512];
         switch (conv) {
         case 'd':
         case 'i':
-            std::snprintf(buf, sizeof buf, (spec + "lld").c_str(), static_cast<long long>(arg ? argInt(*arg) : 0));
-            out += buf;
+            appendPrintf(out, spec + "lld", static_cast<long long>(arg ? argInt(*arg) : 0));
             break;
         case 'u':
         case 'o':
         case 'x':
         case 'X':
-            std::snprintf(buf, sizeof buf, (spec + "ll" + conv).c_str(),
-                          static_cast<unsigned long long>(arg ? argInt(*arg) : 0));
-            out += buf;
+            appendPrintf(out, spec + "ll" + conv, static_cast<unsigned long long>(arg ? argInt(*arg) : 0));
             break;
         case 'c':
             out += static_cast<char>(arg ? argInt(*arg) : '?');
@@ -143,8 +159,7 @@ std::string formatStringArgs(std::string_view fmt, std::span<const FormatArg> ar
         case 'G':
         case 'a':
         case 'A':
-            std::snprintf(buf, sizeof buf, (spec + conv).c_str(), arg ? argDouble(*arg) : 0.0);
-            out += buf;
+            appendPrintf(out, spec + conv, arg ? argDouble(*arg) : 0.0);
             break;
         case 'p':
             out += arg ? argText(*arg) : "(null)";
@@ -158,11 +173,7 @@ std::string formatStringArgs(std::string_view fmt, std::span<const FormatArg> ar
             std::string text = arg ? argText(*arg) : "(null)";
             if (spec.size() > 1) {
                 // Width and precision apply to the text as to printf's %s.
-                int n = std::snprintf(nullptr, 0, (spec + "s").c_str(), text.c_str());
-                std::string padded(static_cast<std::size_t>(n) + 1, '\0');
-                std::snprintf(padded.data(), padded.size(), (spec + "s").c_str(), text.c_str());
-                padded.resize(static_cast<std::size_t>(n));
-                out += padded;
+                appendPrintf(out, spec + "s", text.c_str());
             } else {
                 out += text;
             }
@@ -170,9 +181,9 @@ std::string formatStringArgs(std::string_view fmt, std::span<const FormatArg> ar
         }
         default:
             // Unknown conversion: keep the text as written.
+            // Arguments taken for "*" or for the conversion stay unused.
             out.append(fmt.substr(start, i - start + 1));
-            if (arg)
-                --next;
+            next = firstArg;
             break;
         }
     }

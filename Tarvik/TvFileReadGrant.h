@@ -1,0 +1,22 @@
+// Read-only file grants for resources that another process is to open.
+#pragma once
+
+#include "Tarvik/base/Value.h"
+#include "platform/SandboxService.h"
+
+#include <optional>
+#include <string>
+
+namespace tv {
+
+// A token from `sandbox` granting read-only access to the file that the file
+// URL `url` names, resolved to its canonical path. On failure: absent, with
+// errno set to the error number of the failure (EINVAL for a value that is
+// not a file URL), for the caller to read right away.
+std::optional<std::string> fileReadGrant(const Value& url, platform::SandboxService& sandbox);
+
+// The same through the process-wide sandbox service (platform::sandboxService());
+// ENOSYS when there is none.
+std::optional<std::string> fileReadGrant(const Value& url);
+
+} // namespace tv

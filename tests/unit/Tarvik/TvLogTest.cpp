@@ -1,0 +1,94 @@
+#include "Tarvik/TvLog.h"
+
+#include "tests/support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace tv {
+namespace {
+
+using platform::LogLevel;
+
+// A sink that behaves like the production log: a threshold and redaction.
+class ThresholdSink final : public platform::SystemLog {
+public:
+    ThresholdSink(LogLevel threshold, bool redact) : threshold_(threshold), redact_(redact) {}
+    bool enabled(LogLevel level) const override { return static_cast<int>(level) <= static_cast<int>(threshold_); }
+    bool redactsPrivate() const override { return redact_; }
+    void write(const platform::LogRecord& r) override
+    {
+        std::lock_guard lock(mutex_);
+        lines.emplace_back(r.message);
+    }
+    std::vector<std::string> lines;
+
+private:
+    LogLevel threshold_;
+    bool redact_;
+    std::mutex mutex_;
+};
+
+TEST(TvLogTest, CategoriesLogUnderTheSubsystemAtTheirLevels)
+{
+    test::LogCapture log;
+    TvLog::ops().error("e %d", 1);
+    TvLog::traffic().notice("n %s", "two");
+    TvLog::extension().info("i %@", Value("three"));
+    TvLog::rs().debug("d");
+    TvLog::defaultLog().notice("plain");
+
+    auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 5u);
+    struct Expected {
+        LogLevel level;
+        const char* subsystem;
+        const char* category;
+        const char* message;
+    } expected[] = {
+        {LogLevel::Error, "com.veltra.Tarvik", "ops", "e 1"},
+        {LogLevel::Default, "com.veltra.Tarvik", "traffic", "n two"},
+        {LogLevel::Info, "com.veltra.Tarvik", "extension", "i three"},
+        {LogLevel::Debug, "com.veltra.Tarvik", "rs", "d"},
+        {LogLevel::Default, "", "", "plain"},
+    };
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(lines[i].level, expected[i].level) << i;
+        EXPECT_EQ(lines[i].subsystem, expected[i].subsystem) << i;
+        EXPECT_EQ(lines[i].category, expected[i].category) << i;
+        EXPECT_EQ(lines[i].message, expected[i].message) << i;
+    }
+}
+
+TEST(TvLogTest, HandlesAreMadeOnceWhateverThreadAsksFirst)
+{
+    std::vector<const TvLog*> seen(8);
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < seen.size(); ++i)
+        threads.emplace_back([&, i] { seen[i] = i % 2 ? &TvLog::rs() : &TvLog::ops(); });
+    for (auto& t : threads)
+        t.join();
+    for (std::size_t i = 0; i < seen.size(); ++i)
+        EXPECT_EQ(seen[i], i % 2 ? &TvLog::rs() : &TvLog::ops());
+    EXPECT_NE(&TvLog::ops(), &TvLog::traffic());
+}
+
+TEST(TvLogTest, ThresholdAndRedactionOfTheInstalledLog)
+{
+    auto sink = std::make_shared<ThresholdSink>(LogLevel::Default, true);
+    auto previous = platform::setSystemLog(sink);
+    TvLog::ops().notice("opened %@ for %{public}@ (%d)", Value("/secret/path"), Value("host"), 7);
+    TvLog::ops().info("not shown %s", "x");
+    TvLog::ops().debug("not shown");
+    TvLog::ops().error("failed: %{public}s", "why");
+    EXPECT_TRUE(TvLog::ops().enabled(LogLevel::Error));
+    EXPECT_FALSE(TvLog::ops().enabled(LogLevel::Info));
+    platform::setSystemLog(previous);
+    EXPECT_EQ(sink->lines, (std::vector<std::string>{"opened <private> for host (7)", "failed: why"}));
+}
+
+} // namespace
+} // namespace tv
