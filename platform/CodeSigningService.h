@@ -42,10 +42,10 @@ public:
 
     // The value of entitlement `key` for the task's process; null when it
     // has no such entitlement. When the signature could not be determined,
-    // `*error` (if given) is set and null is returned; on success `*error`
+    // `*error` (when `error` is not null) is set and null is returned; on success `*error`
     // is left untouched.
     virtual Value entitlementValueForKey(const CodeSigningTask& task, std::string_view key,
-                                         MaybeError* error = nullptr) = 0;
+                                         MaybeError* error) = 0;
 
     // Every entitlement granted to the executable at `path`, as a dictionary
     // (empty when none is granted). Used where no process is at hand, for
