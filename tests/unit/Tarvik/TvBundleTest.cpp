@@ -5,62 +5,13 @@
 #include "tests/support/FakeVlistFiles.h"
 #include "tests/support/LogCapture.h"
 
-#include <atomic>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <thread>
 
 namespace tv {
 namespace {
 
 using test::FakeVlistFiles;
-
-// The real service over fake vlist files, counting support-directory
-// requests; optionally answering opens by executable with a handle that
-// names no bundle, as some services do.
-class CountingBundleService final : public platform::BundleService {
-public:
-    explicit CountingBundleService(bool unmappedHandles = false)
-        : inner_(FakeVlistFiles::reader()), unmappedHandles_(unmappedHandles)
-    {
-    }
-
-    std::atomic<int> supportRequests{0};
-
-    std::shared_ptr<platform::BundleHandle> openBundleDirectory(const std::string& path) override
-    {
-        return inner_.openBundleDirectory(path);
-    }
-    std::shared_ptr<platform::BundleHandle> openBundleWithExecutable(const std::string& path) override
-    {
-        if (auto handle = inner_.openBundleWithExecutable(path))
-            return handle;
-        return unmappedHandles_ ? std::make_shared<Unmapped>() : nullptr;
-    }
-    std::shared_ptr<platform::BundleHandle> openMainBundle() override { return inner_.openMainBundle(); }
-    std::optional<std::string> bundlePath(const platform::BundleHandle& b) override { return inner_.bundlePath(b); }
-    std::optional<std::string> executablePath(const platform::BundleHandle& b) override
-    {
-        return inner_.executablePath(b);
-    }
-    std::optional<std::string> supportDirectory(const platform::BundleHandle& b) override
-    {
-        ++supportRequests;
-        return inner_.supportDirectory(b);
-    }
-    Value infoDictionary(const platform::BundleHandle& b) override { return inner_.infoDictionary(b); }
-    std::optional<std::string> bundleIdentifier(const platform::BundleHandle& b) override
-    {
-        return inner_.bundleIdentifier(b);
-    }
-
-private:
-    struct Unmapped final : platform::BundleHandle {
-        std::string description() const override { return "<unmapped>"; }
-    };
-    platform::LinuxBundleService inner_;
-    bool unmappedHandles_;
-};
 
 class TvBundleTest : public ::testing::Test {
 protected:
@@ -76,7 +27,7 @@ protected:
 
     FakeVlistFiles files_;
     std::string app_;
-    std::shared_ptr<CountingBundleService> service_ = std::make_shared<CountingBundleService>();
+    TvBundle::ServicePtr service_ = std::make_shared<platform::LinuxBundleService>(FakeVlistFiles::reader());
     TvBundle::ServicePtr previous_;
 };
 
@@ -93,13 +44,6 @@ TEST_F(TvBundleTest, OpensByExecutableOrFallsBackToTheBundleDirectory)
     auto byDirectory = TvBundle::initWithExecutablePath(app_);
     ASSERT_NE(byDirectory, nullptr);
     EXPECT_EQ(byDirectory->path(), app_);
-
-    // Likewise when the service answers with a handle that names no bundle.
-    auto unmapping = std::make_shared<CountingBundleService>(true);
-    auto viaUnmapped = TvBundle::initWithExecutablePath(app_, unmapping);
-    ASSERT_NE(viaUnmapped, nullptr);
-    EXPECT_EQ(viaUnmapped->path(), app_);
-    EXPECT_EQ(TvBundle::initWithExecutablePath(files_.path("nothing-here"), unmapping), nullptr);
 
     files_.writeText("loose", "x", 0755);
     EXPECT_EQ(TvBundle::initWithExecutablePath(files_.path("loose")), nullptr);
@@ -147,29 +91,6 @@ TEST_F(TvBundleTest, UnreadableInformationIsLoggedAndNeverCached)
     EXPECT_EQ(bundle->infoDictionary()["KbBundleIdentifier"], Value("com.example.new"));
     EXPECT_EQ(bundle->bundleIdentifier(), "com.example.new");
     EXPECT_EQ(log.lines().size(), 2u);
-}
-
-TEST_F(TvBundleTest, SupportPathIsFetchedOnceAndShared)
-{
-    auto bundle = TvBundle::initWithPath(app_);
-    ASSERT_NE(bundle, nullptr);
-    std::vector<std::thread> readers;
-    std::atomic<int> mismatches{0};
-    for (int i = 0; i < 4; ++i)
-        readers.emplace_back([&] {
-            for (int j = 0; j < 50; ++j)
-                if (bundle->supportPath() != app_)
-                    ++mismatches;
-        });
-    for (auto& reader : readers)
-        reader.join();
-    EXPECT_EQ(mismatches, 0);
-    // Racing first reads may each ask; after that the cache answers.
-    EXPECT_GE(service_->supportRequests, 1);
-    EXPECT_LE(service_->supportRequests, 4);
-    const int asked = service_->supportRequests;
-    EXPECT_EQ(bundle->plugInsPath(), app_ + "/PlugIns");
-    EXPECT_EQ(service_->supportRequests, asked);
 }
 
 TEST_F(TvBundleTest, MainBundleAndMissingService)

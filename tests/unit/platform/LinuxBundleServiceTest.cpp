@@ -93,50 +93,5 @@ TEST(LinuxBundleServiceTest, DeclaredExecutableMustStayInsideTheBundle)
     EXPECT_EQ(service.openBundleWithExecutable(files.path("victim")), nullptr);
 }
 
-TEST(LinuxBundleServiceTest, MainBundleIsTheBundleOfTheRunningExecutable)
-{
-    FakeVlistFiles files;
-    const std::string app = files.makeDirectory("Example.app");
-    files.writeValue("Example.app/Info.vlist", info("com.example.app", "example"));
-    files.writeText("Example.app/example", "x", 0755);
-    files.writeText("loose", "x", 0755);
-    fs::create_symlink(app + "/example", files.path("self-in-bundle"));
-    fs::create_symlink(files.path("loose"), files.path("self-loose"));
-
-    LinuxBundleService inBundle(FakeVlistFiles::reader(), files.path("self-in-bundle"));
-    EXPECT_EQ(bundlePathOf(inBundle, inBundle.openMainBundle()), app);
-    LinuxBundleService loose(FakeVlistFiles::reader(), files.path("self-loose"));
-    EXPECT_EQ(loose.openMainBundle(), nullptr);
-    LinuxBundleService broken(FakeVlistFiles::reader(), files.path("no-such-link"));
-    EXPECT_EQ(broken.openMainBundle(), nullptr);
-}
-
-TEST(LinuxBundleServiceTest, InformationIsReadAgainOnEveryQuery)
-{
-    FakeVlistFiles files;
-    files.writeValue("Example.app/Info.vlist", info("com.example.one", "one"));
-    LinuxBundleService service(FakeVlistFiles::reader());
-    auto handle = service.openBundleDirectory(files.path("Example.app"));
-    ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(service.bundleIdentifier(*handle), "com.example.one");
-
-    files.writeValue("Example.app/Info.vlist", info("com.example.two", "two"));
-    EXPECT_EQ(service.bundleIdentifier(*handle), "com.example.two");
-    EXPECT_EQ(service.executablePath(*handle), files.path("Example.app/two"));
-
-    // Unreadable: no dictionary, no identifier, no executable, but the
-    // handle still names the bundle.
-    files.writeText("Example.app/Info.vlist", "not a document");
-    EXPECT_TRUE(service.infoDictionary(*handle).isNull());
-    EXPECT_EQ(service.bundleIdentifier(*handle), std::nullopt);
-    EXPECT_EQ(service.executablePath(*handle), std::nullopt);
-    EXPECT_EQ(service.bundlePath(*handle), files.path("Example.app"));
-
-    // A document whose root is not a dictionary is handed back as it is.
-    files.writeValue("Example.app/Info.vlist", Value(Array{Value("a")}));
-    EXPECT_TRUE(service.infoDictionary(*handle).isArray());
-    EXPECT_EQ(service.bundleIdentifier(*handle), std::nullopt);
-}
-
 } // namespace
 } // namespace tv::platform

@@ -2,7 +2,6 @@
 
 #include "platform/ErrnoError.h"
 #include "platform/LinuxBundleService.h"
-#include "platform/LinuxProcessInfo.h"
 #include "tests/support/FakeVlistFiles.h"
 #include "tests/support/LogCapture.h"
 
@@ -11,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -114,13 +112,6 @@ TEST_F(LinuxCodeSigningServiceTest, FilesOthersCouldWriteAreIgnoredWithALogLine)
     EXPECT_TRUE(log.contains("ignoring " + file + ": not a regular file"));
     ::unlink(file.c_str());
 
-    // Unparsable, or not a dictionary.
-    files_.writeText("Example.app/Entitlements.vlist", "garbage");
-    EXPECT_TRUE(lookup(100, "com.example.manager").isNull());
-    files_.writeValue("Example.app/Entitlements.vlist", Value(Array{Value("com.example.manager")}));
-    EXPECT_TRUE(lookup(100, "com.example.manager").isNull());
-    EXPECT_TRUE(log.contains("ignoring " + file + ": not a dictionary"));
-
     // An executable anyone could replace earns nothing either.
     files_.writeValue("Example.app/Entitlements.vlist", Value{{"com.example.manager", Value(true)}});
     ::chmod(processes_->executables[100].c_str(), 0777);
@@ -173,28 +164,6 @@ TEST_F(LinuxCodeSigningServiceTest, DropInsGrantEntitlementsToExecutablesOutside
     Result<Value> missing = codesign.entitlementsOfExecutable(files_.path("bin/missing"));
     ASSERT_FALSE(missing.ok());
     EXPECT_EQ(missing.error().code, ENOENT);
-}
-
-TEST_F(LinuxCodeSigningServiceTest, TaskOfThisProcessThroughProcfs)
-{
-    const std::string self = fs::read_symlink("/proc/self/exe").string();
-    struct stat exe{}, dir{};
-    ASSERT_EQ(::stat(self.c_str(), &exe), 0);
-    ASSERT_EQ(::stat(fs::path(self).parent_path().c_str(), &dir), 0);
-    for (const struct stat* st : {&exe, &dir})
-        if ((st->st_uid != 0 && st->st_uid != ::geteuid()) || (st->st_mode & (S_IWGRP | S_IWOTH)))
-            GTEST_SKIP() << "the test program's location is not trusted for entitlements";
-
-    files_.writeValue("entitlements.d/self.vlist",
-                      Value{{"Executable", Value(self)}, {"Entitlements", Value{{"com.example.self", Value("yes")}}}});
-    int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, ::getpid(), 0));
-    ASSERT_GE(pidfd, 0);
-    LinuxCodeSigningService codesign(std::make_shared<LinuxProcessInfo>(),
-                                     std::make_shared<LinuxBundleService>(FakeVlistFiles::reader()), dropIns_,
-                                     FakeVlistFiles::reader());
-    auto task = codesign.createTask(AuditToken{::getpid(), ::getuid(), ::getgid(), pidfd});
-    EXPECT_EQ(codesign.entitlementValueForKey(*task, "com.example.self", nullptr), Value("yes"));
-    ::close(pidfd);
 }
 
 } // namespace
