@@ -161,7 +161,8 @@ Value LinuxBundleService::infoDictionary(const BundleHandle& bundle)
 
 std::optional<std::string> LinuxBundleService::bundleIdentifier(const BundleHandle& bundle)
 {
-    if (const std::string* identifier = infoDictionary(bundle)["KbBundleIdentifier"].asString())
+    const Value info = infoDictionary(bundle);
+    if (const std::string* identifier = info["KbBundleIdentifier"].asString())
         return *identifier;
     return std::nullopt;
 }
