@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cmath>
 #include <limits>
-#include <set>
 
 namespace tv::platform {
 
@@ -115,7 +114,7 @@ public:
             auto tag = tagNamed(k);
             if (!tag)
                 return fail("unknown tag \"" + k + "\"");
-            if (!top.seen.empty() || top.key || top.tag)
+            if (!top.entries.empty() || top.key || top.tag)
                 return fail("tag \"" + k + "\" must be the object's only member");
             top.tag = tag;
             top.tagName = k;
@@ -123,7 +122,7 @@ public:
         }
         if (top.tag)
             return fail("tag \"" + top.tagName + "\" must be the object's only member");
-        if (top.seen.count(k))
+        if (top.entries.count(k))
             return fail("duplicate key \"" + k + "\"");
         top.key = std::move(k);
         return true;
@@ -160,7 +159,6 @@ private:
         bool object;
         Array items;
         Dictionary entries;
-        std::set<std::string, std::less<>> seen; // keys, null members included
         std::optional<std::string> key;
         std::optional<Tag> tag;
         std::string tagName;
@@ -186,7 +184,7 @@ private:
             return fail("bad value for \"" + stack_.back().tagName + "\": a container");
         if (tooDeep())
             return fail("nesting deeper than " + std::to_string(limits_.maxDepth));
-        stack_.push_back(Frame{object, {}, {}, {}, {}, {}, {}, {}});
+        stack_.push_back(Frame{object, {}, {}, {}, {}, {}, {}});
         return true;
     }
 
@@ -209,9 +207,9 @@ private:
         } else if (top.tag) {
             top.tagValue = std::move(v);
         } else {
-            top.seen.insert(*top.key);
-            if (!v.isNull())
-                top.entries.emplace(std::move(*top.key), std::move(v));
+            // Null members stay until the dictionary is built (which drops
+            // them), so that a duplicate of a null member is still caught.
+            top.entries.emplace(std::move(*top.key), std::move(v));
             top.key.reset();
         }
         return true;

@@ -180,6 +180,9 @@ private:
         Array items;
         Dictionary entries;
         std::optional<std::string> key; // a dictionary's key awaiting its value
+        // Where that key goes in `entries`; none for the end, whose iterator
+        // would not survive the frame being moved when the stack grows.
+        std::optional<Dictionary::iterator> keyHint;
         bool hasValue = false;          // the root's one value has been seen
     };
 
@@ -224,7 +227,7 @@ private:
                 if (std::string_view(a[0]) == "version" && std::string_view(a[1]) != "1.0")
                     return fail("unsupported vlist version \"" + std::string(a[1]) + "\"");
             }
-            stack_.push_back(Frame{FrameKind::Root, {}, {}, {}, false});
+            stack_.push_back(Frame{FrameKind::Root, {}, {}, {}, {}, false});
             return;
         }
         if (leaf_)
@@ -247,7 +250,7 @@ private:
             return fail("nesting deeper than " + std::to_string(limits_.maxDepth));
 
         if (name == "array" || name == "dict") {
-            stack_.push_back(Frame{name == "array" ? FrameKind::Array : FrameKind::Dict, {}, {}, {}, false});
+            stack_.push_back(Frame{name == "array" ? FrameKind::Array : FrameKind::Dict, {}, {}, {}, {}, false});
             return;
         }
         if (!leaf)
@@ -267,8 +270,10 @@ private:
             leaf_.reset();
             if (leaf == Leaf::Key) {
                 Frame& dict = stack_.back();
-                if (dict.entries.count(text_))
+                auto at = dict.entries.lower_bound(text_);
+                if (at != dict.entries.end() && at->first == text_)
                     return fail("duplicate key \"" + text_ + "\"");
+                dict.keyHint = at == dict.entries.end() ? std::nullopt : std::optional(at);
                 dict.key = std::move(text_);
                 return;
             }
@@ -350,7 +355,7 @@ private:
             return;
         case FrameKind::Array: top.items.push_back(std::move(v)); return;
         case FrameKind::Dict:
-            top.entries.emplace(std::move(*top.key), std::move(v));
+            top.entries.emplace_hint(top.keyHint.value_or(top.entries.end()), std::move(*top.key), std::move(v));
             top.key.reset();
             return;
         }
