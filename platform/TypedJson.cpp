@@ -99,6 +99,8 @@ public:
         // JSON an integer literal is always a 64-bit integer.
         if (text.find_first_of(".eE") == std::string::npos)
             return fail("integer out of range: " + text);
+        if (!std::isfinite(d))
+            return fail("number out of range: " + text);
         return scalar(Value(d));
     }
     bool string(string_t& s) override { return scalar(Value(std::move(s))); }

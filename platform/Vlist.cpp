@@ -538,7 +538,9 @@ Result<Value> parseVlist(std::string_view xml, const VlistLimits& limits)
 
 Result<Value> readVlistFile(const std::string& path, const VlistLimits& limits)
 {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // O_NONBLOCK: opening a FIFO must not wait for a writer; it is refused
+    // below as not a regular file.
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0)
         return posixError(errno, "open " + path);
     struct stat st {};

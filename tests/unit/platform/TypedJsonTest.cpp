@@ -84,6 +84,7 @@ TEST(TypedJsonTest, RefusesMalformedAndAmbiguousText)
         "NaN",
         "18446744073709551616",
         "-9223372036854775809",
+        "1e400",
         R"({"a": 1, "a": 2})",
         R"({"a": null, "a": 2})",
         R"({"$int": 1, "x": 2})",

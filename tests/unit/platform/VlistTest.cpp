@@ -335,6 +335,8 @@ TEST(VlistTest, ReadsFilesWithinLimits)
     EXPECT_EQ(missing.error().domain, kPosixErrorDomain);
     EXPECT_EQ(missing.error().code, ENOENT);
     EXPECT_FALSE(readVlistFile(dir.path()).ok());
+    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+    EXPECT_FALSE(readVlistFile(dir / "fifo").ok()); // without waiting for a writer
 
     VlistLimits small;
     small.maxBytes = 40;
