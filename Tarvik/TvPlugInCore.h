@@ -208,7 +208,7 @@ public:
 
     // --- Derived properties (computed on every read) ------------------------
 
-    virtual std::string path() const;                     // path of url(); "" without one
+    virtual std::string path() const;                     // path of url() without trailing "/"; "" without one
     virtual std::optional<std::string> containingPath() const;
     virtual Value attributes() const;                     // pluginKey "KoExtensionAttributes"
     virtual Value version() const;                        // attribute "KoExtensionVersion"
