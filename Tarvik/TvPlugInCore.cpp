@@ -216,8 +216,9 @@ bool TvPlugInCore::isEqual(const TvPlugInCore* other) const
 std::uint64_t TvPlugInCore::hash() const
 {
     // FNV-1a over the 16 bytes: cheap, and every byte counts.
+    const Uuid id = identityUuid();
     std::uint64_t h = 0xcbf29ce484222325ull;
-    for (std::uint8_t b : identityUuid().bytes()) {
+    for (std::uint8_t b : id.bytes()) {
         h ^= b;
         h *= 0x100000001b3ull;
     }
@@ -371,7 +372,11 @@ Result<Value> TvPlugInCore::exportForm() const
     required(kFormIdentifier, optionalString(identifier()));
     required(kFormOriginalIdentifier, optionalString(originalIdentifier()));
     required(kFormVersion, version());
-    required(kFormBundleInfo, bundleInfo.isDictionary() ? bundleInfo.without(kBundleInfoVlistUrlKey) : Value());
+    if (!bundleInfo.isDictionary())
+        bundleInfo = Value();
+    else if (!bundleInfo[kBundleInfoVlistUrlKey].isNull())
+        bundleInfo = bundleInfo.without(kBundleInfoVlistUrlKey);
+    required(kFormBundleInfo, std::move(bundleInfo));
     required(kFormInfo, plugInDictionary());
     required(kFormUuid, id ? Value(id->string()) : Value());
     required(kFormLastModified, Value(lastModified()));
