@@ -461,18 +461,18 @@ Value TvPlugInCore::version() const
 
 Value TvPlugInCore::protocolSpec() const
 {
-    Value spec = pluginKey(kKoExtensionProtocolKey);
-    if (spec.isNull() && isAppExtension())
+    Value named = pluginKey(kKoExtensionProtocolKey);
+    if (named.isNull() && isAppExtension())
         return Value(kKoObject);
-    return spec;
+    return named;
 }
 
 Value TvPlugInCore::principalSpec() const
 {
-    Value spec = pluginKey(kPrincipalClassKey);
-    if (spec.isNull() && isAppExtension())
+    Value named = pluginKey(kPrincipalClassKey);
+    if (named.isNull() && isAppExtension())
         return Value(kKoObject);
-    return spec;
+    return named;
 }
 
 Value TvPlugInCore::sdkSpec() const
@@ -487,8 +487,8 @@ Value TvPlugInCore::embeddedCodePath() const
 
 Value TvPlugInCore::embeddedProtocolSpec() const
 {
-    Value spec = pluginKey(kEmbeddedProtocolKey);
-    return spec.isNull() ? protocolSpec() : spec;
+    Value named = pluginKey(kEmbeddedProtocolKey);
+    return named.isNull() ? protocolSpec() : named;
 }
 
 bool TvPlugInCore::isAppExtension() const

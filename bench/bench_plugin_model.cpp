@@ -18,8 +18,7 @@ Value attributes(int n, const char* prefix)
         d.emplace(std::string(prefix) + "Attribute" + std::to_string(i), Value("value " + std::to_string(i)));
     d.emplace("KoExtensionVersion", Value("3.1"));
     d.emplace("CleanTimeout", Value(10));
-    d.emplace("NSExtensionActivationRule",
-              Value{{"SupportsImageWithMaxCount", 10}, {"SupportsText", true}, {"SupportsWebURLWithMaxCount", 1}});
+    d.emplace("ActivationRule", Value{{"MaxImages", 10}, {"Text", true}, {"MaxLinks", 1}});
     return Value(std::move(d));
 }
 
