@@ -1,0 +1,33 @@
+#include "tests/support/FakeExtensionSdkRegistry.h"
+
+namespace tv::test {
+
+void FakeExtensionSdkRegistry::set(const std::string& identifier, Value dictionary)
+{
+    std::lock_guard lock(mutex_);
+    entries_.insert_or_assign(identifier, std::move(dictionary));
+}
+
+void FakeExtensionSdkRegistry::remove(const std::string& identifier)
+{
+    std::lock_guard lock(mutex_);
+    entries_.erase(identifier);
+}
+
+std::size_t FakeExtensionSdkRegistry::lookUpCount() const
+{
+    std::lock_guard lock(mutex_);
+    return lookUps_;
+}
+
+std::optional<Value> FakeExtensionSdkRegistry::lookUp(const std::string& extensionPointIdentifier)
+{
+    std::lock_guard lock(mutex_);
+    ++lookUps_;
+    auto it = entries_.find(extensionPointIdentifier);
+    if (it == entries_.end())
+        return std::nullopt;
+    return it->second;
+}
+
+} // namespace tv::test
