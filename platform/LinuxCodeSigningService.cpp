@@ -1,6 +1,6 @@
 #include "platform/LinuxCodeSigningService.h"
 
-#include "platform/ErrnoError.h"
+#include "platform/PosixError.h"
 #include "platform/PlatformLog.h"
 
 #include <algorithm>
@@ -60,7 +60,7 @@ std::string distrustPath(const std::string& path)
 {
     struct stat st{};
     if (::stat(path.c_str(), &st) != 0)
-        return errnoError(errno, "stat " + path).localizedDescription();
+        return posixError(errno, "stat " + path).localizedDescription();
     std::string reason = distrust(st);
     return reason.empty() ? reason : path + " is " + reason;
 }
@@ -104,7 +104,7 @@ Value LinuxCodeSigningService::entitlementValueForKey(const CodeSigningTask& tas
     const auto* ours = dynamic_cast<const LinuxCodeSigningTask*>(&task);
     if (!ours) {
         if (error)
-            *error = errnoError(EINVAL, "code-signing task " + task.description() + " of another service");
+            *error = posixError(EINVAL, "code-signing task " + task.description() + " of another service");
         return {};
     }
     if (!ours->entitlements().ok()) {
@@ -120,7 +120,7 @@ Result<Value> LinuxCodeSigningService::entitlementsOfExecutable(const std::strin
     const std::string executable = canonical(path);
     struct stat st{};
     if (::stat(executable.c_str(), &st) != 0)
-        return errnoError(errno, "stat " + executable);
+        return posixError(errno, "stat " + executable);
 
     std::string reason = distrustPath(executable);
     if (reason.empty())
@@ -195,7 +195,7 @@ Value LinuxCodeSigningService::readTrustedFile(const std::string& file, const st
     if (::lstat(file.c_str(), &before) != 0) {
         if (errno != ENOENT)
             logIgnored("ignoring %{public}s: %{public}s", file,
-                       errnoError(errno, "lstat").localizedDescription());
+                       posixError(errno, "lstat").localizedDescription());
         return {};
     }
     std::string reason;

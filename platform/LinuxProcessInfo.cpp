@@ -1,6 +1,6 @@
 #include "platform/LinuxProcessInfo.h"
 
-#include "platform/ErrnoError.h"
+#include "platform/PosixError.h"
 
 #include <cerrno>
 #include <csignal>
@@ -34,12 +34,12 @@ MaybeError checkPidfd(pid_t pid, int pidfd)
 {
     std::optional<long> pidfdPid = pidOfPidfd(pidfd);
     if (!pidfdPid)
-        return errnoError(EBADF, "pidfd " + std::to_string(pidfd) + " is not a process descriptor");
+        return posixError(EBADF, "pidfd " + std::to_string(pidfd) + " is not a process descriptor");
     if (*pidfdPid != pid)
-        return errnoError(ESRCH, "pidfd no longer denotes process " + std::to_string(pid));
+        return posixError(ESRCH, "pidfd no longer denotes process " + std::to_string(pid));
     // EPERM still proves the process is there: only permission was refused.
     if (::syscall(SYS_pidfd_send_signal, pidfd, 0, nullptr, 0) != 0 && errno != EPERM)
-        return errnoError(errno, "pidfd_send_signal to process " + std::to_string(pid));
+        return posixError(errno, "pidfd_send_signal to process " + std::to_string(pid));
     return std::nullopt;
 }
 
@@ -50,16 +50,16 @@ LinuxProcessInfo::LinuxProcessInfo(std::string procRoot) : procRoot_(std::move(p
 Result<std::string> LinuxProcessInfo::executablePath(pid_t pid, int pidfd) const
 {
     if (pid <= 0)
-        return errnoError(ESRCH, "no process " + std::to_string(pid));
+        return posixError(ESRCH, "no process " + std::to_string(pid));
     const std::string link = procRoot_ + "/" + std::to_string(pid) + "/exe";
     char buffer[kExecutablePathBufferSize];
     ssize_t length = ::readlink(link.c_str(), buffer, sizeof buffer);
     if (length < 0)
-        return errnoError(errno, "readlink " + link);
+        return posixError(errno, "readlink " + link);
     // A path that fills the buffer may have been cut, and leaves no room for
     // the terminator that the buffer's size counts.
     if (static_cast<std::size_t>(length) >= sizeof buffer)
-        return errnoError(ENAMETOOLONG, "readlink " + link);
+        return posixError(ENAMETOOLONG, "readlink " + link);
     if (pidfd >= 0) {
         if (MaybeError error = checkPidfd(pid, pidfd))
             return *error;

@@ -1,5 +1,7 @@
 #include "platform/LinuxSandboxService.h"
 
+#include "platform/PosixError.h"
+
 #include "platform/PlatformConfig.h"
 #include "platform/PlatformLog.h"
 
@@ -26,12 +28,10 @@ namespace {
 constexpr std::size_t kMaxClassLength = 255;
 constexpr std::size_t kMacHexLength = 64;
 
-// The one place where an errno becomes an error value for this service; the
-// errno is left set for callers that read it.
-TvError posixError(int err, const std::string& what)
+// Failures leave their errno set for callers that read it.
+TvError failure(int err, const std::string& what)
 {
-    TvError e = makeError(err, what + ": " + std::strerror(err));
-    e.domain = SandboxService::kErrorDomain;
+    TvError e = platform::posixError(err, what);
     errno = err;
     return e;
 }
@@ -123,7 +123,7 @@ Result<LinuxSandboxService::Key> LinuxSandboxService::keyLocked()
     if (key_)
         return *key_;
     if (int err = makeDirectories(runtimeDir_))
-        return posixError(err, "cannot make runtime directory " + runtimeDir_);
+        return failure(err, "cannot make runtime directory " + runtimeDir_);
     const std::string path = keyPath();
 
     // A few rounds at most: another process may create the key between our
@@ -148,22 +148,22 @@ Result<LinuxSandboxService::Key> LinuxSandboxService::keyLocked()
             platformLog(LogLevel::Error, "sandbox", "replacing sandbox key symbolic link %{public}s", path);
             replace = true;
         } else if (errno != ENOENT) {
-            return posixError(errno, "cannot open sandbox key " + path);
+            return failure(errno, "cannot open sandbox key " + path);
         }
 
         Key key;
         if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1)
-            return posixError(EIO, "cannot generate sandbox key");
+            return failure(EIO, "cannot generate sandbox key");
         std::string temp = path + ".XXXXXX";
         int tfd = ::mkostemp(temp.data(), O_CLOEXEC);
         if (tfd < 0)
-            return posixError(errno, "cannot create sandbox key in " + runtimeDir_);
+            return failure(errno, "cannot create sandbox key in " + runtimeDir_);
         bool written = ::fchmod(tfd, 0600) == 0 && writeFully(tfd, key.data(), key.size()) && ::fsync(tfd) == 0;
         int writeErr = errno;
         ::close(tfd);
         if (!written) {
             ::unlink(temp.c_str());
-            return posixError(writeErr ? writeErr : EIO, "cannot write sandbox key " + temp);
+            return failure(writeErr ? writeErr : EIO, "cannot write sandbox key " + temp);
         }
         // A missing key is created with link(), which fails when another
         // process got there first; an unusable one is replaced by rename().
@@ -176,9 +176,9 @@ Result<LinuxSandboxService::Key> LinuxSandboxService::keyLocked()
             return key;
         }
         if (placeErr != EEXIST)
-            return posixError(placeErr, "cannot install sandbox key " + path);
+            return failure(placeErr, "cannot install sandbox key " + path);
     }
-    return posixError(EAGAIN, "sandbox key " + path + " keeps changing");
+    return failure(EAGAIN, "sandbox key " + path + " keeps changing");
 }
 
 std::string LinuxSandboxService::macHex(const Key& key, std::string_view text) const
@@ -201,19 +201,19 @@ Result<std::string> LinuxSandboxService::issueFileExtension(std::string_view ext
                                                             std::uint32_t flags)
 {
     if (!isValidClass(extensionClass))
-        return posixError(EINVAL, "invalid extension class");
+        return failure(EINVAL, "invalid extension class");
     if (path.empty() || path.find('\0') != std::string_view::npos)
-        return posixError(EINVAL, "invalid path");
+        return failure(EINVAL, "invalid path");
     std::string granted;
     if (flags & kSandboxExtensionCanonical) {
         char* resolved = ::realpath(std::string(path).c_str(), nullptr);
         if (!resolved)
-            return posixError(errno, "cannot resolve " + std::string(path));
+            return failure(errno, "cannot resolve " + std::string(path));
         granted = resolved;
         std::free(resolved);
     } else {
         if (path.front() != '/')
-            return posixError(EINVAL, "path is not absolute: " + std::string(path));
+            return failure(EINVAL, "path is not absolute: " + std::string(path));
         granted = path;
     }
 
@@ -229,7 +229,7 @@ Result<std::string> LinuxSandboxService::issueFileExtension(std::string_view ext
 
 Result<std::int64_t> LinuxSandboxService::consumeExtension(std::string_view token)
 {
-    auto malformed = [] { return posixError(EINVAL, "malformed sandbox extension token"); };
+    auto malformed = [] { return failure(EINVAL, "malformed sandbox extension token"); };
     std::string_view rest = token;
     std::size_t at = rest.find(';');
     if (at == std::string_view::npos || !isValidClass(rest.substr(0, at)))
@@ -268,7 +268,7 @@ Result<std::int64_t> LinuxSandboxService::consumeExtension(std::string_view toke
     HMAC(EVP_sha256(), key->data(), static_cast<int>(key->size()),
          reinterpret_cast<const unsigned char*>(signedText.data()), signedText.size(), expected, &expectedLength);
     if (expectedLength != sizeof given || CRYPTO_memcmp(expected, given, sizeof given) != 0)
-        return posixError(EPERM, "sandbox extension token not issued here");
+        return failure(EPERM, "sandbox extension token not issued here");
     std::int64_t handle = nextHandle_++;
     grants_.emplace(handle, Grant{std::string(extensionClass), std::string(path)});
     return handle;
@@ -278,7 +278,7 @@ MaybeError LinuxSandboxService::releaseExtension(std::int64_t handle)
 {
     std::lock_guard lock(mutex_);
     if (grants_.erase(handle) == 0)
-        return posixError(EINVAL, "unknown sandbox extension handle " + std::to_string(handle));
+        return failure(EINVAL, "unknown sandbox extension handle " + std::to_string(handle));
     return std::nullopt;
 }
 

@@ -13,6 +13,7 @@
 #pragma once
 
 #include "Tarvik/base/Result.h"
+#include "platform/PosixError.h"
 
 #include <cstdint>
 #include <memory>
@@ -30,7 +31,7 @@ inline constexpr std::uint32_t kSandboxExtensionCanonical = 1u << 1;
 
 class SandboxService {
 public:
-    static constexpr const char* kErrorDomain = "POSIX";
+    static constexpr const char* kErrorDomain = kPosixErrorDomain;
 
     virtual ~SandboxService() = default;
 

@@ -1,6 +1,6 @@
 #include "platform/LinuxCodeSigningService.h"
 
-#include "platform/ErrnoError.h"
+#include "platform/PosixError.h"
 #include "platform/LinuxBundleService.h"
 #include "tests/support/FakeVlistFiles.h"
 #include "tests/support/LogCapture.h"
@@ -26,7 +26,7 @@ public:
     {
         auto it = executables.find(pid);
         if (it == executables.end())
-            return errnoError(ESRCH, "no process " + std::to_string(pid));
+            return posixError(ESRCH, "no process " + std::to_string(pid));
         return it->second;
     }
 };
