@@ -1,0 +1,59 @@
+#include "tests/support/ServerHarness.h"
+
+#include "Tarvik/TvBundle.h"
+#include "platform/LinuxBundleService.h"
+
+#include <stdexcept>
+
+namespace tv::test {
+
+ServerHarness::ServerHarness()
+{
+    if (!TvBundle::bundleService())
+        TvBundle::setBundleService(std::make_shared<platform::LinuxBundleService>());
+    TvdPlatform platform;
+    platform.vyn = vyn;
+    platform.processInfo = processInfo;
+    platform.codeSigning = codeSigning;
+    platform.makeQueue = [this](std::string label, SerialQueue::QoS) {
+        auto q = SerialQueue::createManual(label);
+        queues[label] = q;
+        return q;
+    };
+    server = TvdServer::initForServiceDatabase("/tmp/test.sock", nullptr, platform);
+    if (!server)
+        throw std::runtime_error("server construction failed");
+    server->run();
+}
+
+std::shared_ptr<FakeVynConnection> ServerHarness::connect(pid_t pid, std::string executable)
+{
+    processInfo->paths[pid] = std::move(executable);
+    platform::AuditToken token;
+    token.pid = pid;
+    auto connection = vyn->listener()->connect(token);
+    drain();
+    return connection;
+}
+
+std::uint64_t ServerHarness::send(FakeVynConnection& connection, Value body, bool expectsReply)
+{
+    platform::Message m(std::move(body));
+    m.setMessageId(++nextId_);
+    m.setExpectsReply(expectsReply);
+    connection.deliver(std::move(m));
+    return nextId_;
+}
+
+void ServerHarness::drain()
+{
+    while (queues["vyn"]->runUntilIdle() + queues["service"]->runUntilIdle() > 0) {
+    }
+}
+
+std::vector<platform::Message> ServerHarness::replies(const FakeVynConnection& connection) const
+{
+    return connection.sent();
+}
+
+} // namespace tv::test

@@ -1,0 +1,38 @@
+// ServerHarness: a TvdServer over fakes with manual queues, for unit tests of
+// the daemon's request path. connect() makes a client as the listener would;
+// send() delivers a request on it; drain() runs the "vyn" and "service"
+// queues until both are idle.
+#pragma once
+
+#include "tests/support/FakeClientIdentity.h"
+#include "tests/support/FakeVynService.h"
+#include "tvd/TvdServer.h"
+
+#include <map>
+#include <memory>
+#include <string>
+
+namespace tv::test {
+
+class ServerHarness {
+public:
+    ServerHarness();
+
+    std::shared_ptr<FakeVynConnection> connect(pid_t pid, std::string executable = "/usr/bin/host");
+    // A request expecting a reply; returns its message id.
+    std::uint64_t send(FakeVynConnection& connection, Value body, bool expectsReply = true);
+    void drain();
+    // The replies sent on `connection` so far.
+    std::vector<platform::Message> replies(const FakeVynConnection& connection) const;
+
+    std::shared_ptr<FakeVynService> vyn = std::make_shared<FakeVynService>();
+    std::shared_ptr<FakeProcessInfo> processInfo = std::make_shared<FakeProcessInfo>();
+    std::shared_ptr<FakeCodeSigningService> codeSigning = std::make_shared<FakeCodeSigningService>();
+    std::map<std::string, std::shared_ptr<SerialQueue>> queues;
+    std::shared_ptr<TvdServer> server;
+
+private:
+    std::uint64_t nextId_ = 100;
+};
+
+} // namespace tv::test

@@ -1,0 +1,234 @@
+#include "tvd/Transaction.h"
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/ServerHarness.h"
+#include "tests/support/TestDaemon.h"
+#include "tvd/TvdVynClient.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace tv {
+namespace {
+
+using test::ServerHarness;
+
+Value request(const char* type, Value version = Value(std::uint64_t{3}))
+{
+    Dictionary d;
+    if (type)
+        d["request"] = Value(type);
+    d["version"] = version;
+    return Value(std::move(d));
+}
+
+TEST(TransactionTest, OnlyVersionsTwoAndThreeAreServed)
+{
+    ServerHarness h;
+    auto c = h.connect(42);
+    for (std::uint64_t v = 0; v <= 5; ++v)
+        h.send(*c, request("bulk", Value(v)));
+    h.send(*c, request("bulk", Value(3))); // signed: reads as 0
+    h.send(*c, request("bulk", Value()));  // absent: reads as 0
+    h.drain();
+    auto r = h.replies(*c);
+    ASSERT_EQ(r.size(), 8u);
+    for (std::uint64_t v = 0; v <= 5; ++v) {
+        SCOPED_TRACE(v);
+        if (v == 2 || v == 3) {
+            EXPECT_EQ(r[v].body(), Value::emptyDictionary());
+        } else {
+            EXPECT_EQ(r[v].get("errorcode"), Value(std::uint64_t{7}));
+            EXPECT_EQ(r[v].get("error"),
+                      Value("unsupported protocol version " + std::to_string(v) + " (current 3)"));
+        }
+    }
+    EXPECT_EQ(r[6].get("error"), Value("unsupported protocol version 0 (current 3)"));
+    EXPECT_EQ(r[7].get("errorcode"), Value(std::uint64_t{7}));
+    // Each reply answers its own request.
+    for (const auto& reply : r)
+        EXPECT_TRUE(reply.isReply());
+    EXPECT_NE(r[0].replyTo(), r[1].replyTo());
+}
+
+TEST(TransactionTest, TypesAreMatchedExactlyAndUnlandedOnesAreRefused)
+{
+    test::LogCapture log;
+    ServerHarness h;
+    auto c = h.connect(42);
+    h.send(*c, request(nullptr));
+    h.send(*c, request("Add"));
+    h.send(*c, request("bulk-annotatex"));
+    h.send(*c, request("match"));
+    Value bulk = request("bulk").with("flags", Value(std::uint64_t{0x10}));
+    h.send(*c, bulk);
+    h.drain();
+    auto r = h.replies(*c);
+    ASSERT_EQ(r.size(), 5u);
+    EXPECT_EQ(r[0].get("errorcode"), Value(std::uint64_t{4}));
+    EXPECT_EQ(r[0].get("error"), Value("invalid request format (missing type)"));
+    for (int i : {1, 2, 3}) {
+        EXPECT_EQ(r[i].get("errorcode"), Value(std::uint64_t{4}));
+        EXPECT_EQ(r[i].get("error"), Value("unrecognized request"));
+    }
+    EXPECT_EQ(r[4].body(), Value::emptyDictionary());
+    EXPECT_EQ(log.count("bulk options 0x10 not supported"), 1u);
+    EXPECT_EQ(log.count("client 42 requested bulk"), 1u);
+}
+
+TEST(TransactionTest, DeadClientsQueuedRequestsGetNoReply)
+{
+    test::LogCapture log;
+    ServerHarness h;
+    auto c = h.connect(7);
+    auto other = h.connect(8);
+    h.send(*c, request("bulk"));
+    h.send(*c, request("bulk", Value(std::uint64_t{9})));
+    h.send(*other, request("bulk"));
+    // The requests reach the "service" queue; then the connection dies
+    // before they run.
+    h.queues["vyn"]->runUntilIdle();
+    c->deliver(platform::VynError{platform::VynError::Kind::ConnectionInvalid, "gone"});
+    h.queues["vyn"]->runUntilIdle();
+    EXPECT_TRUE(log.contains("client 7 is dead"));
+    h.drain();
+    // The supported request is dropped; the version refusal comes before the
+    // check for a dead client and is still answered.
+    auto r = h.replies(*c);
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].get("errorcode"), Value(std::uint64_t{7}));
+    EXPECT_EQ(log.count("client 7 requested bulk"), 0u);
+    // Other clients are served as usual.
+    EXPECT_EQ(h.replies(*other).size(), 1u);
+}
+
+TEST(TransactionTest, EveryThousandthRequestIsLogged)
+{
+    test::LogCapture log;
+    ServerHarness h;
+    auto c = h.connect(5);
+    for (int i = 0; i < 999; ++i)
+        h.send(*c, request("bulk"));
+    h.drain();
+    EXPECT_EQ(log.countContaining("requests so far"), 0u);
+    for (int i = 0; i < 1001; ++i)
+        h.send(*c, request("bulk"));
+    h.drain();
+    EXPECT_EQ(log.count("client 5 used 1000 requests so far"), 1u);
+    EXPECT_EQ(log.count("client 5 used 2000 requests so far"), 1u);
+    EXPECT_EQ(log.countContaining("requests so far"), 2u);
+    EXPECT_EQ(h.replies(*c).size(), 2000u);
+}
+
+TEST(TransactionTest, OneWayRequestsAreServedWithoutReply)
+{
+    test::LogCapture log;
+    ServerHarness h;
+    auto c = h.connect(5);
+    h.send(*c, request("bulk").with("flags", Value(std::uint64_t{1})), false);
+    h.drain();
+    EXPECT_TRUE(h.replies(*c).empty());
+    EXPECT_TRUE(log.contains("bulk options 0x1 not supported"));
+}
+
+// A transaction of a live client, outside the queues, for the walkers.
+struct Walk {
+    ServerHarness h;
+    std::shared_ptr<test::FakeVynConnection> c = h.connect(11);
+    std::vector<std::pair<std::string, bool>> seen;
+
+    bool run(Value paths, bool stopOnUnresolved = false)
+    {
+        platform::Message m(request("add").with("paths", std::move(paths)));
+        m.setMessageId(1);
+        m.setExpectsReply(true);
+        auto client = std::static_pointer_cast<TvdVynClient>(c->context());
+        Transaction t(m, client);
+        bool result = t.processPaths([&](const std::string& p, bool resolved) {
+            seen.emplace_back(p, resolved);
+            if (stopOnUnresolved && !resolved) {
+                t.failMessage(9, "stopped at " + p);
+                return false;
+            }
+            return true;
+        });
+        EXPECT_TRUE(t.replied());
+        return result;
+    }
+    platform::Message lastReply() const { return c->sent().back(); }
+};
+
+TEST(TransactionTest, PathWalkerCanonicalisesAndRefusesRelativePaths)
+{
+    test::TempDir dir;
+    std::filesystem::create_directories(dir.file("real/B.vext"));
+    std::filesystem::create_directory_symlink(dir.file("real"), dir.file("link"));
+
+    Walk ok;
+    EXPECT_TRUE(ok.run(Value(Array{Value(dir.file("link/B.vext")), Value(dir.file("link/../real/./B.vext")),
+                                   Value(dir.file("missing/X.vext"))})));
+    ASSERT_EQ(ok.seen.size(), 3u);
+    auto canonical = std::filesystem::canonical(dir.file("real/B.vext")).string();
+    EXPECT_EQ(ok.seen[0], std::make_pair(canonical, true));
+    EXPECT_EQ(ok.seen[1], std::make_pair(canonical, true));
+    // An unresolvable path reaches the step spelled as received.
+    EXPECT_EQ(ok.seen[2], std::make_pair(dir.file("missing/X.vext"), false));
+    EXPECT_EQ(ok.lastReply().body(), Value::emptyDictionary());
+
+    Walk relative;
+    EXPECT_FALSE(relative.run(Value(Array{Value(dir.file("real")), Value("rel/B.vext"), Value("/never")})));
+    EXPECT_EQ(relative.seen.size(), 1u); // elements before it were handled
+    EXPECT_EQ(relative.lastReply().get("errorcode"), Value(std::uint64_t{9}));
+    EXPECT_EQ(relative.lastReply().get("error"), Value("absolute path required: rel/B.vext"));
+
+    Walk stopped;
+    EXPECT_FALSE(stopped.run(Value(Array{Value("/no/such/path"), Value("/")}), true));
+    EXPECT_EQ(stopped.seen.size(), 1u);
+    EXPECT_EQ(stopped.c->sent().size(), 1u); // the step's failure is the only reply
+
+    Walk empty;
+    EXPECT_TRUE(empty.run(Value(Array{})));
+    EXPECT_TRUE(empty.seen.empty());
+
+    for (Value bad : {Value(), Value("/a/string"), Value(Array{Value(3)})}) {
+        Walk w;
+        EXPECT_FALSE(w.run(bad));
+        EXPECT_EQ(w.lastReply().get("errorcode"), Value(std::uint64_t{4}));
+        EXPECT_EQ(w.lastReply().get("error"), Value("invalid request format"));
+    }
+}
+
+TEST(TransactionTest, ExactlyOneReplyAndErrorValuesPassedOn)
+{
+    test::LogCapture log;
+    ServerHarness h;
+    auto c = h.connect(3);
+    auto client = std::static_pointer_cast<TvdVynClient>(c->context());
+    platform::Message m(request("bulk"));
+    m.setMessageId(9);
+    m.setExpectsReply(true);
+
+    Transaction own(m, client);
+    own.failError(2, makeError(11, "access to plugin x denied: y"));
+    own.done();
+    own.failMessage(4, "late");
+    auto sent = c->sent();
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].get("errorcode"), Value(std::uint64_t{11}));
+    EXPECT_EQ(sent[0].get("error"), Value("access to plugin x denied: y"));
+    EXPECT_EQ(log.countContaining("second reply to one request of client 3 refused"), 2u);
+
+    Transaction foreign(m, client);
+    foreign.failError(4, TvError{"POSIX", 2, "open: No such file or directory"});
+    EXPECT_EQ(c->sent().back().get("errorcode"), Value(std::uint64_t{4}));
+    EXPECT_EQ(c->sent().back().get("error"), Value("open: No such file or directory"));
+
+    Transaction silent(m, client);
+    silent.failError(4, makeError(12));
+    EXPECT_EQ(c->sent().back().get("errorcode"), Value(std::uint64_t{12}));
+    EXPECT_TRUE(c->sent().back().get("error").isNull());
+}
+
+} // namespace
+} // namespace tv
