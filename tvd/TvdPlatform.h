@@ -27,9 +27,10 @@ struct TvdPlatform {
     std::function<std::shared_ptr<SerialQueue>(std::string label, SerialQueue::QoS qos)> makeQueue =
         [](std::string label, SerialQueue::QoS qos) { return SerialQueue::create(std::move(label), qos); };
 
-    // The process's main event loop; does not return while the daemon lives.
-    // Null: TvdServer::run() returns once the listener is resumed (tests).
-    std::function<void()> runMainLoop;
+    // The process's main event loop. It returns only when the process should
+    // end, with the status to exit with. Null: TvdServer::run() returns 0 once
+    // the listener is resumed (tests).
+    std::function<int()> runMainLoop;
 };
 
 } // namespace tv

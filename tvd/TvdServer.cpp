@@ -61,11 +61,10 @@ void TvdServer::acceptConnection(const std::shared_ptr<platform::VynConnection>&
     TvdVynClient::initWithConnectionServer(connection, shared_from_this());
 }
 
-void TvdServer::run()
+int TvdServer::run()
 {
     service_->resume();
-    if (platform_.runMainLoop)
-        platform_.runMainLoop();
+    return platform_.runMainLoop ? platform_.runMainLoop() : 0;
 }
 
 void TvdServer::submitWork(std::function<void()> work)

@@ -47,8 +47,10 @@ public:
     // The process-wide server (the last one built), or null.
     static std::shared_ptr<TvdServer> server();
 
-    // Resumes the listener and enters the main event loop for good.
-    void run();
+    // Resumes the listener and enters the main event loop, which returns only
+    // when the process should end (SIGTERM, or idleness of a socket-activated
+    // daemon), with the status to exit with.
+    int run();
 
     // Schedules `work` on the "service" queue and returns at once.
     void submitWork(std::function<void()> work);

@@ -152,8 +152,13 @@ int connectUnix(const std::string& path)
 bool TestDaemon::start(std::vector<std::string> args, std::map<std::string, std::string> env)
 {
     bool hasName = false;
-    for (const auto& a : args)
-        hasName |= a == "-S";
+    for (std::size_t i = 0; i + 1 < args.size(); ++i) {
+        if (args[i] == "-S") {
+            hasName = true;
+            const std::string& name = args[i + 1];
+            socketPath_ = name.find('/') != std::string::npos ? name : dir_.file("run/vyn/" + name);
+        }
+    }
     std::vector<std::string> argv{TVD_BINARY};
     if (!hasName) {
         argv.push_back("-S");

@@ -46,7 +46,8 @@ public:
     ~TestDaemon();
 
     // Starts tvd with these arguments (the service name is the socket path
-    // unless args give "-S"). Waits until the socket accepts connections.
+    // unless args give "-S", whose socket is then waited for). Waits until
+    // the socket accepts connections.
     // Returns false when it did not come up in time.
     bool start(std::vector<std::string> args = {}, std::map<std::string, std::string> env = {});
     // SIGTERM and wait; returns the exit status (or -signal).

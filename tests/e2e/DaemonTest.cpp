@@ -1,0 +1,176 @@
+// The real tvd binary: command line, listening, tracing points, and cutting
+// misbehaving peers while others are served.
+#include "tests/support/TestDaemon.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tv {
+namespace {
+
+using test::runProgram;
+using test::TestDaemon;
+
+const std::string kUsage = "Usage: tvd [-S servicename] [-v]\n";
+
+TEST(DaemonTest, BadCommandLinesPrintUsageAndExit2)
+{
+    for (std::vector<std::string> args : {std::vector<std::string>{"-x"},
+                                          {"extra"},
+                                          {"-v", "operand"},
+                                          {"-S"},
+                                          {"-c"},
+                                          {"-d"}}) {
+        std::vector<std::string> argv{TVD_BINARY};
+        argv.insert(argv.end(), args.begin(), args.end());
+        auto r = runProgram(argv, {{"TVD_LOG_LEVEL", "default"}});
+        SCOPED_TRACE(args.front());
+        EXPECT_EQ(r.exitStatus, 2);
+        // The usage line is the last thing written ("-v" may log before it).
+        ASSERT_GE(r.err.size(), kUsage.size());
+        EXPECT_EQ(r.err.substr(r.err.size() - kUsage.size()), kUsage);
+    }
+}
+
+TEST(DaemonTest, UnusableConfigurationMeansNoServer)
+{
+    test::TempDir dir;
+    auto r = runProgram({TVD_BINARY, "-S", dir.file("s")}, {{"TVD_CONFIG", dir.file("missing.conf")}});
+    EXPECT_EQ(r.exitStatus, 1);
+    EXPECT_NE(r.err.find("unable to construct server"), std::string::npos);
+
+    // A socket path in a directory that cannot exist.
+    r = runProgram({TVD_BINARY, "-S", "/proc/version/sock"});
+    EXPECT_EQ(r.exitStatus, 1);
+    EXPECT_NE(r.err.find("unable to construct server"), std::string::npos);
+}
+
+TEST(DaemonTest, ListensAtTheNamedPathLogsLaunchAndStopsCleanly)
+{
+    TestDaemon d;
+    ASSERT_TRUE(d.start({"-v", "-v", "-c", "abc"})) << d.log();
+    struct stat st;
+    ASSERT_EQ(::stat(d.socketPath().c_str(), &st), 0);
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    std::string log = d.log();
+    EXPECT_NE(log.find("tvd is launching"), std::string::npos);
+    std::size_t n = 0;
+    for (std::size_t p = 0; (p = log.find("verbose option -v is ineffective", p)) != std::string::npos; ++p)
+        ++n;
+    EXPECT_EQ(n, 2u);
+    EXPECT_EQ(d.stop(), 0);
+}
+
+TEST(DaemonTest, NameWithoutSlashIsASocketInTheServiceDirectory)
+{
+    TestDaemon d;
+    ASSERT_TRUE(d.start({"-S", "com.example.test-tvd"})) << d.log();
+    EXPECT_EQ(d.socketPath(), d.root() + "/run/vyn/com.example.test-tvd");
+    EXPECT_EQ(d.stop(), 0);
+}
+
+TEST(DaemonTest, AllTenProbesAreCompiledIn)
+{
+    auto r = runProgram({"/usr/bin/readelf", "-n", TVD_BINARY});
+    ASSERT_EQ(r.exitStatus, 0) << r.err;
+    for (const char* probe : {"client__new", "client__done", "request__input", "request", "request__output",
+                              "plugin__add", "plugin__remove", "plugin__ready", "discover__raw", "db__load"}) {
+        EXPECT_NE(r.out.find(std::string("Name: ") + probe + "\n"), std::string::npos) << probe;
+    }
+    // Every probe has an is-enabled semaphore.
+    std::size_t notes = 0, semaphores = 0;
+    for (std::size_t p = 0; (p = r.out.find("stapsdt", p)) != std::string::npos; ++p)
+        ++notes;
+    for (std::size_t p = 0; (p = r.out.find("Semaphore: 0x", p)) != std::string::npos; ++p)
+        if (r.out.compare(p, 30, "Semaphore: 0x0000000000000000") != 0)
+            ++semaphores;
+    EXPECT_EQ(notes, 10u);
+    EXPECT_EQ(semaphores, 10u);
+}
+
+// Writes raw bytes; reads until the daemon closes the connection (true) or
+// the timeout passes (false).
+bool closedByPeer(int fd, std::chrono::milliseconds timeout)
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    char buf[4096];
+    while (std::chrono::steady_clock::now() < deadline) {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, 50) > 0) {
+            ssize_t n = ::read(fd, buf, sizeof buf);
+            if (n <= 0)
+                return true;
+        }
+    }
+    return false;
+}
+
+std::vector<std::uint8_t> header(std::uint32_t length, std::uint64_t id, std::uint8_t format = 1,
+                                 std::uint8_t flags = 1)
+{
+    std::vector<std::uint8_t> h(24, 0);
+    h[0] = format;
+    h[1] = flags;
+    std::memcpy(&h[4], &length, 4);
+    std::memcpy(&h[8], &id, 8);
+    return h;
+}
+
+TEST(DaemonTest, HostilePeersAreCutWhileOthersStayConnected)
+{
+    TestDaemon d;
+    ASSERT_TRUE(d.start()) << d.log();
+    int bystander = test::connectUnix(d.socketPath());
+    ASSERT_GE(bystander, 0);
+
+    struct Case {
+        const char* what;
+        std::vector<std::uint8_t> bytes;
+    };
+    std::vector<Case> cases;
+    cases.push_back({"giant frame", header(0xFFFFFFF0u, 1)});
+    cases.push_back({"bad format byte", header(1, 1, 0x7F)});
+    auto garbled = header(5, 1);
+    garbled.insert(garbled.end(), {0xEE, 0xEE, 0xEE, 0xEE, 0xEE});
+    cases.push_back({"garbled body", garbled});
+    auto notDict = header(1, 1);
+    notDict.push_back(0x02); // true
+    cases.push_back({"body not a dictionary", notDict});
+    auto deep = header(0, 1);
+    std::vector<std::uint8_t> body;
+    body.insert(body.end(), {0x0B, 1, 0, 0, 0, 1, 0, 0, 0, 'k'});
+    for (int i = 0; i < 100; ++i)
+        body.insert(body.end(), {0x0A, 1, 0, 0, 0});
+    body.push_back(0x02);
+    std::uint32_t len = static_cast<std::uint32_t>(body.size());
+    std::memcpy(&deep[4], &len, 4);
+    deep.insert(deep.end(), body.begin(), body.end());
+    cases.push_back({"too deep", deep});
+
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        int fd = test::connectUnix(d.socketPath());
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::write(fd, c.bytes.data(), c.bytes.size()), static_cast<ssize_t>(c.bytes.size()));
+        EXPECT_TRUE(closedByPeer(fd, std::chrono::seconds(5)));
+        ::close(fd);
+    }
+    // The bystander was never cut, and the daemon still accepts and serves.
+    pollfd p{bystander, POLLIN, 0};
+    EXPECT_EQ(::poll(&p, 1, 100), 0);
+    EXPECT_TRUE(d.running());
+    auto r = runProgram({TVKIT_BINARY, "--service", d.socketPath(), "raw", R"({"request": "bulk", "version": 3})"},
+                        d.clientEnv());
+    EXPECT_EQ(r.exitStatus, 0) << r.err;
+    ::close(bystander);
+    EXPECT_EQ(d.stop(), 0);
+}
+
+} // namespace
+} // namespace tv
