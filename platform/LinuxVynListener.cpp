@@ -40,7 +40,7 @@ void LinuxVynListener::resume()
     setup_.runtime->post([self] {
         if (self->setup_.fd < 0)
             return;
-        self->setup_.runtime->watch(self->setup_.fd, EPOLLIN, self);
+        self->setup_.runtime->watch(self->setup_.fd, self->accepting_ ? EPOLLIN : 0u, self);
         self->watched_ = true;
     });
 }
