@@ -5,12 +5,12 @@
 
 namespace tv::platform {
 
-TvError posixError(int err, std::string_view context)
+TvError posixError(int errnum, std::string_view what)
 {
     TvError e;
     e.domain = kPosixErrorDomain;
-    e.code = err;
-    e.description = std::string(context) + ": " + std::strerror(err);
+    e.code = errnum;
+    e.description = std::string(what) + ": " + std::strerror(errnum);
     return e;
 }
 

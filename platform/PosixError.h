@@ -1,5 +1,8 @@
-// The one place where errno becomes an error value: the "POSIX" domain,
-// errno as the code, and a description naming the operation and errno's text.
+// PosixError: the one place where an errno value becomes an error value.
+//
+// Errors of operating-system calls keep their own domain, "POSIX", with the
+// errno value as their code, so that a caller can tell "no such file" from
+// "permission denied" without parsing text.
 #pragma once
 
 #include "Tarvik/base/TvError.h"
@@ -10,8 +13,7 @@ namespace tv::platform {
 
 inline constexpr const char* kPosixErrorDomain = "POSIX";
 
-// An error of the "POSIX" domain: code `err`, description
-// "<context>: <strerror(err)>".
-TvError posixError(int err, std::string_view context);
+// An error of the "POSIX" domain: code `errnum`, description "<what>: <strerror text>".
+TvError posixError(int errnum, std::string_view what);
 
 } // namespace tv::platform

@@ -2,17 +2,26 @@
 
 namespace tv::platform {
 
-std::string eventDescription(const VynEvent& e)
+namespace {
+
+const char* kindName(VynError::Kind kind)
 {
-    if (auto m = eventMessage(e))
-        return m->description();
-    const VynError& err = std::get<VynError>(e);
-    switch (err.kind) {
-    case VynError::Kind::ConnectionInvalid: return "<error: connection invalid: " + err.description + ">";
-    case VynError::Kind::TerminationImminent: return "<error: termination imminent: " + err.description + ">";
+    switch (kind) {
+    case VynError::Kind::ConnectionInvalid: return "Connection invalid";
+    case VynError::Kind::TerminationImminent: return "Termination imminent";
     case VynError::Kind::Other: break;
     }
-    return "<error: " + err.description + ">";
+    return "Transport error";
+}
+
+} // namespace
+
+std::string eventDescription(const VynEvent& e)
+{
+    if (const Message* m = eventMessage(e))
+        return m->description();
+    const VynError& err = std::get<VynError>(e);
+    return err.description.empty() ? kindName(err.kind) : err.description;
 }
 
 } // namespace tv::platform

@@ -13,6 +13,8 @@ namespace tv {
 
 namespace {
 thread_local SerialQueue* tCurrentQueue = nullptr;
+// Set on a worker thread whose queue was destroyed by that thread itself.
+thread_local bool tQueueReleasedByOwnWorker = false;
 
 struct CurrentQueueScope {
     explicit CurrentQueueScope(SerialQueue* q) : saved(tCurrentQueue) { tCurrentQueue = q; }
@@ -42,9 +44,12 @@ SerialQueue::~SerialQueue()
     }
     cv_.notify_all();
     if (thread_.joinable()) {
-        if (thread_.get_id() == std::this_thread::get_id())
-            thread_.detach(); // the last reference was dropped by one of our own tasks
-        else
+        if (thread_.get_id() == std::this_thread::get_id()) {
+            // The last reference was dropped by one of our own tasks: the
+            // worker must not touch this queue again.
+            tQueueReleasedByOwnWorker = true;
+            thread_.detach();
+        } else
             thread_.join();
     }
 }
@@ -89,7 +94,15 @@ void SerialQueue::workerLoop()
             task = std::move(tasks_.front());
             tasks_.pop_front();
         }
+        // A task (or what it captured) may hold the last reference to this
+        // queue. Keep the queue alive until the task is gone, so that the
+        // destructor can only run below, where the worker leaves at once.
+        std::shared_ptr<SerialQueue> keep = weak_from_this().lock();
         runTask(task);
+        task = nullptr;
+        keep.reset();
+        if (tQueueReleasedByOwnWorker)
+            return;
     }
 }
 
