@@ -3,7 +3,7 @@
 #include "Tarvik/TvLog.h"
 #include "Tarvik/base/InternalInconsistency.h"
 #include "platform/VynConnection.h"
-#include "tvd/TvdProbes.h"
+#include "tvd/TvdTrace.h"
 #include "tvd/TvdServer.h"
 #include "tvd/TvdVynClient.h"
 
@@ -67,7 +67,7 @@ void Transaction::dispatch()
     if (!client_->acceptWork())
         return;
     TvLog::ops().debug("client %d requested %{public}s", client_->pid(), type ? type->c_str() : nullptr);
-    TVD_PROBE(REQUEST, client_->pid(), type ? const_cast<char*>(type->c_str()) : nullptr);
+    TvdTrace::request(client_->pid(), type ? type->c_str() : nullptr);
 
     try {
         if (!type)
@@ -104,10 +104,8 @@ void Transaction::done()
         return;
     }
     replied_ = true;
-    if (TVD_PROBE_ENABLED(REQUEST_OUTPUT)) {
-        std::string text = reply_.description();
-        TVD_PROBE(REQUEST_OUTPUT, client_->pid(), text.data());
-    }
+    if (TvdTrace::requestOutputEnabled())
+        TvdTrace::requestOutput(client_->pid(), reply_.description());
     if (!replyRoutable_)
         return; // one-way request: nobody waits for this reply
     auto c = connection();

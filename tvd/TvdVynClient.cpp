@@ -6,7 +6,7 @@
 #include "platform/ProcessInfo.h"
 #include "platform/VynConnection.h"
 #include "tvd/Transaction.h"
-#include "tvd/TvdProbes.h"
+#include "tvd/TvdTrace.h"
 #include "tvd/TvdServer.h"
 
 namespace tv {
@@ -32,7 +32,7 @@ std::shared_ptr<TvdVynClient> TvdVynClient::initWithConnectionServer(
         }
     }
     TvLog::ops().debug("new client %d %s", client->pid_, client->path_);
-    TVD_PROBE(CLIENT_NEW, client->pid_);
+    TvdTrace::clientNew(client->pid_);
 
     if (platform.codeSigning)
         client->task_ = platform.codeSigning->createTask(connection->auditToken());
@@ -61,10 +61,8 @@ void TvdVynClient::handleEvent(const platform::VynEvent& event)
 
 void TvdVynClient::handleRequest(const platform::Message& message)
 {
-    if (TVD_PROBE_ENABLED(REQUEST_INPUT)) {
-        std::string text = message.description();
-        TVD_PROBE(REQUEST_INPUT, pid_, text.c_str());
-    }
+    if (TvdTrace::requestInputEnabled())
+        TvdTrace::requestInput(pid_, message.description());
     auto transaction = std::make_shared<Transaction>(message, shared_from_this());
     server_->submitWork([client = shared_from_this(), transaction] {
         ++client->requestCount_;
@@ -84,7 +82,7 @@ void TvdVynClient::dead()
     server_->unholdClient(shared_from_this());
     TvLog::ops().debug("client %d is dead", pid_);
     acceptWork_ = false;
-    TVD_PROBE(CLIENT_DONE, pid_);
+    TvdTrace::clientDone(pid_);
 }
 
 Value TvdVynClient::entitlementValueForKey(std::string_view key) const

@@ -85,7 +85,7 @@ TEST(DaemonTest, AllTenProbesAreCompiledIn)
     }
     // Every probe has an is-enabled semaphore.
     std::size_t notes = 0, semaphores = 0;
-    for (std::size_t p = 0; (p = r.out.find("stapsdt", p)) != std::string::npos; ++p)
+    for (std::size_t p = 0; (p = r.out.find("NT_STAPSDT", p)) != std::string::npos; ++p)
         ++notes;
     for (std::size_t p = 0; (p = r.out.find("Semaphore: 0x", p)) != std::string::npos; ++p)
         if (r.out.compare(p, 30, "Semaphore: 0x0000000000000000") != 0)

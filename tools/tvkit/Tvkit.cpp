@@ -128,7 +128,12 @@ int Tvkit::raw(const std::vector<std::string>& args)
         err_ << "tvkit: " << config.error().localizedDescription() << "\n";
         return kExitUsage;
     }
-    TvDaemonClient client(platform::makeLinuxVynService(*config), service_.c_str());
+    auto vyn = platform::LinuxVynService::create(*config);
+    if (!vyn) {
+        err_ << "tvkit: cannot set up the IPC service\n";
+        return kExitUnavailable;
+    }
+    TvDaemonClient client(vyn, service_.c_str());
     std::promise<platform::VynEvent> answered;
     client.sendReply(platform::Message(plainValueForVyn(*request)),
                      [&answered](const platform::VynEvent& answer) { answered.set_value(answer); });
