@@ -13,8 +13,11 @@ TvDaemonClient::TvDaemonClient(std::shared_ptr<platform::VynService> vyn, const 
     : replyQueue_(SerialQueue::create("tvd_client"))
 {
     tvd_ = vyn->connect(serviceName ? serviceName : kDefaultServiceName, replyQueue_);
-    tvd_->setEventHandler([](const VynEvent& event) {
-        TvLog::ops().error("Communications error: %{public}@", platform::eventDescription(event));
+    // The connection's end that this client causes itself (on destruction)
+    // is not a communications error.
+    tvd_->setEventHandler([closing = closing_](const VynEvent& event) {
+        if (!closing->load())
+            TvLog::ops().error("Communications error: %{public}@", platform::eventDescription(event));
     });
     protocolVersion_ = kCurrentProtocolVersion;
     tvd_->resume();
@@ -22,6 +25,7 @@ TvDaemonClient::TvDaemonClient(std::shared_ptr<platform::VynService> vyn, const 
 
 TvDaemonClient::~TvDaemonClient()
 {
+    closing_->store(true);
     tvd_->cancel();
 }
 

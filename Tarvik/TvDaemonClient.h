@@ -18,6 +18,7 @@
 #include "platform/VynEvent.h"
 #include "platform/VynService.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -75,6 +76,7 @@ private:
     std::shared_ptr<SerialQueue> replyQueue_;
     std::shared_ptr<platform::VynConnection> tvd_;
     std::int64_t protocolVersion_ = 3;
+    std::shared_ptr<std::atomic<bool>> closing_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 } // namespace tv
