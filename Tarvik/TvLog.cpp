@@ -1,5 +1,7 @@
 #include "Tarvik/TvLog.h"
 
+#include "Tarvik/base/SerialQueue.h"
+
 #include <array>
 #include <memory>
 #include <mutex>
@@ -49,6 +51,13 @@ const TvLog& TvLog::defaultLog()
 {
     static const TvLog log("", "");
     return log;
+}
+
+void TvLog::logUncaughtQueueExceptions()
+{
+    SerialQueue::setUncaughtExceptionHandler([](const std::string& label, const std::exception& e) {
+        TvLog::ops().error("task on queue %{public}s ended with an exception: %{public}s", label, e.what());
+    });
 }
 
 void TvLog::emit(platform::SystemLog& sink, LogLevel level, const std::string& message) const

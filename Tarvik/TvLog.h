@@ -57,6 +57,10 @@ public:
     template <class... Args>
     void debug(std::string_view format, const Args&... args) const { log(LogLevel::Debug, format, args...); }
 
+    // Sends exceptions that escape serial-queue tasks to the "ops" category at
+    // error level. Called once by programs at start.
+    static void logUncaughtQueueExceptions();
+
     TvLog(std::string subsystem, std::string category)
         : subsystem_(std::move(subsystem)), category_(std::move(category)) {}
 

@@ -27,6 +27,7 @@ static int unableToConstruct()
 int main(int argc, char** argv)
 {
     TvLog::ops().info("tvd is launching");
+    TvLog::logUncaughtQueueExceptions();
     auto line = TvdCommandLine::parse(argc, argv);
     if (!line) {
         std::fputs(TvdCommandLine::kUsage, stderr);

@@ -76,8 +76,29 @@ void SerialQueue::runTask(Task& task)
     } catch (const std::exception& e) {
         // A task that throws must not take the worker thread (and with it
         // the process) down; the boundaries that care catch earlier.
-        std::fprintf(stderr, "tvd: uncaught exception on queue %s: %s\n", label_.c_str(), e.what());
+        auto handler = uncaughtExceptionHandler();
+        if (handler)
+            handler(label_, e);
+        else
+            std::fprintf(stderr, "tvd: uncaught exception on queue %s: %s\n", label_.c_str(), e.what());
     }
+}
+
+namespace {
+std::mutex gHandlerMutex;
+SerialQueue::UncaughtExceptionHandler gHandler;
+} // namespace
+
+void SerialQueue::setUncaughtExceptionHandler(UncaughtExceptionHandler handler)
+{
+    std::lock_guard lock(gHandlerMutex);
+    gHandler = std::move(handler);
+}
+
+SerialQueue::UncaughtExceptionHandler SerialQueue::uncaughtExceptionHandler()
+{
+    std::lock_guard lock(gHandlerMutex);
+    return gHandler;
 }
 
 void SerialQueue::workerLoop()

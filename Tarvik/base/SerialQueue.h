@@ -20,6 +20,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -70,6 +71,13 @@ public:
 
     // Number of tasks submitted but not yet started.
     std::size_t pending() const;
+
+    // Called with the queue's label when a task ends with an exception (the
+    // task is then done; the queue goes on). Process-wide; without one the
+    // exception is written to standard error.
+    using UncaughtExceptionHandler = std::function<void(const std::string& label, const std::exception& e)>;
+    static void setUncaughtExceptionHandler(UncaughtExceptionHandler handler);
+    static UncaughtExceptionHandler uncaughtExceptionHandler();
 
 private:
     SerialQueue(std::string label, QoS qos, bool manual);

@@ -1,3 +1,4 @@
+#include "Tarvik/TvLog.h"
 #include "tools/tvkit/Tvkit.h"
 
 #include <csignal>
@@ -6,6 +7,7 @@
 int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN);
+    tv::TvLog::logUncaughtQueueExceptions();
     tv::Tvkit tool(std::cin, std::cout, std::cerr);
     return tool.run(std::vector<std::string>(argv + 1, argv + argc));
 }

@@ -1,5 +1,7 @@
 #include "platform/TypedJson.h"
 
+#include "tests/support/Mutate.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -158,17 +160,7 @@ TEST(TypedJsonTest, RandomMutationsGiveAValueOrAnError)
     const char alphabet[] = "{}[]:,\"\\$ \n0123456789-+.eEtrufalsn\xC3\xFF";
     std::mt19937 rng(54321);
     for (int i = 0; i < 3000; ++i) {
-        std::string doc = valid;
-        int edits = 1 + static_cast<int>(rng() % 4);
-        for (int e = 0; e < edits && !doc.empty(); ++e) {
-            std::size_t pos = rng() % doc.size();
-            switch (rng() % 4) {
-            case 0: doc[pos] = alphabet[rng() % (sizeof alphabet - 1)]; break;
-            case 1: doc.erase(pos, 1 + rng() % 8); break;
-            case 2: doc.insert(pos, 1, alphabet[rng() % (sizeof alphabet - 1)]); break;
-            case 3: doc.insert(pos, doc.substr(rng() % doc.size(), rng() % 32)); break;
-            }
-        }
+        std::string doc = test::mutate(valid, rng, std::string_view(alphabet, sizeof alphabet - 1));
         auto v = parseTypedJson(doc);
         if (!v.ok()) {
             EXPECT_FALSE(v.error().localizedDescription().empty());
