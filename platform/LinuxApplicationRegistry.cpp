@@ -487,7 +487,7 @@ MaybeError LinuxApplicationRegistry::reconcile(const Scan& scan, const std::opti
         if (auto record = previous->plugInWithUuid(uuid))
             leaving.push_back(std::move(record));
     for (const auto& record : leaving)
-        platformLog(LogLevel::Default, kLogCategory, "uninstalling plug-in %@ (%@) %{public}@ at %@",
+        platformLog(LogLevel::Info, kLogCategory, "uninstalling plug-in %@ (%@) %{public}@ at %@",
                     record->plugInIdentifier, record->bundleVersion, record->uuid.string(), record->bundlePath);
     notify(false, leaving);
 
@@ -503,7 +503,7 @@ MaybeError LinuxApplicationRegistry::reconcile(const Scan& scan, const std::opti
             arriving.push_back(std::move(record));
     std::sort(arriving.begin(), arriving.end(), [](const auto& a, const auto& b) { return a->bundlePath < b->bundlePath; });
     for (const auto& record : arriving)
-        platformLog(LogLevel::Default, kLogCategory, "installed plug-in %@ (%@) %{public}@ at %@",
+        platformLog(LogLevel::Info, kLogCategory, "installed plug-in %@ (%@) %{public}@ at %@",
                     record->plugInIdentifier, record->bundleVersion, record->uuid.string(), record->bundlePath);
     notify(true, arriving);
     return std::nullopt;
