@@ -24,8 +24,8 @@ struct Route {
 };
 
 const std::array<Route, 9> kRoutes{{
-    {"add", nullptr},
-    {"remove", nullptr},
+    {"add", &Transaction::addPlugIns},
+    {"remove", &Transaction::removePlugIns},
     {"bulk", &Transaction::bulkPlugIns},
     {"match", nullptr},
     {"ready", nullptr},
@@ -166,6 +166,46 @@ bool Transaction::processPaths(const PathStep& step)
     if (walked)
         done();
     return walked;
+}
+
+void Transaction::addPlugIns()
+{
+    auto db = server();
+    processPaths([&](const std::string& path, bool resolved) {
+        if (!resolved) {
+            failMessage(9, formatString("invalid plugin path: %@", path));
+            return false;
+        }
+        TvdTrace::pluginAdd(path);
+        if (db->addPlugIn(Value::fileURL(path))) {
+            TvLog::ops().notice("failed to register plug-in at %@", path);
+            failMessage(2, formatString("unable to register plug-in at %@", path));
+            return false;
+        }
+        return true;
+    });
+}
+
+void Transaction::removePlugIns()
+{
+    auto db = server();
+    processPaths([&](const std::string& path, bool resolved) {
+        TvdTrace::pluginRemove(path, resolved);
+        if (!client_->hasEntitlement(kManagerEntitlement)) {
+            // Refusals of privileged requests go to the console log, where
+            // an administrator looks for them.
+            TvLog::defaultLog().notice(
+                "refused request from pid=%d to remove plug-in at %{public}@ - client lacks required entitlement",
+                client_->pid(), path);
+            failMessage(11, "caller lacks entitlement for this operation");
+            return false;
+        }
+        if (db->removePlugIn(Value::fileURL(path))) {
+            failMessage(9, formatString("no plugin at %@", path));
+            return false;
+        }
+        return true;
+    });
 }
 
 void Transaction::bulkPlugIns()

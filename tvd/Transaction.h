@@ -42,6 +42,8 @@ public:
     using PathStep = std::function<bool(const std::string& path, bool resolved)>;
 
     static constexpr std::uint64_t kCurrentVersion = 3;
+    // The entitlement of clients that manage the registry.
+    static constexpr const char* kManagerEntitlement = "com.veltra.private.tarvik.manager";
 
     Transaction(platform::Message request, std::shared_ptr<TvdVynClient> client);
 
@@ -59,6 +61,8 @@ public:
     bool processPaths(const PathStep& step);
 
     // Handlers, one per request type.
+    void addPlugIns();
+    void removePlugIns();
     void bulkPlugIns();
 
     const std::shared_ptr<TvdVynClient>& client() const { return client_; }

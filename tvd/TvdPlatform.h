@@ -15,12 +15,14 @@ namespace platform {
 class VynService;
 class ProcessInfo;
 class CodeSigningService;
+class ApplicationRegistry;
 } // namespace platform
 
 struct TvdPlatform {
     std::shared_ptr<platform::VynService> vyn;
     std::shared_ptr<platform::ProcessInfo> processInfo;
     std::shared_ptr<platform::CodeSigningService> codeSigning;
+    std::shared_ptr<platform::ApplicationRegistry> applicationRegistry;
 
     // Makes the server's queues. Tests hand in manual queues to drive them
     // deterministically; the default makes threaded ones.

@@ -17,7 +17,7 @@ std::shared_ptr<TvdServer> TvdServer::initForServiceDatabase(const char* service
                                                              TvdPlatform platform)
 {
     std::shared_ptr<TvdServer> server(new TvdServer(std::move(platform)));
-    if (!server->setupWithDatabase(database))
+    if (!server->setupWithDatabase(database, server->platform_.applicationRegistry))
         return nullptr;
     server->serviceName_ = serviceName ? serviceName : "";
 

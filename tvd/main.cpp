@@ -2,6 +2,7 @@
 #include "Tarvik/TvBundle.h"
 #include "Tarvik/TvLog.h"
 #include "Tarvik/TvPlugInCore.h"
+#include "platform/LinuxApplicationRegistry.h"
 #include "platform/LinuxBundleService.h"
 #include "platform/LinuxCodeSigningService.h"
 #include "platform/LinuxExtensionSdkRegistry.h"
@@ -52,8 +53,18 @@ int main(int argc, char** argv)
     TvdPlatform platform;
     platform.vyn = vyn;
     platform.processInfo = processInfo;
-    platform.codeSigning =
+    auto codeSigning =
         std::make_shared<platform::LinuxCodeSigningService>(processInfo, bundles, config->entitlementsDropInDir);
+    platform.codeSigning = codeSigning;
+    auto registry = platform::LinuxApplicationRegistry::create(*config, bundles, codeSigning);
+    if (!registry) {
+        TvLog::ops().error("unable to open the application registry: %{public}@",
+                           registry.error().localizedDescription());
+        return unableToConstruct();
+    }
+    if (auto error = (*registry)->startWatching())
+        TvLog::ops().error("installs and uninstalls will not be noticed: %{public}@", error->localizedDescription());
+    platform.applicationRegistry = *registry;
 
     // The main loop needs the server's queues, which exist only once the
     // server does; it is made when the server enters it.

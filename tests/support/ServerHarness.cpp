@@ -15,6 +15,7 @@ ServerHarness::ServerHarness()
     platform.vyn = vyn;
     platform.processInfo = processInfo;
     platform.codeSigning = codeSigning;
+    platform.applicationRegistry = registry;
     platform.makeQueue = [this](std::string label, SerialQueue::QoS) {
         auto q = SerialQueue::createManual(label);
         queues[label] = q;

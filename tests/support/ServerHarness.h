@@ -4,6 +4,7 @@
 // queues until both are idle.
 #pragma once
 
+#include "tests/support/FakeApplicationRegistry.h"
 #include "tests/support/FakeClientIdentity.h"
 #include "tests/support/FakeVynService.h"
 #include "tvd/TvdServer.h"
@@ -28,6 +29,7 @@ public:
     std::shared_ptr<FakeVynService> vyn = std::make_shared<FakeVynService>();
     std::shared_ptr<FakeProcessInfo> processInfo = std::make_shared<FakeProcessInfo>();
     std::shared_ptr<FakeCodeSigningService> codeSigning = std::make_shared<FakeCodeSigningService>();
+    std::shared_ptr<FakeApplicationRegistry> registry = std::make_shared<FakeApplicationRegistry>();
     std::map<std::string, std::shared_ptr<SerialQueue>> queues;
     std::shared_ptr<TvdServer> server;
 

@@ -60,7 +60,7 @@ TEST(TransactionTest, TypesAreMatchedExactlyAndUnlandedOnesAreRefused)
     h.send(*c, request(nullptr));
     h.send(*c, request("Add"));
     h.send(*c, request("bulk-annotatex"));
-    h.send(*c, request("match"));
+    h.send(*c, request("annotate"));
     Value bulk = request("bulk").with("flags", Value(std::uint64_t{0x10}));
     h.send(*c, bulk);
     h.drain();
