@@ -631,4 +631,9 @@ void TvPlugInCore::setSighash(std::optional<Bytes> value)
 std::optional<std::string> TvPlugInCore::requirement() const { return stringOf(requirement_.load()); }
 void TvPlugInCore::setRequirement(std::optional<std::string> value) { requirement_.store(optionalString(value)); }
 
+std::shared_ptr<ConnectionInterface> TvPlugInCore::augmentInterface(const ConnectionInterface&) const
+{
+    return nullptr;
+}
+
 } // namespace tv

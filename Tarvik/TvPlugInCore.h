@@ -86,6 +86,8 @@ inline constexpr const char* kAppExtensionSuffix = ".vext";
 // and for a record that cannot be exported.
 inline constexpr std::int64_t kMisconfiguredPlugInErrorCode = 12;
 
+class ConnectionInterface;
+
 class TvPlugInCore {
 public:
     virtual ~TvPlugInCore();
@@ -229,6 +231,11 @@ public:
     virtual Value infoKey(std::string_view key) const;   // bundleInfoDictionary()[key]
     virtual Value pluginKey(std::string_view key) const; // plugInDictionary()[key]
     virtual Value attribute(std::string_view key) const; // attributes()[key]
+
+    // A hook for subclasses that type a connection to the plug-in: given the
+    // interface a host is about to use, an augmented one, or null to use it
+    // as it is. The base record augments nothing.
+    virtual std::shared_ptr<ConnectionInterface> augmentInterface(const ConnectionInterface& interface) const;
 
     // --- Stored properties --------------------------------------------------
 
