@@ -64,10 +64,13 @@ int makeDirectories(const std::string& dir)
     return 0;
 }
 
-bool readFully(int fd, unsigned char* p, std::size_t n)
+// Moves all `n` bytes with read(2) or write(2), going on after short
+// transfers and interruptions; false on an error or end of file.
+template <class Byte, class Io>
+bool transferFully(Io io, int fd, Byte* p, std::size_t n)
 {
     while (n) {
-        ssize_t r = ::read(fd, p, n);
+        ssize_t r = io(fd, p, n);
         if (r < 0 && errno == EINTR)
             continue;
         if (r <= 0)
@@ -78,18 +81,14 @@ bool readFully(int fd, unsigned char* p, std::size_t n)
     return true;
 }
 
+bool readFully(int fd, unsigned char* p, std::size_t n)
+{
+    return transferFully(::read, fd, p, n);
+}
+
 bool writeFully(int fd, const unsigned char* p, std::size_t n)
 {
-    while (n) {
-        ssize_t r = ::write(fd, p, n);
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            return false;
-        p += r;
-        n -= static_cast<std::size_t>(r);
-    }
-    return true;
+    return transferFully(::write, fd, p, n);
 }
 
 std::optional<std::uint64_t> parseDecimal(std::string_view text)

@@ -149,6 +149,24 @@ int connectUnix(const std::string& path)
     return fd;
 }
 
+int listenUnix(const std::string& path)
+{
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (fd < 0 || path.size() >= sizeof addr.sun_path) {
+        if (fd >= 0)
+            ::close(fd);
+        return -1;
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 bool TestDaemon::start(std::vector<std::string> args, std::map<std::string, std::string> env)
 {
     bool hasName = false;

@@ -75,5 +75,8 @@ private:
 
 // Connects a raw Unix stream socket to `path`; -1 on failure.
 int connectUnix(const std::string& path);
+// A Unix stream socket bound to `path` and listening, as a service manager
+// hands one to a socket-activated process; -1 on failure.
+int listenUnix(const std::string& path);
 
 } // namespace tv::test

@@ -2,6 +2,8 @@
 
 #include "tests/support/LogCapture.h"
 
+#include "tests/support/TestDaemon.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -172,12 +174,8 @@ TEST_F(LinuxServiceLifecycleTest, SocketActivatedProcessEndsOnlyWhenIdle)
 {
     config_.idleExitSeconds = 1;
     std::string path = dir_ + "/activated";
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    ASSERT_EQ(::listen(fd, 16), 0);
+    int fd = test::listenUnix(path);
+    ASSERT_GE(fd, 0);
 
     auto vyn = LinuxVynService::create(config_, SocketActivation({{fd, "tvd.socket"}}));
     auto listener = vyn->listen("tvd", vynQueue_);
@@ -207,8 +205,8 @@ TEST_F(LinuxServiceLifecycleTest, SocketActivatedProcessEndsOnlyWhenIdle)
 
     // The listening socket was the service manager's and still accepts
     // connections for the next instance.
-    int waiting = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(::connect(waiting, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    int waiting = test::connectUnix(path);
+    EXPECT_GE(waiting, 0);
     ::close(waiting);
 }
 

@@ -4,6 +4,8 @@
 #include "platform/VynFrame.h"
 #include "tests/support/LogCapture.h"
 
+#include "tests/support/TestDaemon.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -669,12 +671,8 @@ TEST_F(LinuxVynServiceTest, TerminationImminentPrecedesTheEnd)
 TEST_F(LinuxVynServiceTest, InheritedSocketIsUsedInsteadOfBinding)
 {
     std::string path = dir_.path() + "/activated";
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-    ASSERT_EQ(::listen(fd, 16), 0);
+    int fd = test::listenUnix(path);
+    ASSERT_GE(fd, 0);
 
     {
         Server server(config_, "com.example.unit", SocketActivation({{fd, "tvd.socket"}}));
