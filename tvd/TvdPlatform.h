@@ -11,6 +11,8 @@
 
 namespace tv {
 
+class TvdServer;
+
 namespace platform {
 class VynService;
 class ProcessInfo;
@@ -29,10 +31,10 @@ struct TvdPlatform {
     std::function<std::shared_ptr<SerialQueue>(std::string label, SerialQueue::QoS qos)> makeQueue =
         [](std::string label, SerialQueue::QoS qos) { return SerialQueue::create(std::move(label), qos); };
 
-    // The process's main event loop. It returns only when the process should
-    // end, with the status to exit with. Null: TvdServer::run() returns 0 once
-    // the listener is resumed (tests).
-    std::function<int()> runMainLoop;
+    // The process's main event loop for `server`. It returns only when the
+    // process should end, with the status to exit with. Null:
+    // TvdServer::run() returns 0 once the listener is resumed (tests).
+    std::function<int(TvdServer& server)> runMainLoop;
 };
 
 } // namespace tv

@@ -64,7 +64,7 @@ void TvdServer::acceptConnection(const std::shared_ptr<platform::VynConnection>&
 int TvdServer::run()
 {
     service_->resume();
-    return platform_.runMainLoop ? platform_.runMainLoop() : 0;
+    return platform_.runMainLoop ? platform_.runMainLoop(*this) : 0;
 }
 
 void TvdServer::submitWork(std::function<void()> work)

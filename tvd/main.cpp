@@ -1,16 +1,8 @@
 // tvd: the plug-in registry daemon.
-#include "Tarvik/TvBundle.h"
 #include "Tarvik/TvLog.h"
-#include "Tarvik/TvPlugInCore.h"
-#include "platform/LinuxApplicationRegistry.h"
-#include "platform/LinuxBundleService.h"
-#include "platform/LinuxCodeSigningService.h"
-#include "platform/LinuxExtensionSdkRegistry.h"
-#include "platform/LinuxProcessInfo.h"
-#include "platform/LinuxServiceLifecycle.h"
-#include "platform/LinuxVynService.h"
 #include "platform/PlatformConfig.h"
 #include "tvd/TvdCommandLine.h"
+#include "tvd/TvdLinuxPlatform.h"
 #include "tvd/TvdServer.h"
 
 #include <csignal>
@@ -42,52 +34,21 @@ int main(int argc, char** argv)
         TvLog::ops().error("invalid platform configuration: %{public}@", config.error().localizedDescription());
         return unableToConstruct();
     }
-    auto vyn = platform::LinuxVynService::create(*config);
-    if (!vyn)
-        return unableToConstruct();
-    auto bundles = std::make_shared<platform::LinuxBundleService>();
-    auto processInfo = std::make_shared<platform::LinuxProcessInfo>();
-    TvBundle::setBundleService(bundles);
-    TvPlugInCore::setSdkRegistry(std::make_shared<platform::LinuxExtensionSdkRegistry>(config->sdkDir));
-
-    TvdPlatform platform;
-    platform.vyn = vyn;
-    platform.processInfo = processInfo;
-    auto codeSigning =
-        std::make_shared<platform::LinuxCodeSigningService>(processInfo, bundles, config->entitlementsDropInDir);
-    platform.codeSigning = codeSigning;
-    auto registry = platform::LinuxApplicationRegistry::create(*config, bundles, codeSigning);
-    if (!registry) {
-        TvLog::ops().error("unable to open the application registry: %{public}@",
-                           registry.error().localizedDescription());
+    auto platform = makeLinuxPlatform(*config);
+    if (!platform) {
+        TvLog::ops().error("%{public}@", platform.error().localizedDescription());
         return unableToConstruct();
     }
-    if (auto error = (*registry)->startWatching())
-        TvLog::ops().error("installs and uninstalls will not be noticed: %{public}@", error->localizedDescription());
-    platform.applicationRegistry = *registry;
-
-    // The main loop needs the server's queues, which exist only once the
-    // server does; it is made when the server enters it.
-    std::shared_ptr<platform::LinuxServiceLifecycle> lifecycle;
-    std::weak_ptr<TvdServer> weakServer;
-    platform.runMainLoop = [&] {
-        auto server = weakServer.lock();
-        lifecycle = std::make_shared<platform::LinuxServiceLifecycle>(
-            *config, vyn, server->mainQueue(),
-            std::vector<std::shared_ptr<SerialQueue>>{server->vynQueue(), server->syncQueue()});
-        return lifecycle->run();
-    };
-
     const char* database = line->databaseLocation ? line->databaseLocation->c_str() : nullptr;
-    auto server = TvdServer::initForServiceDatabase(line->serviceName.c_str(), database, std::move(platform));
+    auto server = TvdServer::initForServiceDatabase(line->serviceName.c_str(), database, std::move(*platform));
     if (!server)
         return unableToConstruct();
-    weakServer = server;
     server->setVerbose(line->verbose);
     server->setCacheLimit(line->cacheLimit);
-    // The daemon's objects stay alive to the very end: exit without
+    int status = server->run();
+    // The daemon's objects stay alive to the very end: leave without
     // unwinding them while other threads may still use them.
     std::fflush(stdout);
     std::fflush(stderr);
-    std::_Exit(server->run());
+    std::_Exit(status);
 }

@@ -23,7 +23,7 @@ TEST(TvdServerTest, BuildsItsQueuesAndListenerAndBecomesTheProcessServer)
         return SerialQueue::createManual(label);
     };
     int loops = 0;
-    platform.runMainLoop = [&] {
+    platform.runMainLoop = [&](TvdServer&) {
         ++loops;
         return 7;
     };
