@@ -9,6 +9,7 @@
 #include <charconv>
 #include <condition_variable>
 #include <csignal>
+#include <pthread.h>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -56,9 +57,18 @@ public:
         action.sa_flags = SA_RESTART;
         ::sigaction(SIGTERM, &action, &previousTerm_);
         ::sigaction(SIGINT, &action, &previousInt_);
+        // A process may block the two signals from its very start, so that
+        // one arriving before the main loop runs waits for it instead of
+        // ending the process; they are taken here, on the loop's thread.
+        sigset_t both;
+        sigemptyset(&both);
+        sigaddset(&both, SIGTERM);
+        sigaddset(&both, SIGINT);
+        ::pthread_sigmask(SIG_UNBLOCK, &both, &previousMask_);
     }
     ~SignalCatcher()
     {
+        ::pthread_sigmask(SIG_SETMASK, &previousMask_, nullptr);
         ::sigaction(SIGTERM, &previousTerm_, nullptr);
         ::sigaction(SIGINT, &previousInt_, nullptr);
         gSignalPipe = -1;
@@ -77,6 +87,7 @@ private:
     int fds_[2] = {-1, -1};
     struct sigaction previousTerm_{};
     struct sigaction previousInt_{};
+    sigset_t previousMask_{};
 };
 
 } // namespace

@@ -6,6 +6,7 @@
 #include "tvd/TvdServer.h"
 
 #include <csignal>
+#include <pthread.h>
 #include <cstdio>
 #include <cstdlib>
 
@@ -19,6 +20,14 @@ static int unableToConstruct()
 
 int main(int argc, char** argv)
 {
+    // SIGTERM and SIGINT wait for the main loop, which ends the process
+    // cleanly; every thread started from here on inherits the blocking.
+    sigset_t termination;
+    sigemptyset(&termination);
+    sigaddset(&termination, SIGTERM);
+    sigaddset(&termination, SIGINT);
+    ::pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+
     TvLog::ops().info("tvd is launching");
     TvLog::logUncaughtQueueExceptions();
     auto line = TvdCommandLine::parse(argc, argv);
