@@ -1,14 +1,12 @@
 #include "platform/LinuxCodeSigningService.h"
 
-#include "platform/PosixError.h"
 #include "platform/LinuxBundleService.h"
+#include "tests/support/FakeClientIdentity.h"
 #include "tests/support/FakeVlistFiles.h"
 #include "tests/support/LogCapture.h"
 
-#include <cerrno>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include <map>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,18 +17,6 @@ namespace {
 
 using test::FakeVlistFiles;
 
-class FakeProcessInfo final : public ProcessInfo {
-public:
-    std::map<pid_t, std::string> executables;
-    Result<std::string> executablePath(pid_t pid, int) const override
-    {
-        auto it = executables.find(pid);
-        if (it == executables.end())
-            return posixError(ESRCH, "no process " + std::to_string(pid));
-        return it->second;
-    }
-};
-
 class LinuxCodeSigningServiceTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -38,8 +24,8 @@ protected:
         app_ = files_.makeDirectory("Example.app");
         files_.writeValue("Example.app/Info.vlist", Value{{"KbBundleIdentifier", Value("com.example.app")},
                                                           {"KbBundleExecutable", Value("example")}});
-        processes_->executables[100] = files_.writeText("Example.app/example", "x", 0755);
-        processes_->executables[200] = files_.writeText("bin/tool", "x", 0755);
+        processes_->paths[100] = files_.writeText("Example.app/example", "x", 0755);
+        processes_->paths[200] = files_.writeText("bin/tool", "x", 0755);
         dropIns_ = files_.makeDirectory("entitlements.d");
     }
 
@@ -59,7 +45,7 @@ protected:
     FakeVlistFiles files_;
     std::string app_;
     std::string dropIns_;
-    std::shared_ptr<FakeProcessInfo> processes_ = std::make_shared<FakeProcessInfo>();
+    std::shared_ptr<test::FakeProcessInfo> processes_ = std::make_shared<test::FakeProcessInfo>();
 };
 
 TEST_F(LinuxCodeSigningServiceTest, BundleEntitlementsAreASnapshotPerTask)
@@ -114,13 +100,13 @@ TEST_F(LinuxCodeSigningServiceTest, FilesOthersCouldWriteAreIgnoredWithALogLine)
 
     // An executable anyone could replace earns nothing either.
     files_.writeValue("Example.app/Entitlements.vlist", Value{{"com.example.manager", Value(true)}});
-    ::chmod(processes_->executables[100].c_str(), 0777);
+    ::chmod(processes_->paths[100].c_str(), 0777);
     EXPECT_TRUE(lookup(100, "com.example.manager").isNull());
-    const std::string& exe = processes_->executables[100];
+    const std::string& exe = processes_->paths[100];
     EXPECT_TRUE(log.contains("ignoring entitlements of " + exe + ": " + exe + " is writable by group or others"));
 
     if (::geteuid() == 0) {
-        ::chmod(processes_->executables[100].c_str(), 0755);
+        ::chmod(processes_->paths[100].c_str(), 0755);
         ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
         EXPECT_TRUE(lookup(100, "com.example.manager").isNull());
         EXPECT_TRUE(log.contains("ignoring " + file + ": owned by uid 65534, neither root nor the daemon's user"));
@@ -129,7 +115,7 @@ TEST_F(LinuxCodeSigningServiceTest, FilesOthersCouldWriteAreIgnoredWithALogLine)
 
 TEST_F(LinuxCodeSigningServiceTest, DropInsGrantEntitlementsToExecutablesOutsideBundles)
 {
-    const std::string tool = processes_->executables[200];
+    const std::string tool = processes_->paths[200];
     files_.writeValue("entitlements.d/10-tool.vlist",
                       Value{{"Executable", Value(tool)},
                             {"Entitlements", Value{{"com.example.a", Value(1)}, {"com.example.b", Value(1)}}}});
@@ -142,7 +128,7 @@ TEST_F(LinuxCodeSigningServiceTest, DropInsGrantEntitlementsToExecutablesOutside
                             {"Entitlements", Value{{"com.example.c", Value(1)}}}});
     files_.writeValue("entitlements.d/40-bad.vlist", Value{{"Entitlements", Value{{"com.example.c", Value(1)}}}});
     files_.writeValue("entitlements.d/50-app.vlist",
-                      Value{{"Executable", Value(processes_->executables[100])},
+                      Value{{"Executable", Value(processes_->paths[100])},
                             {"Entitlements", Value{{"com.example.c", Value(1)}}}});
     files_.writeValue("entitlements.d/README", Value{{"Executable", Value(tool)}});
     test::LogCapture log;

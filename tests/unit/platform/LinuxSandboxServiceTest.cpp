@@ -2,12 +2,11 @@
 
 #include "Tarvik/TvFileReadGrant.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <linux/filter.h>
@@ -26,15 +25,12 @@ class LinuxSandboxServiceTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        std::string pattern = (fs::temp_directory_path() / "tvd-sandbox-XXXXXX").string();
-        ASSERT_TRUE(::mkdtemp(pattern.data()));
-        dir_ = pattern;
         fs::create_directories(dir_ / "files");
         std::ofstream(dir_ / "files" / "a.txt") << "x";
     }
-    void TearDown() override { fs::remove_all(dir_); }
 
-    fs::path dir_;
+    test::TempDir tmp_;
+    fs::path dir_ = tmp_.path();
 };
 
 TEST_F(LinuxSandboxServiceTest, IssuedTokensRoundTripAndGrantTheCanonicalPath)
@@ -89,8 +85,7 @@ TEST_F(LinuxSandboxServiceTest, AlteredForeignAndMalformedTokensAreRefused)
     for (std::size_t i = 0; i < token.size(); ++i) {
         std::string altered = token;
         altered[i] = altered[i] == 'a' ? 'b' : 'a';
-        auto r = sandbox.consumeExtension(altered);
-        EXPECT_FALSE(r) << "byte " << i;
+        EXPECT_FALSE(sandbox.consumeExtension(altered)) << "byte " << i;
     }
     std::string forged = token;
     forged.replace(forged.find(':') + 1, path.size(), std::string(path.size(), 'x'));

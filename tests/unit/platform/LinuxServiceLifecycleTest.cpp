@@ -1,7 +1,6 @@
 #include "platform/LinuxServiceLifecycle.h"
 
 #include "tests/support/LogCapture.h"
-
 #include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +8,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
 #include <future>
 #include <poll.h>
 #include <sys/socket.h>
@@ -79,15 +77,10 @@ private:
 
 class LinuxServiceLifecycleTest : public ::testing::Test {
 protected:
-    LinuxServiceLifecycleTest()
-    {
-        char templ[] = "/tmp/vyn-life-XXXXXX";
-        dir_ = ::mkdtemp(templ);
-        config_.socketDir = dir_ + "/sockets";
-    }
-    ~LinuxServiceLifecycleTest() override { std::filesystem::remove_all(dir_); }
+    LinuxServiceLifecycleTest() { config_.socketDir = dir_ + "/sockets"; }
 
-    std::string dir_;
+    test::TempDir tmp_;
+    std::string dir_ = tmp_.path();
     PlatformConfig config_;
     test::LogCapture log_;
     std::shared_ptr<SerialQueue> vynQueue_ = SerialQueue::create("test.vyn");

@@ -3,21 +3,18 @@
 #include "Tarvik/base/ValueCodec.h"
 #include "platform/VynFrame.h"
 #include "tests/support/LogCapture.h"
-
 #include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
@@ -55,11 +52,11 @@ public:
     std::size_t size() const { return events().size(); }
     std::size_t errors(VynError::Kind kind) const
     {
-        std::size_t n = 0;
-        for (const auto& e : events())
-            if (auto err = eventError(e); err && err->kind == kind)
-                ++n;
-        return n;
+        auto all = events();
+        return std::count_if(all.begin(), all.end(), [&](const VynEvent& e) {
+            auto err = eventError(e);
+            return err && err->kind == kind;
+        });
     }
     std::size_t invalid() const { return errors(VynError::Kind::ConnectionInvalid); }
     std::vector<Message> messages() const
@@ -81,19 +78,21 @@ private:
     std::vector<VynEvent> events_;
 };
 
-class TempDir {
-public:
-    TempDir()
-    {
-        char templ[] = "/tmp/vyn-test-XXXXXX";
-        path_ = ::mkdtemp(templ);
-    }
-    ~TempDir() { std::filesystem::remove_all(path_); }
-    const std::string& path() const { return path_; }
+Message request(const std::string& text)
+{
+    Message m;
+    m.set("request", text);
+    return m;
+}
 
-private:
-    std::string path_;
-};
+// Answers `m` with {"echo": its body}.
+void answer(VynConnection& connection, const Message& m)
+{
+    if (auto reply = Message::createReply(m)) {
+        reply->set("echo", m.body());
+        connection.send(*reply);
+    }
+}
 
 // A daemon side: a listener whose accepted connections record their events
 // and, unless told otherwise, answer every request with {"echo": body}.
@@ -154,13 +153,8 @@ private:
         connection->setEventHandler([state, peer, weak](const VynEvent& e) {
             peer->events.add(e);
             auto m = eventMessage(e);
-            auto c = weak.lock();
-            if (m && c && state->echo) {
-                if (auto reply = Message::createReply(*m)) {
-                    reply->set("echo", m->body());
-                    c->send(*reply);
-                }
-            }
+            if (auto c = weak.lock(); m && c && state->echo)
+                answer(*c, *m);
         });
         connection->resume();
         std::lock_guard lock(state->mutex);
@@ -182,11 +176,17 @@ struct Client {
         connection->setEventHandler(events->handler());
         connection->resume();
     }
-    // Sends a request and waits for its answer.
-    std::optional<VynEvent> call(Message request)
+    // Sends a request; its answer is recorded.
+    std::shared_ptr<Recorder> send(Message request)
     {
         auto answer = std::make_shared<Recorder>();
         connection->sendWithReply(std::move(request), queue, answer->handler());
+        return answer;
+    }
+    // Sends a request and waits for its answer.
+    std::optional<VynEvent> call(Message request)
+    {
+        auto answer = send(std::move(request));
         if (!eventually([&] { return answer->size() >= 1; }))
             return std::nullopt;
         return answer->events().front();
@@ -195,13 +195,6 @@ struct Client {
     std::shared_ptr<VynConnection> connection;
     std::shared_ptr<Recorder> events = std::make_shared<Recorder>();
 };
-
-Message request(const std::string& text)
-{
-    Message m;
-    m.set("request", text);
-    return m;
-}
 
 std::string echoed(const std::optional<VynEvent>& answer)
 {
@@ -212,20 +205,6 @@ std::string echoed(const std::optional<VynEvent>& answer)
         return "<error: " + eventDescription(*answer) + ">";
     auto s = m->get("echo")["request"].asString();
     return s ? *s : "<no echo>";
-}
-
-// Raw sockets for peers that misbehave.
-int rawConnect(const std::string& path)
-{
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 void writeAll(int fd, const void* data, std::size_t size)
@@ -290,7 +269,7 @@ protected:
         return clientService_;
     }
 
-    TempDir dir_;
+    test::TempDir dir_;
     PlatformConfig config_;
     test::LogCapture log_;
     std::shared_ptr<LinuxVynService> clientService_;
@@ -308,10 +287,8 @@ TEST_F(LinuxVynServiceTest, RepliesReachTheirOwnRequestsWithPeerIdentityOnBothSi
 
     Client client(*clientService(), "svc");
     std::vector<std::shared_ptr<Recorder>> answers;
-    for (int i = 0; i < 3; ++i) {
-        answers.push_back(std::make_shared<Recorder>());
-        client.connection->sendWithReply(request("r" + std::to_string(i)), client.queue, answers.back()->handler());
-    }
+    for (int i = 0; i < 3; ++i)
+        answers.push_back(client.send(request("r" + std::to_string(i))));
     Message oneWay = request("one-way");
     client.connection->send(oneWay);
 
@@ -324,21 +301,17 @@ TEST_F(LinuxVynServiceTest, RepliesReachTheirOwnRequestsWithPeerIdentityOnBothSi
     EXPECT_FALSE(Message::createReply(requests[3]));
 
     // Answer out of order; each answer must reach its own handler once.
-    for (int i : {2, 0, 1}) {
-        auto reply = Message::createReply(requests[static_cast<std::size_t>(i)]);
-        reply->set("echo", requests[static_cast<std::size_t>(i)].body());
-        peer->connection->send(*reply);
-    }
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(eventually([&] { return answers[static_cast<std::size_t>(i)]->size() == 1; }));
-        EXPECT_EQ(echoed(answers[static_cast<std::size_t>(i)]->events().front()), "r" + std::to_string(i));
+    for (std::size_t i : {2, 0, 1})
+        answer(*peer->connection, requests[i]);
+    for (std::size_t i = 0; i < 3; ++i) {
+        ASSERT_TRUE(eventually([&] { return answers[i]->size() == 1; }));
+        EXPECT_EQ(echoed(answers[i]->events().front()), "r" + std::to_string(i));
     }
     EXPECT_EQ(client.events->size(), 0u); // replies never reach the event handler
 
     const AuditToken& daemonSide = peer->connection->auditToken();
-    EXPECT_EQ(daemonSide.pid, ::getpid());
-    EXPECT_EQ(daemonSide.uid, ::getuid());
-    EXPECT_EQ(daemonSide.gid, ::getgid());
+    EXPECT_EQ(std::tuple(daemonSide.pid, daemonSide.uid, daemonSide.gid),
+              std::tuple(::getpid(), ::getuid(), ::getgid()));
     EXPECT_EQ(client.connection->pid(), ::getpid());
     if (daemonSide.pidfd >= 0) {
         EXPECT_EQ(::fcntl(daemonSide.pidfd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
@@ -351,8 +324,7 @@ TEST_F(LinuxVynServiceTest, BrokenConnectionsFailPendingRepliesAndInvalidateExac
     auto server = std::make_unique<Server>(config_, "svc");
     server->setEcho(false);
     Client client(*clientService(), "svc");
-    auto pending = std::make_shared<Recorder>();
-    client.connection->sendWithReply(request("never answered"), client.queue, pending->handler());
+    auto pending = client.send(request("never answered"));
     auto peer = server->peer(0);
     ASSERT_TRUE(peer);
     ASSERT_TRUE(eventually([&] { return peer->events.size() == 1; }));
@@ -366,8 +338,7 @@ TEST_F(LinuxVynServiceTest, BrokenConnectionsFailPendingRepliesAndInvalidateExac
     ASSERT_TRUE(eventually([&] { return peer->events.invalid() == 1; }));
 
     // After the end, requests fail at once and nothing more is delivered.
-    auto late = std::make_shared<Recorder>();
-    client.connection->sendWithReply(request("late"), client.queue, late->handler());
+    auto late = client.send(request("late"));
     client.connection->cancel();
     ASSERT_TRUE(eventually([&] { return late->size() == 1; }));
     EXPECT_EQ(late->invalid(), 1u);
@@ -406,14 +377,9 @@ TEST_F(LinuxVynServiceTest, UnreachableServiceInvalidatesAfterResumeAndFailsRequ
 TEST_F(LinuxVynServiceTest, StaleSocketIsReplacedButALiveOneIsNot)
 {
     ASSERT_EQ(::mkdir(config_.socketDir.c_str(), 0755), 0);
-    {
-        int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socketPath().c_str());
-        ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-        ::close(fd); // leaves a socket file nobody listens on
-    }
+    int stale = test::listenUnix(socketPath());
+    ASSERT_GE(stale, 0);
+    ::close(stale); // leaves a socket file nobody listens on
     Server server(config_, "svc");
     ASSERT_FALSE(server.error());
     EXPECT_EQ(log_.countContaining("replacing stale socket"), 1u);
@@ -481,7 +447,7 @@ TEST_F(LinuxVynServiceTest, MalformedFramesCutOnlyTheirOwnConnection)
     for (auto& c : cases) {
         SCOPED_TRACE(c.name);
         log_.clear();
-        int fd = rawConnect(socketPath());
+        int fd = test::connectUnix(socketPath());
         ASSERT_GE(fd, 0);
         writeAll(fd, c.bytes.data(), c.bytes.size());
         EXPECT_TRUE(closedByPeer(fd));
@@ -499,11 +465,11 @@ TEST_F(LinuxVynServiceTest, IncompleteFrameTimesOutButIdleConnectionStays)
 {
     config_.limits.incompleteFrameTimeoutMs = 150;
     Server server(config_, "svc");
-    int idle = rawConnect(socketPath());
+    int idle = test::connectUnix(socketPath());
     Bytes whole = frame(request("complete"), 1, false);
     writeAll(idle, whole.data(), whole.size());
 
-    int stalled = rawConnect(socketPath());
+    int stalled = test::connectUnix(socketPath());
     Bytes partial = frame(request("partial"), 1);
     writeAll(stalled, partial.data(), partial.size() - 3);
     auto started = std::chrono::steady_clock::now();
@@ -529,7 +495,7 @@ TEST_F(LinuxVynServiceTest, ConnectionsPastTheLimitsAreRefusedAndSlotsComeBack)
     Client second(*clientService(), "svc");
     ASSERT_EQ(echoed(second.call(request("in"))), "in");
 
-    int third = rawConnect(socketPath());
+    int third = test::connectUnix(socketPath());
     ASSERT_GE(third, 0);
     EXPECT_TRUE(closedByPeer(third));
     ::close(third);
@@ -547,7 +513,7 @@ TEST_F(LinuxVynServiceTest, ConnectionsPastTheLimitsAreRefusedAndSlotsComeBack)
     Server small(config_, dir_.path() + "/small");
     Client one(*clientService(), dir_.path() + "/small");
     ASSERT_EQ(echoed(one.call(request("one"))), "one");
-    int two = rawConnect(dir_.path() + "/small");
+    int two = test::connectUnix(dir_.path() + "/small");
     EXPECT_TRUE(closedByPeer(two));
     ::close(two);
     EXPECT_EQ(log_.countContaining("connections in all (limit 1)"), 1u);
@@ -558,7 +524,7 @@ TEST_F(LinuxVynServiceTest, PeerThatDoesNotReadIsCutForUnsentOutput)
     config_.limits.maxUnsentOutput = 256u << 10;
     Server server(config_, "svc");
     Client bystander(*clientService(), "svc");
-    int deaf = rawConnect(socketPath());
+    int deaf = test::connectUnix(socketPath());
     Bytes hello = frame(request("hello"), 1, false);
     writeAll(deaf, hello.data(), hello.size());
     auto peer = server.peer(1);
@@ -585,31 +551,24 @@ TEST_F(LinuxVynServiceTest, ReadingStopsAtTheInFlightLimitAndResumesWithReplies)
     for (int i = 0; i < 3; ++i)
         client.connection->send(request("one-way"));
     std::vector<std::shared_ptr<Recorder>> answers;
-    for (int i = 0; i < 5; ++i) {
-        answers.push_back(std::make_shared<Recorder>());
-        client.connection->sendWithReply(request("q" + std::to_string(i)), client.queue, answers.back()->handler());
-    }
+    for (int i = 0; i < 5; ++i)
+        answers.push_back(client.send(request("q" + std::to_string(i))));
     auto peer = server.peer(0);
     ASSERT_TRUE(peer);
     ASSERT_TRUE(eventually([&] { return peer->events.size() == 6; }));
     std::this_thread::sleep_for(100ms); // give a fourth request the chance to slip through
     ASSERT_EQ(peer->events.size(), 6u);
 
-    auto answer = [&](std::size_t i) {
-        auto m = peer->events.messages().at(3 + i);
-        auto reply = Message::createReply(m);
-        reply->set("echo", m.body());
-        peer->connection->send(*reply);
-    };
-    answer(1);
+    auto answerQ = [&](std::size_t i) { answer(*peer->connection, peer->events.messages().at(3 + i)); };
+    answerQ(1);
     ASSERT_TRUE(eventually([&] { return peer->events.size() == 7; }));
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(peer->events.size(), 7u);
-    answer(0);
-    answer(2);
+    answerQ(0);
+    answerQ(2);
     ASSERT_TRUE(eventually([&] { return peer->events.size() == 8; }));
-    answer(3);
-    answer(4);
+    answerQ(3);
+    answerQ(4);
     for (std::size_t i = 0; i < 5; ++i) {
         ASSERT_TRUE(eventually([&] { return answers[i]->size() == 1; }));
         EXPECT_EQ(echoed(answers[i]->events().front()), "q" + std::to_string(i));
@@ -620,7 +579,7 @@ TEST_F(LinuxVynServiceTest, ReadingStopsAtTheInFlightLimitAndResumesWithReplies)
 TEST_F(LinuxVynServiceTest, PassedFileDescriptorsAreClosedAtOnce)
 {
     Server server(config_, "svc");
-    int fd = rawConnect(socketPath());
+    int fd = test::connectUnix(socketPath());
     int pipeFds[2];
     ASSERT_EQ(::pipe(pipeFds), 0);
 

@@ -3,13 +3,13 @@
 #include "platform/PosixError.h"
 
 #include "tests/support/Mutate.h"
+#include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <csignal>
-#include <cstdlib>
-#include <dirent.h>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <random>
@@ -48,33 +48,15 @@ std::string nestedArrays(std::size_t n)
     return wrap(s);
 }
 
-class TempDir {
-public:
-    TempDir()
-    {
-        char tmpl[] = "/tmp/vlist-test-XXXXXX";
-        path_ = ::mkdtemp(tmpl);
-    }
-    ~TempDir() { (void)!std::system(("rm -rf '" + path_ + "'").c_str()); }
-    const std::string& path() const { return path_; }
-    std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
-    std::vector<std::string> entries() const
-    {
-        std::vector<std::string> names;
-        if (DIR* d = ::opendir(path_.c_str())) {
-            while (dirent* e = ::readdir(d))
-                if (std::string_view(e->d_name) != "." && std::string_view(e->d_name) != "..")
-                    names.push_back(e->d_name);
-            ::closedir(d);
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-private:
-    std::string path_;
-};
+// The sorted names in `dir`: shows temporary files left behind.
+std::vector<std::string> entries(const test::TempDir& dir)
+{
+    std::vector<std::string> names;
+    for (const auto& e : std::filesystem::directory_iterator(dir.path()))
+        names.push_back(e.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 std::string slurp(const std::string& path)
 {
@@ -242,18 +224,16 @@ TEST(VlistTest, RefusesMalformedDocuments)
 
 TEST(VlistTest, RefusesDoctypesSoEntitiesCannotExpand)
 {
-    const std::string laughs = "<?xml version=\"1.0\"?>\n"
-                               "<!DOCTYPE vlist [\n"
-                               " <!ENTITY a \"aaaaaaaaaa\">\n"
-                               " <!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;\">\n"
-                               " <!ENTITY c \"&b;&b;&b;&b;&b;&b;&b;&b;&b;&b;\">\n"
-                               " <!ENTITY d \"&c;&c;&c;&c;&c;&c;&c;&c;&c;&c;\">\n"
-                               " <!ENTITY e \"&d;&d;&d;&d;&d;&d;&d;&d;&d;&d;\">\n"
-                               " <!ENTITY f \"&e;&e;&e;&e;&e;&e;&e;&e;&e;&e;\">\n"
-                               " <!ENTITY g \"&f;&f;&f;&f;&f;&f;&f;&f;&f;&f;\">\n"
-                               " <!ENTITY h \"&g;&g;&g;&g;&g;&g;&g;&g;&g;&g;\">\n"
-                               "]>\n"
-                               "<vlist version=\"1.0\"><string>&h;</string></vlist>";
+    // Eight levels of tenfold entities: a billion characters if expanded.
+    std::string laughs = "<?xml version=\"1.0\"?>\n<!DOCTYPE vlist [\n <!ENTITY a \"aaaaaaaaaa\">\n";
+    for (char e = 'b'; e <= 'h'; ++e) {
+        std::string ref = std::string("&") + char(e - 1) + ";";
+        laughs += std::string(" <!ENTITY ") + e + " \"";
+        for (int i = 0; i < 10; ++i)
+            laughs += ref;
+        laughs += "\">\n";
+    }
+    laughs += "]>\n<vlist version=\"1.0\"><string>&h;</string></vlist>";
     const std::string external = "<?xml version=\"1.0\"?>\n"
                                  "<!DOCTYPE vlist [<!ENTITY x SYSTEM \"file:///etc/passwd\">]>\n"
                                  "<vlist version=\"1.0\"><string>&x;</string></vlist>";
@@ -325,37 +305,37 @@ TEST(VlistTest, SerializeRefusesWhatCannotBeReadBack)
 
 TEST(VlistTest, ReadsFilesWithinLimits)
 {
-    TempDir dir;
+    test::TempDir dir;
     const Value v{{"KbBundleIdentifier", "com.example.app"}, {"n", 3}};
-    ASSERT_FALSE(writeVlistFileAtomically(dir / "Info.vlist", v));
-    auto back = readVlistFile(dir / "Info.vlist");
+    ASSERT_FALSE(writeVlistFileAtomically(dir.file("Info.vlist"), v));
+    auto back = readVlistFile(dir.file("Info.vlist"));
     ASSERT_TRUE(back.ok());
     EXPECT_EQ(*back, v);
 
-    auto missing = readVlistFile(dir / "none.vlist");
+    auto missing = readVlistFile(dir.file("none.vlist"));
     ASSERT_FALSE(missing.ok());
     EXPECT_EQ(missing.error().domain, kPosixErrorDomain);
     EXPECT_EQ(missing.error().code, ENOENT);
     EXPECT_FALSE(readVlistFile(dir.path()).ok());
-    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
-    EXPECT_FALSE(readVlistFile(dir / "fifo").ok()); // without waiting for a writer
+    ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0600), 0);
+    EXPECT_FALSE(readVlistFile(dir.file("fifo")).ok()); // without waiting for a writer
 
     VlistLimits small;
     small.maxBytes = 40;
-    auto big = readVlistFile(dir / "Info.vlist", small);
+    auto big = readVlistFile(dir.file("Info.vlist"), small);
     ASSERT_FALSE(big.ok());
     EXPECT_EQ(big.error().code, EFBIG);
     // Errors from a file name it.
-    ASSERT_FALSE(writeFileAtomically(dir / "bad.vlist", "<vlist><oops/></vlist>"));
-    auto bad = readVlistFile(dir / "bad.vlist");
+    ASSERT_FALSE(writeFileAtomically(dir.file("bad.vlist"), "<vlist><oops/></vlist>"));
+    auto bad = readVlistFile(dir.file("bad.vlist"));
     ASSERT_FALSE(bad.ok());
     EXPECT_NE(bad.error().localizedDescription().find("bad.vlist"), std::string::npos);
 }
 
 TEST(VlistTest, AtomicWriteReplacesOrLeavesTheTargetIntact)
 {
-    TempDir dir;
-    const std::string target = dir / "annotations.vlist";
+    test::TempDir dir;
+    const std::string target = dir.file("annotations.vlist");
     ASSERT_FALSE(writeFileAtomically(target, "old contents", 0600));
     EXPECT_EQ(slurp(target), "old contents");
     struct stat st {};
@@ -363,22 +343,22 @@ TEST(VlistTest, AtomicWriteReplacesOrLeavesTheTargetIntact)
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     ASSERT_FALSE(writeFileAtomically(target, "new contents"));
     EXPECT_EQ(slurp(target), "new contents");
-    EXPECT_EQ(dir.entries(), std::vector<std::string>{"annotations.vlist"});
+    EXPECT_EQ(entries(dir), std::vector<std::string>{"annotations.vlist"});
 
     // Failure before anything is written: no such directory.
-    auto err = writeFileAtomically(dir / "missing/x.vlist", "x");
+    auto err = writeFileAtomically(dir.file("missing/x.vlist"), "x");
     ASSERT_TRUE(err);
     EXPECT_EQ(err->domain, kPosixErrorDomain);
     EXPECT_EQ(err->code, ENOENT);
 
     // Failure after the temporary file is written: the rename cannot replace
     // a non-empty directory. The temporary file is gone again.
-    ASSERT_EQ(::mkdir((dir / "occupied").c_str(), 0755), 0);
-    ASSERT_FALSE(writeFileAtomically(dir / "occupied/inside", "x"));
-    err = writeFileAtomically(dir / "occupied", "x");
+    ASSERT_EQ(::mkdir(dir.file("occupied").c_str(), 0755), 0);
+    ASSERT_FALSE(writeFileAtomically(dir.file("occupied/inside"), "x"));
+    err = writeFileAtomically(dir.file("occupied"), "x");
     ASSERT_TRUE(err);
     EXPECT_NE(err->localizedDescription().find("rename"), std::string::npos);
-    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"annotations.vlist", "occupied"}));
+    EXPECT_EQ(entries(dir), (std::vector<std::string>{"annotations.vlist", "occupied"}));
 
     // A failing write (the file size limit cuts it short): the target keeps
     // its old contents and no temporary file is left behind.
@@ -392,7 +372,7 @@ TEST(VlistTest, AtomicWriteReplacesOrLeavesTheTargetIntact)
     });
     EXPECT_EQ(status, 0);
     EXPECT_EQ(slurp(target), "new contents");
-    EXPECT_EQ(dir.entries(), (std::vector<std::string>{"annotations.vlist", "occupied"}));
+    EXPECT_EQ(entries(dir), (std::vector<std::string>{"annotations.vlist", "occupied"}));
 
     // A directory the writer may not write to (the test may run as root, so
     // the child gives up its privileges first).
@@ -411,8 +391,8 @@ TEST(VlistTest, AtomicWriteReplacesOrLeavesTheTargetIntact)
 // complete version, never a mixture or a truncated file.
 TEST(VlistTest, KilledWriterLeavesACompleteFile)
 {
-    TempDir dir;
-    const std::string target = dir / "state.vlist";
+    test::TempDir dir;
+    const std::string target = dir.file("state.vlist");
     const std::string first(256 << 10, 'a');
     const std::string second(512 << 10, 'b');
     ASSERT_FALSE(writeFileAtomically(target, first));
