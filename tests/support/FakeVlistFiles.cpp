@@ -79,4 +79,13 @@ platform::VlistFileReader FakeVlistFiles::reader()
     };
 }
 
+std::string FakeVlistFiles::makeExampleApplication() const
+{
+    std::string app = makeDirectory("Example.app");
+    writeValue("Example.app/Info.vlist",
+               Value{{"KbBundleIdentifier", Value("com.example.app")}, {"KbBundleExecutable", Value("example")}});
+    writeText("Example.app/example", "x", 0755);
+    return app;
+}
+
 } // namespace tv::test

@@ -32,6 +32,9 @@ public:
     std::string makeDirectory(std::string_view relative, unsigned mode = 0755) const;
     std::string writeValue(std::string_view relative, const Value& value, unsigned mode = 0644) const;
     std::string writeText(std::string_view relative, std::string_view text, unsigned mode = 0644) const;
+    // An application bundle "Example.app" (identifier "com.example.app")
+    // with its executable "example"; returns the bundle's path.
+    std::string makeExampleApplication() const;
 
     static platform::VlistFileReader reader();
 

@@ -17,10 +17,7 @@ class TvBundleTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        app_ = files_.makeDirectory("Example.app");
-        files_.writeValue("Example.app/Info.vlist", Value{{"KbBundleIdentifier", Value("com.example.app")},
-                                                          {"KbBundleExecutable", Value("example")}});
-        files_.writeText("Example.app/example", "x", 0755);
+        app_ = files_.makeExampleApplication();
         previous_ = TvBundle::setBundleService(service_);
     }
     void TearDown() override { TvBundle::setBundleService(previous_); }

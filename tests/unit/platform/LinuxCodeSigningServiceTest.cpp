@@ -21,10 +21,8 @@ class LinuxCodeSigningServiceTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        app_ = files_.makeDirectory("Example.app");
-        files_.writeValue("Example.app/Info.vlist", Value{{"KbBundleIdentifier", Value("com.example.app")},
-                                                          {"KbBundleExecutable", Value("example")}});
-        processes_->paths[100] = files_.writeText("Example.app/example", "x", 0755);
+        app_ = files_.makeExampleApplication();
+        processes_->paths[100] = files_.path("Example.app/example");
         processes_->paths[200] = files_.writeText("bin/tool", "x", 0755);
         dropIns_ = files_.makeDirectory("entitlements.d");
     }
