@@ -42,6 +42,23 @@ static std::string readAll(int fd)
     return s;
 }
 
+// Reaps `pid` and returns its wait status; a process still running after
+// `timeout` is killed first.
+static int waitForExit(pid_t pid, std::chrono::milliseconds timeout)
+{
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    while (::waitpid(pid, &status, WNOHANG) != pid) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, &status, 0);
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return status;
+}
+
 static std::vector<char*> cstrings(std::vector<std::string>& v)
 {
     std::vector<char*> out;
@@ -72,19 +89,7 @@ ProcessResult runProgram(const std::vector<std::string>& argvIn, const std::map<
         _exit(127);
     }
     ProcessResult r;
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    int status = 0;
-    for (;;) {
-        pid_t w = ::waitpid(pid, &status, WNOHANG);
-        if (w == pid)
-            break;
-        if (std::chrono::steady_clock::now() > deadline) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, &status, 0);
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    int status = waitForExit(pid, timeout);
     if (WIFEXITED(status))
         r.exitStatus = WEXITSTATUS(status);
     else if (WIFSIGNALED(status))
@@ -237,19 +242,7 @@ int TestDaemon::stop()
     if (pid_ <= 0)
         return -1;
     ::kill(pid_, SIGTERM);
-    int status = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    for (;;) {
-        pid_t w = ::waitpid(pid_, &status, WNOHANG);
-        if (w == pid_)
-            break;
-        if (std::chrono::steady_clock::now() > deadline) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, &status, 0);
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    int status = waitForExit(pid_, std::chrono::seconds(10));
     pid_ = -1;
     if (WIFEXITED(status))
         return WEXITSTATUS(status);
