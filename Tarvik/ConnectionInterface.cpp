@@ -1,6 +1,6 @@
 #include "Tarvik/ConnectionInterface.h"
 
-#include "Tarvik/base/InternalInconsistency.h"
+#include "base/InternalInconsistency.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 #include "Tarvik/InterfaceDescriptor.h"
 
-#include "Tarvik/base/InternalInconsistency.h"
+#include "base/InternalInconsistency.h"
 
 namespace tv {
 

@@ -1,6 +1,6 @@
 #include "Tarvik/InterfaceDescriptorRegistry.h"
 
-#include "Tarvik/base/InternalInconsistency.h"
+#include "base/InternalInconsistency.h"
 
 #include <chrono>
 

@@ -1,7 +1,7 @@
 #include "Tarvik/TvBundle.h"
 
 #include "Tarvik/TvLog.h"
-#include "Tarvik/base/InternalInconsistency.h"
+#include "base/InternalInconsistency.h"
 
 #include <mutex>
 

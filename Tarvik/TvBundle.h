@@ -17,8 +17,8 @@
 // both ask the service and store equal strings.
 #pragma once
 
-#include "Tarvik/base/Value.h"
-#include "platform/BundleService.h"
+#include "base/Value.h"
+#include "platform/process/BundleService.h"
 
 #include <atomic>
 #include <memory>

@@ -1,7 +1,7 @@
 // Two collection helpers of the shared model. Stateless and thread-safe.
 #pragma once
 
-#include "Tarvik/base/Value.h"
+#include "base/Value.h"
 
 #include <concepts>
 #include <ranges>

@@ -2,7 +2,7 @@
 
 #include "Tarvik/TvLog.h"
 #include "Tarvik/TvMessageConversion.h"
-#include "Tarvik/base/InternalInconsistency.h"
+#include "base/InternalInconsistency.h"
 
 namespace tv {
 

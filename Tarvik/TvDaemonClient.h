@@ -11,12 +11,12 @@
 // connection events of one client run on its queue, in delivery order.
 #pragma once
 
-#include "Tarvik/base/SerialQueue.h"
-#include "Tarvik/base/TvError.h"
-#include "Tarvik/base/Value.h"
-#include "platform/Message.h"
-#include "platform/VynEvent.h"
-#include "platform/VynService.h"
+#include "base/SerialQueue.h"
+#include "base/TvError.h"
+#include "base/Value.h"
+#include "platform/ipc/Message.h"
+#include "platform/ipc/VynEvent.h"
+#include "platform/ipc/VynService.h"
 
 #include <atomic>
 #include <functional>

@@ -1,8 +1,8 @@
 // Read-only file grants for resources that another process is to open.
 #pragma once
 
-#include "Tarvik/base/Value.h"
-#include "platform/SandboxService.h"
+#include "base/Value.h"
+#include "platform/security/SandboxService.h"
 
 #include <optional>
 #include <string>

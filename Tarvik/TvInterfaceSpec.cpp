@@ -2,7 +2,7 @@
 
 #include "Tarvik/InterfaceDescriptorRegistry.h"
 #include "Tarvik/TvLog.h"
-#include "Tarvik/base/InternalInconsistency.h"
+#include "base/InternalInconsistency.h"
 
 #include <vector>
 

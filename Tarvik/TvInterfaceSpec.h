@@ -14,8 +14,8 @@
 
 #include "Tarvik/ConnectionInterface.h"
 #include "Tarvik/InterfaceDescriptor.h"
-#include "Tarvik/base/TvError.h"
-#include "Tarvik/base/Value.h"
+#include "base/TvError.h"
+#include "base/Value.h"
 
 #include <memory>
 #include <optional>

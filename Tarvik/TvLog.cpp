@@ -1,6 +1,6 @@
 #include "Tarvik/TvLog.h"
 
-#include "Tarvik/base/SerialQueue.h"
+#include "base/SerialQueue.h"
 
 #include <array>
 #include <memory>

@@ -12,8 +12,8 @@
 // Thread-safe: handles are immutable once made.
 #pragma once
 
-#include "Tarvik/base/Format.h"
-#include "platform/SystemLog.h"
+#include "base/Format.h"
+#include "platform/log/SystemLog.h"
 
 #include <string>
 

@@ -1,6 +1,6 @@
 #include "Tarvik/TvMessageConversion.h"
 
-#include "Tarvik/base/ValueCodec.h"
+#include "base/ValueCodec.h"
 
 namespace tv {
 

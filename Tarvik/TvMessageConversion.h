@@ -12,7 +12,7 @@
 // (docs/wire-format.md).
 #pragma once
 
-#include "Tarvik/base/Value.h"
+#include "base/Value.h"
 
 namespace tv {
 

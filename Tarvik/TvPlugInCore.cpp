@@ -1,8 +1,8 @@
 #include "Tarvik/TvPlugInCore.h"
 
 #include "Tarvik/TvLog.h"
-#include "Tarvik/base/InternalInconsistency.h"
-#include "platform/ExtensionSdkRegistry.h"
+#include "base/InternalInconsistency.h"
+#include "platform/sdk/ExtensionSdkRegistry.h"
 
 #include <limits>
 #include <mutex>

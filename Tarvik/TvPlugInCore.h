@@ -40,12 +40,12 @@
 // whole and belong to the record's owner. Log lines go to the "ops" category.
 #pragma once
 
-#include "Tarvik/base/AtomicValue.h"
-#include "Tarvik/base/Date.h"
-#include "Tarvik/base/Result.h"
-#include "Tarvik/base/TvError.h"
-#include "Tarvik/base/Uuid.h"
-#include "Tarvik/base/Value.h"
+#include "base/AtomicValue.h"
+#include "base/Date.h"
+#include "base/Result.h"
+#include "base/TvError.h"
+#include "base/Uuid.h"
+#include "base/Value.h"
 
 #include <atomic>
 #include <cstdint>

@@ -1,7 +1,7 @@
 #include "Tarvik/TvdPlugInSignature.h"
 
-#include "Tarvik/base/Uuid.h"
-#include "platform/Digest.h"
+#include "base/Uuid.h"
+#include "platform/security/Digest.h"
 
 namespace tv {
 

@@ -10,8 +10,8 @@
 // Thread-safe: both properties are read and written atomically.
 #pragma once
 
-#include "Tarvik/base/TvError.h"
-#include "Tarvik/base/Value.h"
+#include "base/TvError.h"
+#include "base/Value.h"
 
 #include <atomic>
 #include <memory>

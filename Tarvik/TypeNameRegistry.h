@@ -9,7 +9,7 @@
 // Thread-safe.
 #pragma once
 
-#include "Tarvik/base/Value.h"
+#include "base/Value.h"
 
 #include <map>
 #include <mutex>

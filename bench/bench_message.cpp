@@ -1,9 +1,9 @@
 // Cost of the IPC message path: encoding and decoding frames of a typical
 // request and of a large reply, and a request/reply round trip through the
 // transport over a real Unix socket.
-#include "Tarvik/base/SerialQueue.h"
-#include "platform/LinuxVynService.h"
-#include "platform/VynFrame.h"
+#include "base/SerialQueue.h"
+#include "platform/ipc/LinuxVynService.h"
+#include "platform/ipc/VynFrame.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,7 +1,7 @@
 // Reading and writing XML vlist documents and typed JSON: a typical plug-in
 // Info.vlist and a registry-sized document of about 1 MiB.
-#include "platform/TypedJson.h"
-#include "platform/Vlist.h"
+#include "platform/formats/TypedJson.h"
+#include "platform/formats/Vlist.h"
 
 #include <benchmark/benchmark.h>
 

@@ -14,7 +14,7 @@
 // ignored. The keys are documented in docs/configuration.md.
 #pragma once
 
-#include "Tarvik/base/Result.h"
+#include "base/Result.h"
 
 #include <cstddef>
 #include <cstdint>

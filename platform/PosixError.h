@@ -5,7 +5,7 @@
 // "permission denied" without parsing text.
 #pragma once
 
-#include "Tarvik/base/TvError.h"
+#include "base/TvError.h"
 
 #include <string_view>
 

@@ -1,8 +1,8 @@
 #include "tvd/Transaction.h"
 
 #include "Tarvik/TvLog.h"
-#include "Tarvik/base/InternalInconsistency.h"
-#include "platform/VynConnection.h"
+#include "base/InternalInconsistency.h"
+#include "platform/ipc/VynConnection.h"
 #include "tvd/TvdTrace.h"
 #include "tvd/TvdServer.h"
 #include "tvd/TvdVynClient.h"

@@ -17,8 +17,8 @@
 // All transactions run one at a time on the server's "service" queue.
 #pragma once
 
-#include "Tarvik/base/TvError.h"
-#include "platform/Message.h"
+#include "base/TvError.h"
+#include "platform/ipc/Message.h"
 
 #include <cstdint>
 #include <functional>

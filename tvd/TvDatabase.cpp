@@ -1,6 +1,6 @@
 #include "tvd/TvDatabase.h"
 
-#include "platform/ApplicationRegistry.h"
+#include "platform/registry/ApplicationRegistry.h"
 
 namespace tv {
 

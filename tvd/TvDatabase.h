@@ -10,8 +10,8 @@
 // Thread-safety: the accessors may be called from any thread.
 #pragma once
 
-#include "Tarvik/base/TvError.h"
-#include "Tarvik/base/Value.h"
+#include "base/TvError.h"
+#include "base/Value.h"
 
 #include <atomic>
 #include <cstdint>

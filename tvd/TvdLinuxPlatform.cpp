@@ -2,13 +2,13 @@
 
 #include "Tarvik/TvBundle.h"
 #include "Tarvik/TvPlugInCore.h"
-#include "platform/LinuxApplicationRegistry.h"
-#include "platform/LinuxBundleService.h"
-#include "platform/LinuxCodeSigningService.h"
-#include "platform/LinuxExtensionSdkRegistry.h"
-#include "platform/LinuxProcessInfo.h"
-#include "platform/LinuxServiceLifecycle.h"
-#include "platform/LinuxVynService.h"
+#include "platform/registry/LinuxApplicationRegistry.h"
+#include "platform/process/LinuxBundleService.h"
+#include "platform/security/LinuxCodeSigningService.h"
+#include "platform/sdk/LinuxExtensionSdkRegistry.h"
+#include "platform/process/LinuxProcessInfo.h"
+#include "platform/lifecycle/LinuxServiceLifecycle.h"
+#include "platform/ipc/LinuxVynService.h"
 #include "tvd/TvdServer.h"
 
 namespace tv {

@@ -5,7 +5,7 @@
 // SIGTERM). Errors name the service that could not be set up.
 #pragma once
 
-#include "Tarvik/base/Result.h"
+#include "base/Result.h"
 #include "platform/PlatformConfig.h"
 #include "tvd/TvdPlatform.h"
 

@@ -3,7 +3,7 @@
 // (tvd/main.cpp); tests fill it with fakes.
 #pragma once
 
-#include "Tarvik/base/SerialQueue.h"
+#include "base/SerialQueue.h"
 
 #include <functional>
 #include <memory>

@@ -1,7 +1,7 @@
 #include "tvd/TvdServer.h"
 
 #include "Tarvik/TvLog.h"
-#include "platform/VynService.h"
+#include "platform/ipc/VynService.h"
 #include "tvd/TvdVynClient.h"
 
 #include <mutex>

@@ -2,9 +2,9 @@
 
 #include "Tarvik/TvBundle.h"
 #include "Tarvik/TvLog.h"
-#include "platform/CodeSigningService.h"
-#include "platform/ProcessInfo.h"
-#include "platform/VynConnection.h"
+#include "platform/security/CodeSigningService.h"
+#include "platform/process/ProcessInfo.h"
+#include "platform/ipc/VynConnection.h"
 #include "tvd/Transaction.h"
 #include "tvd/TvdTrace.h"
 #include "tvd/TvdServer.h"

@@ -13,8 +13,8 @@
 // "service"; acceptWork is the one signal between the two.
 #pragma once
 
-#include "Tarvik/base/Value.h"
-#include "platform/VynEvent.h"
+#include "base/Value.h"
+#include "platform/ipc/VynEvent.h"
 
 #include <atomic>
 #include <cstdint>

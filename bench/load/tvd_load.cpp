@@ -8,7 +8,7 @@
 // resident memory before and after. Traffic goes only to the named local
 // socket; the run is bounded by the request count.
 #include "Tarvik/TvDaemonClient.h"
-#include "platform/LinuxVynService.h"
+#include "platform/ipc/LinuxVynService.h"
 #include "platform/PlatformConfig.h"
 
 #include <algorithm>

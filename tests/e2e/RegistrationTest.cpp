@@ -1,7 +1,7 @@
 // Registering and unregistering plug-in bundles by path through the real
 // daemon, with tvkit as the client: path handling of the request frame and
 // the manager entitlement, read from an administrator's drop-in.
-#include "platform/Vlist.h"
+#include "platform/formats/Vlist.h"
 #include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>

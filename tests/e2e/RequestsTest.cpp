@@ -1,9 +1,9 @@
 // Requests through the real daemon: the client library and tvkit against the
 // real tvd binary over its socket.
 #include "Tarvik/TvDaemonClient.h"
-#include "platform/LinuxVynService.h"
+#include "platform/ipc/LinuxVynService.h"
 #include "platform/PlatformConfig.h"
-#include "platform/VynFrame.h"
+#include "platform/ipc/VynFrame.h"
 #include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>

@@ -3,7 +3,7 @@
 // registered; unregistering a path that is not registered fails.
 #pragma once
 
-#include "platform/ApplicationRegistry.h"
+#include "platform/registry/ApplicationRegistry.h"
 #include "platform/PosixError.h"
 
 #include <cerrno>

@@ -1,9 +1,9 @@
 // Fakes for who a client is: its executable path and its entitlements.
 #pragma once
 
-#include "platform/CodeSigningService.h"
+#include "platform/security/CodeSigningService.h"
 #include "platform/PosixError.h"
-#include "platform/ProcessInfo.h"
+#include "platform/process/ProcessInfo.h"
 
 #include <cerrno>
 #include <map>

@@ -3,7 +3,7 @@
 // can prove that callers ask afresh instead of caching.
 #pragma once
 
-#include "platform/ExtensionSdkRegistry.h"
+#include "platform/sdk/ExtensionSdkRegistry.h"
 
 #include <map>
 #include <mutex>

@@ -1,6 +1,6 @@
 #include "tests/support/FakeVlistFiles.h"
 
-#include "Tarvik/base/ValueCodec.h"
+#include "base/ValueCodec.h"
 
 #include <cstdlib>
 #include <filesystem>

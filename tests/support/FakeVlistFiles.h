@@ -6,8 +6,8 @@
 // malformed document.
 #pragma once
 
-#include "Tarvik/base/Value.h"
-#include "platform/VlistFileReader.h"
+#include "base/Value.h"
+#include "platform/formats/VlistFileReader.h"
 
 #include <string>
 #include <string_view>

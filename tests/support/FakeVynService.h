@@ -3,7 +3,7 @@
 // by hand, and drives delivery through the queues it handed in.
 #pragma once
 
-#include "platform/VynService.h"
+#include "platform/ipc/VynService.h"
 
 #include <deque>
 #include <map>

@@ -3,7 +3,7 @@
 // written out; the previous log is restored on destruction.
 #pragma once
 
-#include "platform/SystemLog.h"
+#include "platform/log/SystemLog.h"
 
 #include <memory>
 #include <mutex>

@@ -1,7 +1,7 @@
 #include "tests/support/ServerHarness.h"
 
 #include "Tarvik/TvBundle.h"
-#include "platform/LinuxBundleService.h"
+#include "platform/process/LinuxBundleService.h"
 
 #include <stdexcept>
 

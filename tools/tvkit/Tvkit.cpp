@@ -2,10 +2,10 @@
 
 #include "Tarvik/TvDaemonClient.h"
 #include "Tarvik/TvMessageConversion.h"
-#include "Tarvik/base/InternalInconsistency.h"
-#include "platform/LinuxVynService.h"
+#include "base/InternalInconsistency.h"
+#include "platform/ipc/LinuxVynService.h"
 #include "platform/PlatformConfig.h"
-#include "platform/TypedJson.h"
+#include "platform/formats/TypedJson.h"
 
 #include <chrono>
 #include <future>

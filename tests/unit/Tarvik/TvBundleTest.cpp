@@ -1,7 +1,7 @@
 #include "Tarvik/TvBundle.h"
 
-#include "Tarvik/base/InternalInconsistency.h"
-#include "platform/LinuxBundleService.h"
+#include "base/InternalInconsistency.h"
+#include "platform/process/LinuxBundleService.h"
 #include "tests/support/FakeVlistFiles.h"
 #include "tests/support/LogCapture.h"
 

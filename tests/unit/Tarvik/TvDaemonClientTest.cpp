@@ -1,6 +1,6 @@
 #include "Tarvik/TvDaemonClient.h"
 
-#include "Tarvik/base/InternalInconsistency.h"
+#include "base/InternalInconsistency.h"
 #include "tests/support/FakeVynService.h"
 #include "tests/support/LogCapture.h"
 

@@ -1,7 +1,7 @@
 #include "Tarvik/TvInterfaceSpec.h"
 
 #include "Tarvik/InterfaceDescriptorRegistry.h"
-#include "Tarvik/base/InternalInconsistency.h"
+#include "base/InternalInconsistency.h"
 #include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 #include "Tarvik/TvPlugInCore.h"
-#include "Tarvik/base/InternalInconsistency.h"
+#include "base/InternalInconsistency.h"
 #include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>

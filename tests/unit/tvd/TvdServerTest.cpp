@@ -1,6 +1,6 @@
 #include "tvd/TvdServer.h"
 
-#include "platform/VynService.h"
+#include "platform/ipc/VynService.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ServerHarness.h"
 #include "tvd/Transaction.h"

@@ -1,0 +1,12 @@
+#include "platform/formats/VlistFileReader.h"
+
+#include "platform/formats/Vlist.h"
+
+namespace tv::platform {
+
+VlistFileReader systemVlistFileReader()
+{
+    return [](const std::string& path) { return readVlistFile(path); };
+}
+
+} // namespace tv::platform

@@ -1,0 +1,535 @@
+#include "platform/ipc/LinuxVynConnection.h"
+
+#include "platform/log/PlatformLog.h"
+#include "platform/PosixError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+namespace tv::platform {
+
+namespace {
+
+constexpr std::size_t kReadChunk = 64u << 10;
+// Bytes read from one connection per wake-up, so that a fast sender cannot
+// starve the other connections of the runtime.
+constexpr std::size_t kReadBudget = 1u << 20;
+// A read buffer larger than this is given back once it drains.
+constexpr std::size_t kKeepBuffer = 1u << 20;
+constexpr int kMaxIov = 64;
+constexpr int kMaxPassedFds = 32;
+
+VynError invalidError()
+{
+    return VynError{VynError::Kind::ConnectionInvalid, "Connection invalid"};
+}
+
+std::string describe(LinuxVynConnection::Role role, const AuditToken& t, const std::string& path)
+{
+    if (role == LinuxVynConnection::Role::Accepted)
+        return "<vyn connection from pid " + std::to_string(t.pid) + " uid " + std::to_string(t.uid) + " on " +
+               path + ">";
+    return "<vyn connection to " + path + " pid " + std::to_string(t.pid) + ">";
+}
+
+// Closes every descriptor an SCM_RIGHTS message brought; returns how many.
+int closePassedDescriptors(msghdr& msg)
+{
+    int count = 0;
+    for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
+        if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS)
+            continue;
+        std::size_t n = (c->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (std::size_t i = 0; i < n; ++i) {
+            int fd;
+            std::memcpy(&fd, CMSG_DATA(c) + i * sizeof(int), sizeof fd);
+            ::close(fd);
+            ++count;
+        }
+    }
+    return count;
+}
+
+} // namespace
+
+LinuxVynConnection::LinuxVynConnection(Setup setup)
+    : runtime_(std::move(setup.runtime)),
+      queue_(std::move(setup.queue)),
+      limits_(setup.limits),
+      role_(setup.role),
+      auditToken_(setup.auditToken),
+      description_(describe(setup.role, setup.auditToken, setup.path)),
+      fd_(setup.fd),
+      failure_(std::move(setup.failure)),
+      slot_(std::move(setup.slot))
+{
+    if (fd_ < 0) {
+        closed_ = true;
+        platformLog(LogLevel::Info, "vyn", "%{public}s: %{public}s", description_, failure_);
+    }
+}
+
+LinuxVynConnection::~LinuxVynConnection()
+{
+    if (fd_ >= 0)
+        ::close(fd_);
+    if (auditToken_.pidfd >= 0)
+        ::close(auditToken_.pidfd);
+    for (auto& [id, pending] : pending_)
+        failReply(pending, invalidError());
+}
+
+void LinuxVynConnection::setEventHandler(EventHandler handler)
+{
+    std::lock_guard lock(mutex_);
+    handler_ = std::make_shared<const EventHandler>(std::move(handler));
+}
+
+void LinuxVynConnection::setContext(std::shared_ptr<void> context)
+{
+    std::lock_guard lock(mutex_);
+    context_ = std::move(context);
+}
+
+std::shared_ptr<void> LinuxVynConnection::context() const
+{
+    std::lock_guard lock(mutex_);
+    return context_;
+}
+
+void LinuxVynConnection::resume()
+{
+    if (resumeRequested_.exchange(true))
+        return;
+    auto self = shared_from_this();
+    if (!runtime_->post([self] { self->start(); }))
+        deliverInvalidOnce();
+}
+
+void LinuxVynConnection::cancel()
+{
+    auto self = shared_from_this();
+    bool posted = runtime_->post([self] {
+        self->close("cancelled", false);
+        self->deliverInvalidOnce();
+    });
+    if (!posted)
+        deliverInvalidOnce();
+}
+
+void LinuxVynConnection::send(Message message)
+{
+    std::uint64_t replyTo = message.replyTo();
+    auto frame = VynFrame::encode(message, false, limits_.maxDepth);
+    if (!frame)
+        platformLog(LogLevel::Error, "vyn", "%{public}s: message dropped: %{public}s", description_,
+                    frame.error().localizedDescription());
+    auto self = shared_from_this();
+    std::optional<Bytes> bytes;
+    if (frame)
+        bytes = std::move(frame).value();
+    runtime_->post([self, bytes = std::move(bytes), replyTo]() mutable {
+        if (bytes && !self->closed_) {
+            VynFrame::setMessageId(*bytes, self->nextMessageId_++);
+            self->enqueueFrame(std::move(*bytes));
+        }
+        // A reply that could not be encoded still answers its request, or
+        // the connection would stop reading for good.
+        if (replyTo != 0)
+            self->markAnswered(replyTo);
+    });
+}
+
+void LinuxVynConnection::sendWithReply(Message message, std::shared_ptr<SerialQueue> queue, ReplyHandler handler)
+{
+    auto pending = std::make_shared<PendingReply>(PendingReply{queue ? std::move(queue) : queue_, std::move(handler)});
+    auto frame = VynFrame::encode(message, true, limits_.maxDepth);
+    if (!frame) {
+        failReply(pending, VynError{VynError::Kind::Other,
+                                    "message cannot be sent: " + frame.error().localizedDescription()});
+        return;
+    }
+    if (role_ == Role::Client && frame->size() > limits_.maxRequestFrame) {
+        failReply(pending, VynError{VynError::Kind::Other,
+                                    "message of " + std::to_string(frame->size()) + " bytes exceeds the limit of " +
+                                        std::to_string(limits_.maxRequestFrame) + " bytes"});
+        return;
+    }
+    auto self = shared_from_this();
+    bool posted = runtime_->post([self, bytes = std::move(frame).value(), pending]() mutable {
+        if (self->closed_) {
+            failReply(pending, invalidError());
+            return;
+        }
+        std::uint64_t id = self->nextMessageId_++;
+        VynFrame::setMessageId(bytes, id);
+        self->pending_.emplace(id, pending);
+        self->enqueueFrame(std::move(bytes));
+    });
+    if (!posted)
+        failReply(pending, invalidError());
+}
+
+void LinuxVynConnection::announceTermination()
+{
+    if (!closed_ && resumed_)
+        deliverEvent(VynError{VynError::Kind::TerminationImminent, "Termination imminent"});
+}
+
+void LinuxVynConnection::shutdown()
+{
+    close("the IPC service is shutting down", false);
+}
+
+// ---------------------------------------------------------------------------
+// Runtime's thread
+
+void LinuxVynConnection::start()
+{
+    resumed_ = true;
+    if (closed_) {
+        deliverInvalidOnce();
+        return;
+    }
+    if (slot_)
+        slot_->attach(weak_from_this());
+    writing_ = !out_.empty();
+    interest_ = (reading_ ? EPOLLIN | EPOLLRDHUP : 0u) | (writing_ ? EPOLLOUT : 0u);
+    runtime_->watch(fd_, interest_, shared_from_this());
+    watched_ = true;
+    flush();
+}
+
+void LinuxVynConnection::enqueueFrame(Bytes frame)
+{
+    outPending_ += frame.size();
+    out_.push_back(std::move(frame));
+    if (watched_)
+        flush();
+    if (closed_ || role_ != Role::Accepted || out_.empty())
+        return;
+    std::size_t behind = outPending_ - (out_.front().size() - outOffset_);
+    if (behind > limits_.maxUnsentOutput)
+        close(std::to_string(behind) + " bytes of unsent output exceed the limit of " +
+                  std::to_string(limits_.maxUnsentOutput) + " bytes",
+              true);
+}
+
+void LinuxVynConnection::flush()
+{
+    while (!out_.empty()) {
+        iovec iov[kMaxIov];
+        int n = 0;
+        for (auto it = out_.begin(); it != out_.end() && n < kMaxIov; ++it, ++n) {
+            std::size_t skip = n == 0 ? outOffset_ : 0;
+            iov[n].iov_base = it->data() + skip;
+            iov[n].iov_len = it->size() - skip;
+        }
+        msghdr msg{};
+        msg.msg_iov = iov;
+        msg.msg_iovlen = static_cast<std::size_t>(n);
+        ssize_t written = ::sendmsg(fd_, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
+                break;
+            close(*posixError(errno, "write").description, false);
+            return;
+        }
+        auto left = static_cast<std::size_t>(written);
+        outPending_ -= left;
+        while (left > 0) {
+            std::size_t rest = out_.front().size() - outOffset_;
+            if (left >= rest) {
+                left -= rest;
+                out_.pop_front();
+                outOffset_ = 0;
+            } else {
+                outOffset_ += left;
+                left = 0;
+            }
+        }
+    }
+    bool wantWrite = !out_.empty();
+    if (wantWrite != writing_) {
+        writing_ = wantWrite;
+        updateInterest();
+    }
+}
+
+void LinuxVynConnection::handleEvents(std::uint32_t events)
+{
+    if (closed_)
+        return;
+    if (events & EPOLLOUT)
+        flush();
+    if (closed_)
+        return;
+    if (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) {
+        if (reading_)
+            readAvailable();
+        else if (events & (EPOLLHUP | EPOLLERR))
+            close("peer closed", false); // not reading: a hangup would be reported forever
+    }
+}
+
+void LinuxVynConnection::readAvailable()
+{
+    std::size_t budget = kReadBudget;
+    while (reading_ && !closed_ && budget > 0) {
+        std::size_t want = kReadChunk;
+        if (header_)
+            want = std::max(want, header_->frameSize() - (inEnd_ - inStart_));
+        if (inStart_ == inEnd_)
+            inStart_ = inEnd_ = 0;
+        if (in_.size() - inEnd_ < want) {
+            if (inStart_ > 0) {
+                std::memmove(in_.data(), in_.data() + inStart_, inEnd_ - inStart_);
+                inEnd_ -= inStart_;
+                inStart_ = 0;
+            }
+            if (in_.size() - inEnd_ < want)
+                in_.resize(inEnd_ + want);
+        }
+
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxPassedFds)];
+        iovec iov{in_.data() + inEnd_, in_.size() - inEnd_};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        ssize_t n = ::recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            if (errno == EAGAIN || errno == EWOULDBLOCK)
+                break;
+            close(*posixError(errno, "read").description, false);
+            return;
+        }
+        if (msg.msg_controllen > 0) {
+            int passed = closePassedDescriptors(msg);
+            if (passed > 0 || (msg.msg_flags & MSG_CTRUNC))
+                platformLog(LogLevel::Default, "vyn", "%{public}s: closed %d file descriptor(s) passed with a message",
+                            description_, passed);
+        }
+        if (n == 0) {
+            close(inEnd_ > inStart_ ? "peer closed in the middle of a frame" : "peer closed", false);
+            return;
+        }
+        inEnd_ += static_cast<std::size_t>(n);
+        budget -= std::min(budget, static_cast<std::size_t>(n));
+        processFrames();
+    }
+    if (closed_)
+        return;
+    if (inStart_ == inEnd_ && in_.size() > kKeepBuffer) {
+        Bytes().swap(in_);
+        inStart_ = inEnd_ = 0;
+    }
+    updateIncompleteFrameTimer();
+}
+
+void LinuxVynConnection::processFrames()
+{
+    while (!closed_) {
+        if (role_ == Role::Accepted && unanswered_.size() >= limits_.maxInFlight) {
+            setReading(false);
+            return;
+        }
+        std::size_t available = inEnd_ - inStart_;
+        if (!header_) {
+            if (available < VynFrame::kHeaderSize)
+                return;
+            auto header = VynFrame::parseHeader(
+                std::span<const std::uint8_t, VynFrame::kHeaderSize>(in_.data() + inStart_, VynFrame::kHeaderSize));
+            if (!header) {
+                close("garbled frame: " + header.error().localizedDescription(), true);
+                return;
+            }
+            if (header->frameSize() > readLimit()) {
+                close("frame of " + std::to_string(header->frameSize()) + " bytes exceeds the limit of " +
+                          std::to_string(readLimit()) + " bytes",
+                      true);
+                return;
+            }
+            header_ = *header;
+        }
+        if (available < header_->frameSize())
+            return;
+        auto message = VynFrame::decodeBody(
+            *header_, std::span<const std::uint8_t>(in_.data() + inStart_ + VynFrame::kHeaderSize, header_->bodyLength),
+            limits_.maxDepth);
+        inStart_ += header_->frameSize();
+        header_.reset();
+        ++framesRead_;
+        if (!message) {
+            close("garbled frame: " + message.error().localizedDescription(), true);
+            return;
+        }
+        dispatch(std::move(message).value());
+    }
+}
+
+void LinuxVynConnection::dispatch(Message message)
+{
+    if (message.isReply()) {
+        auto it = pending_.find(message.replyTo());
+        if (it == pending_.end()) {
+            platformLog(LogLevel::Info, "vyn", "%{public}s: dropped a reply to unknown message %llu", description_,
+                        message.replyTo());
+            return;
+        }
+        auto pending = std::move(it->second);
+        pending_.erase(it);
+        pending->queue->async([pending, message = std::move(message)] { pending->handler(message); });
+        return;
+    }
+    if (role_ == Role::Accepted && message.expectsReply() && !unanswered_.insert(message.messageId()).second) {
+        close("message id " + std::to_string(message.messageId()) + " reused while its request is unanswered", true);
+        return;
+    }
+    deliverEvent(std::move(message));
+}
+
+void LinuxVynConnection::markAnswered(std::uint64_t requestId)
+{
+    if (!unanswered_.erase(requestId) || closed_ || reading_ || unanswered_.size() >= limits_.maxInFlight)
+        return;
+    setReading(true);
+    processFrames();
+    if (!closed_)
+        updateIncompleteFrameTimer();
+}
+
+void LinuxVynConnection::setReading(bool reading)
+{
+    reading_ = reading;
+    updateInterest();
+    if (!reading)
+        updateIncompleteFrameTimer();
+}
+
+void LinuxVynConnection::updateInterest()
+{
+    if (!watched_)
+        return;
+    std::uint32_t events = (reading_ ? EPOLLIN | EPOLLRDHUP : 0u) | (writing_ ? EPOLLOUT : 0u);
+    if (events != interest_) {
+        interest_ = events;
+        runtime_->modify(fd_, events);
+    }
+}
+
+void LinuxVynConnection::updateIncompleteFrameTimer()
+{
+    bool partial = reading_ && !closed_ && inEnd_ > inStart_;
+    if (partial && incompleteTimer_ && incompleteTimerFrame_ == framesRead_)
+        return; // still the same frame: its deadline stands
+    if (incompleteTimer_) {
+        runtime_->cancelTimer(*incompleteTimer_);
+        incompleteTimer_.reset();
+    }
+    if (!partial)
+        return;
+    incompleteTimerFrame_ = framesRead_;
+    std::weak_ptr<LinuxVynConnection> weak = weak_from_this();
+    std::uint32_t ms = limits_.incompleteFrameTimeoutMs;
+    incompleteTimer_ = runtime_->addTimer(VynRuntime::Clock::now() + std::chrono::milliseconds(ms), [weak, ms] {
+        if (auto self = weak.lock()) {
+            self->incompleteTimer_.reset();
+            self->close("frame left incomplete for " + std::to_string(ms) + " ms", true);
+        }
+    });
+}
+
+void LinuxVynConnection::close(const std::string& reason, bool cut)
+{
+    if (closed_)
+        return;
+    closed_ = true;
+    if (cut)
+        platformLog(LogLevel::Default, "vyn", "cut %{public}s: %{public}s", description_, reason);
+    else
+        platformLog(LogLevel::Debug, "vyn", "%{public}s closed: %{public}s", description_, reason);
+    if (incompleteTimer_) {
+        runtime_->cancelTimer(*incompleteTimer_);
+        incompleteTimer_.reset();
+    }
+    if (watched_) {
+        watched_ = false;
+        runtime_->unwatch(fd_);
+    }
+    if (fd_ >= 0) {
+        ::close(fd_);
+        fd_ = -1;
+    }
+    slot_.reset();
+    out_.clear();
+    outPending_ = 0;
+    outOffset_ = 0;
+    Bytes().swap(in_);
+    inStart_ = inEnd_ = 0;
+    header_.reset();
+    unanswered_.clear();
+    auto pending = std::move(pending_);
+    pending_.clear();
+    for (auto& [id, p] : pending)
+        failReply(p, invalidError());
+    if (resumed_)
+        deliverInvalidOnce();
+}
+
+// ---------------------------------------------------------------------------
+// Any thread
+
+void LinuxVynConnection::deliverEvent(VynEvent event)
+{
+    queue_->async([self = shared_from_this(), event = std::move(event)] {
+        std::shared_ptr<const EventHandler> handler;
+        {
+            std::lock_guard lock(self->mutex_);
+            handler = self->handler_;
+        }
+        if (handler && *handler)
+            (*handler)(event);
+    });
+}
+
+void LinuxVynConnection::deliverInvalidOnce()
+{
+    if (invalidDelivered_.exchange(true))
+        return;
+    queue_->async([self = shared_from_this()] {
+        std::shared_ptr<const EventHandler> handler;
+        {
+            std::lock_guard lock(self->mutex_);
+            handler = std::move(self->handler_);
+        }
+        // The handler is let go after its last event, so that references it
+        // holds (often to the connection's owner) do not outlive the connection.
+        if (handler && *handler)
+            (*handler)(VynEvent(invalidError()));
+    });
+}
+
+void LinuxVynConnection::failReply(const std::shared_ptr<PendingReply>& pending, VynError error)
+{
+    if (!pending->handler)
+        return;
+    pending->queue->async([pending, error = std::move(error)] { pending->handler(VynEvent(error)); });
+}
+
+std::size_t LinuxVynConnection::readLimit() const
+{
+    return role_ == Role::Accepted ? limits_.maxRequestFrame : limits_.maxReplyFrame;
+}
+
+} // namespace tv::platform

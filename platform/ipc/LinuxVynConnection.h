@@ -1,0 +1,154 @@
+// LinuxVynConnection: one IPC connection over a Unix stream socket, either
+// accepted by a listener (daemon side) or made by VynService::connect
+// (client side).
+//
+// All socket work happens on the service's VynRuntime thread; the public
+// operations may be called from any thread and hand their work over to it.
+// Events go to the event handler on the connection's queue, in the order
+// the frames arrived; replies go to their own handler on the queue given
+// with sendWithReply(). ConnectionInvalid is delivered exactly once and
+// last, after every pending reply handler has been handed its error; after
+// it the runtime no longer refers to the connection.
+//
+// Messages sent before resume() are queued and written once it is resumed.
+//
+// Limits (VynLimits) and what happens past them:
+//  - a frame longer than maxRequestFrame (daemon side) or maxReplyFrame
+//    (client side) cuts the connection, decided from its header alone;
+//  - a garbled frame (header, body encoding, nesting deeper than maxDepth,
+//    body not a dictionary) cuts the connection;
+//  - daemon side: with maxInFlight requests unanswered, reading stops until
+//    replies are sent (send() of a reply counts it answered);
+//  - daemon side: more than maxUnsentOutput bytes queued behind the frame
+//    being written cuts a peer that does not read;
+//  - a frame left incomplete for incompleteFrameTimeoutMs while reading
+//    cuts the connection (idle time between frames is unlimited);
+//  - file descriptors passed with SCM_RIGHTS are received close-on-exec and
+//    closed at once.
+// Every cut is logged in category "vyn" and affects only this connection.
+#pragma once
+
+#include "platform/PlatformConfig.h"
+#include "platform/ipc/VynConnection.h"
+#include "platform/ipc/VynConnectionTable.h"
+#include "platform/ipc/VynFrame.h"
+#include "platform/ipc/VynRuntime.h"
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace tv::platform {
+
+class LinuxVynConnection final : public VynConnection,
+                                 public VynRuntime::Watcher,
+                                 public std::enable_shared_from_this<LinuxVynConnection> {
+public:
+    enum class Role { Accepted, Client };
+
+    struct Setup {
+        std::shared_ptr<VynRuntime> runtime;
+        std::shared_ptr<SerialQueue> queue;
+        VynLimits limits;
+        Role role = Role::Client;
+        // A connected, non-blocking, close-on-exec socket (owned), or -1 when
+        // the connection could not be made; `failure` then says why.
+        int fd = -1;
+        std::string failure;
+        AuditToken auditToken; // its pidfd is owned by the connection
+        std::string path;      // the socket path, for descriptions
+        std::unique_ptr<VynConnectionTable::Slot> slot; // accepted connections
+    };
+
+    explicit LinuxVynConnection(Setup setup);
+    ~LinuxVynConnection() override;
+
+    // VynConnection
+    const AuditToken& auditToken() const override { return auditToken_; }
+    void setEventHandler(EventHandler handler) override;
+    void resume() override;
+    void cancel() override;
+    void send(Message message) override;
+    void sendWithReply(Message message, std::shared_ptr<SerialQueue> queue, ReplyHandler handler) override;
+    void setContext(std::shared_ptr<void> context) override;
+    std::shared_ptr<void> context() const override;
+    std::string description() const override { return description_; }
+
+    // Delivers TerminationImminent unless the connection is closed.
+    // REQUIRES: on the runtime's thread.
+    void announceTermination();
+
+    // VynRuntime::Watcher
+    void handleEvents(std::uint32_t events) override;
+    void shutdown() override;
+
+private:
+    struct PendingReply {
+        std::shared_ptr<SerialQueue> queue;
+        ReplyHandler handler;
+    };
+
+    // Runtime's thread.
+    void start();
+    void enqueueFrame(Bytes frame);
+    void flush();
+    void readAvailable();
+    void processFrames();
+    void dispatch(Message message);
+    void markAnswered(std::uint64_t requestId);
+    void setReading(bool reading);
+    void updateInterest();
+    void updateIncompleteFrameTimer();
+    void close(const std::string& reason, bool cut);
+
+    // Any thread.
+    void deliverEvent(VynEvent event);
+    void deliverInvalidOnce();
+    static void failReply(const std::shared_ptr<PendingReply>& pending, VynError error);
+    std::size_t readLimit() const;
+
+    const std::shared_ptr<VynRuntime> runtime_;
+    const std::shared_ptr<SerialQueue> queue_;
+    const VynLimits limits_;
+    const Role role_;
+    AuditToken auditToken_;
+    const std::string description_;
+
+    mutable std::mutex mutex_;
+    std::shared_ptr<const EventHandler> handler_;
+    std::shared_ptr<void> context_;
+    std::atomic<bool> invalidDelivered_{false};
+    std::atomic<bool> resumeRequested_{false};
+
+    // Runtime's thread only.
+    int fd_;
+    std::string failure_;
+    std::unique_ptr<VynConnectionTable::Slot> slot_;
+    bool resumed_ = false;
+    bool closed_ = false;
+    bool watched_ = false;
+    bool reading_ = true;
+    bool writing_ = false;
+    std::uint32_t interest_ = 0;
+
+    Bytes in_;
+    std::size_t inStart_ = 0;
+    std::size_t inEnd_ = 0;
+    std::optional<VynFrame::Header> header_; // of the frame being read
+    std::uint64_t framesRead_ = 0;
+    std::optional<VynRuntime::TimerId> incompleteTimer_;
+    std::uint64_t incompleteTimerFrame_ = 0;
+
+    std::deque<Bytes> out_;
+    std::size_t outOffset_ = 0;  // bytes of out_.front() already written
+    std::size_t outPending_ = 0; // unwritten bytes in out_
+
+    std::uint64_t nextMessageId_ = 1;
+    std::unordered_map<std::uint64_t, std::shared_ptr<PendingReply>> pending_;
+    std::unordered_set<std::uint64_t> unanswered_; // daemon side: requests expecting a reply
+};
+
+} // namespace tv::platform

@@ -1,0 +1,328 @@
+#include "platform/registry/RegistryDatabase.h"
+
+#include "base/ValueCodec.h"
+#include "platform/log/PlatformLog.h"
+#include "platform/PosixError.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <sqlite3.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace tv::platform {
+namespace {
+
+constexpr const char* kLogCategory = "registry";
+constexpr int kBusyTimeoutMs = 5000;
+
+constexpr const char* kCreateSchema =
+    "CREATE TABLE applications("
+    " path TEXT PRIMARY KEY NOT NULL,"
+    " info BLOB NOT NULL);"
+    "CREATE TABLE plugins("
+    " uuid TEXT PRIMARY KEY NOT NULL,"
+    " path TEXT NOT NULL UNIQUE,"
+    " application TEXT,"
+    " identifier TEXT NOT NULL,"
+    " version TEXT NOT NULL,"
+    " registered INTEGER NOT NULL,"
+    " by_path INTEGER NOT NULL,"
+    " info BLOB NOT NULL,"
+    " entitlements BLOB NOT NULL);"
+    "PRAGMA user_version = 1;";
+
+TvError sqliteError(sqlite3* db, int rc, std::string_view what)
+{
+    std::string text = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+    return makeError(EIO, std::string(what) + ": " + text + " (" + std::to_string(rc) + ")");
+}
+
+// Owns a prepared statement.
+class Statement {
+public:
+    Statement(sqlite3* db, const char* sql) { rc_ = sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr); }
+    ~Statement() { sqlite3_finalize(stmt_); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    bool ok() const { return rc_ == SQLITE_OK; }
+    int rc() const { return rc_; }
+    sqlite3_stmt* get() const { return stmt_; }
+
+    void bindText(int index, const std::string& text)
+    {
+        sqlite3_bind_text(stmt_, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+    }
+    void bindBlob(int index, const Bytes& bytes)
+    {
+        sqlite3_bind_blob(stmt_, index, bytes.data(), static_cast<int>(bytes.size()), SQLITE_TRANSIENT);
+    }
+    std::string text(int column) const
+    {
+        const unsigned char* p = sqlite3_column_text(stmt_, column);
+        return p ? std::string(reinterpret_cast<const char*>(p), sqlite3_column_bytes(stmt_, column)) : std::string();
+    }
+    Result<Value> value(int column) const
+    {
+        const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt_, column));
+        const int size = sqlite3_column_bytes(stmt_, column);
+        return decodeValue(std::span<const std::uint8_t>(p, p ? static_cast<std::size_t>(size) : 0));
+    }
+
+private:
+    sqlite3_stmt* stmt_ = nullptr;
+    int rc_ = SQLITE_OK;
+};
+
+Bytes encoded(const Value& value)
+{
+    Bytes out;
+    // Stored dictionaries come from parsed vlist files, which never nest
+    // deeper than the codec allows; a failure leaves an empty blob, which
+    // load() treats as undecodable.
+    if (encodeValue(value, out))
+        out.clear();
+    return out;
+}
+
+int userVersion(sqlite3* db, int* rc)
+{
+    Statement stmt(db, "PRAGMA user_version");
+    *rc = stmt.rc();
+    if (!stmt.ok())
+        return -1;
+    *rc = sqlite3_step(stmt.get());
+    if (*rc != SQLITE_ROW)
+        return -1;
+    *rc = SQLITE_OK;
+    return sqlite3_column_int(stmt.get(), 0);
+}
+
+// Opens the file and brings it to the current schema. The error's code is
+// EIO when the file itself is at fault (and may be moved aside), or the
+// SQLite failure otherwise.
+Result<sqlite3*> openAndPrepare(const std::string& path, bool* fileAtFault)
+{
+    *fileAtFault = false;
+    sqlite3* db = nullptr;
+    int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+                             nullptr);
+    if (rc != SQLITE_OK) {
+        TvError error = sqliteError(db, rc, "cannot open " + path);
+        sqlite3_close(db);
+        return error;
+    }
+    auto fail = [&](int code, std::string_view what) -> Result<sqlite3*> {
+        TvError error = sqliteError(db, code, what);
+        const int primary = code & 0xff;
+        *fileAtFault = primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_FORMAT;
+        sqlite3_close(db);
+        return error;
+    };
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    sqlite3_extended_result_codes(db, 1);
+
+    rc = sqlite3_exec(db, "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;", nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK)
+        return fail(rc, "cannot switch " + path + " to WAL");
+    {
+        Statement check(db, "PRAGMA quick_check");
+        if (!check.ok())
+            return fail(check.rc(), "cannot check " + path);
+        rc = sqlite3_step(check.get());
+        if (rc != SQLITE_ROW)
+            return fail(rc, "cannot check " + path);
+        if (check.text(0) != "ok") {
+            *fileAtFault = true;
+            sqlite3_close(db);
+            return makeError(EIO, path + " fails its integrity check: " + check.text(0));
+        }
+    }
+    const int version = userVersion(db, &rc);
+    if (rc != SQLITE_OK)
+        return fail(rc, "cannot read the schema version of " + path);
+    if (version == 0) {
+        rc = sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+        if (rc == SQLITE_OK) {
+            // Another process may have created the schema meanwhile.
+            if (userVersion(db, &rc) == 0 && rc == SQLITE_OK)
+                rc = sqlite3_exec(db, kCreateSchema, nullptr, nullptr, nullptr);
+            rc = rc == SQLITE_OK ? sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) : rc;
+            if (rc != SQLITE_OK)
+                sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+        }
+        if (rc != SQLITE_OK)
+            return fail(rc, "cannot create the schema in " + path);
+    } else if (version != RegistryDatabase::kSchemaVersion) {
+        *fileAtFault = true;
+        sqlite3_close(db);
+        return makeError(EIO, path + " has unknown schema version " + std::to_string(version));
+    }
+    return db;
+}
+
+void moveAside(const std::string& path)
+{
+    const std::string aside = path + ".corrupt";
+    if (::rename(path.c_str(), aside.c_str()) != 0 && errno != ENOENT)
+        platformLog(LogLevel::Error, kLogCategory, "cannot move %{public}s aside: %{public}s", path,
+                    posixError(errno, "rename").localizedDescription());
+    // The journal files belong to the old file; left behind they would be
+    // replayed into the new one.
+    for (const char* suffix : {"-wal", "-shm", "-journal"})
+        ::unlink((path + suffix).c_str());
+}
+
+} // namespace
+
+Result<std::unique_ptr<RegistryDatabase>> RegistryDatabase::open(const std::string& path)
+{
+    std::error_code ec;
+    const fs::path parent = fs::path(path).parent_path();
+    if (!parent.empty())
+        fs::create_directories(parent, ec);
+    if (ec)
+        return posixError(ec.value(), "cannot create " + parent.string());
+
+    bool fileAtFault = false;
+    Result<sqlite3*> opened = openAndPrepare(path, &fileAtFault);
+    if (!opened && fileAtFault) {
+        platformLog(LogLevel::Error, kLogCategory,
+                    "registry database %{public}s is unusable (%{public}s); moved aside to %{public}s.corrupt and rebuilt",
+                    path, opened.error().localizedDescription(), path);
+        moveAside(path);
+        opened = openAndPrepare(path, &fileAtFault);
+    }
+    if (!opened)
+        return opened.error();
+    return std::unique_ptr<RegistryDatabase>(new RegistryDatabase(*opened, path));
+}
+
+RegistryDatabase::~RegistryDatabase()
+{
+    sqlite3_close(db_);
+}
+
+Result<StoredRegistry> RegistryDatabase::load()
+{
+    StoredRegistry stored;
+    {
+        Statement stmt(db_, "SELECT path, info FROM applications ORDER BY path");
+        if (!stmt.ok())
+            return sqliteError(db_, stmt.rc(), "cannot read applications");
+        int rc;
+        while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
+            StoredApplication app{stmt.text(0), Value()};
+            Result<Value> info = stmt.value(1);
+            if (!info) {
+                platformLog(LogLevel::Error, kLogCategory, "dropping unreadable application row %{public}s",
+                            app.path);
+                continue;
+            }
+            app.info = std::move(*info);
+            stored.applications.push_back(std::move(app));
+        }
+        if (rc != SQLITE_DONE)
+            return sqliteError(db_, rc, "cannot read applications");
+    }
+    Statement stmt(db_, "SELECT uuid, path, application, identifier, version, registered, by_path, info, "
+                        "entitlements FROM plugins ORDER BY path");
+    if (!stmt.ok())
+        return sqliteError(db_, stmt.rc(), "cannot read plug-ins");
+    int rc;
+    while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
+        StoredPlugIn p;
+        std::optional<Uuid> uuid = Uuid::parse(stmt.text(0));
+        p.path = stmt.text(1);
+        p.applicationPath = stmt.text(2);
+        p.identifier = stmt.text(3);
+        p.version = stmt.text(4);
+        p.registered = Date::fromMicroseconds(sqlite3_column_int64(stmt.get(), 5));
+        p.registeredByPath = sqlite3_column_int(stmt.get(), 6) != 0;
+        Result<Value> info = stmt.value(7);
+        Result<Value> entitlements = stmt.value(8);
+        if (!uuid || !info || !entitlements) {
+            platformLog(LogLevel::Error, kLogCategory, "dropping unreadable plug-in row %{public}s", p.path);
+            continue;
+        }
+        p.uuid = *uuid;
+        p.info = std::move(*info);
+        p.entitlements = std::move(*entitlements);
+        stored.plugIns.push_back(std::move(p));
+    }
+    if (rc != SQLITE_DONE)
+        return sqliteError(db_, rc, "cannot read plug-ins");
+    return stored;
+}
+
+MaybeError RegistryDatabase::apply(const RegistryChanges& changes)
+{
+    if (changes.empty())
+        return std::nullopt;
+    int rc = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK)
+        return sqliteError(db_, rc, "cannot begin a transaction");
+    auto run = [&](Statement& stmt) {
+        if (!stmt.ok())
+            return stmt.rc();
+        const int step = sqlite3_step(stmt.get());
+        sqlite3_reset(stmt.get());
+        sqlite3_clear_bindings(stmt.get());
+        return step == SQLITE_DONE ? SQLITE_OK : step;
+    };
+    {
+        Statement removePlugIn(db_, "DELETE FROM plugins WHERE uuid = ?1");
+        for (const Uuid& uuid : changes.removedPlugIns) {
+            if (rc != SQLITE_OK)
+                break;
+            removePlugIn.bindText(1, uuid.string());
+            rc = run(removePlugIn);
+        }
+        Statement removeApp(db_, "DELETE FROM applications WHERE path = ?1");
+        for (const std::string& path : changes.removedApplications) {
+            if (rc != SQLITE_OK)
+                break;
+            removeApp.bindText(1, path);
+            rc = run(removeApp);
+        }
+        Statement storeApp(db_, "INSERT OR REPLACE INTO applications(path, info) VALUES (?1, ?2)");
+        for (const StoredApplication& app : changes.storedApplications) {
+            if (rc != SQLITE_OK)
+                break;
+            storeApp.bindText(1, app.path);
+            storeApp.bindBlob(2, encoded(app.info));
+            rc = run(storeApp);
+        }
+        Statement storePlugIn(db_, "INSERT OR REPLACE INTO plugins(uuid, path, application, identifier, version, "
+                                   "registered, by_path, info, entitlements) "
+                                   "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
+        for (const StoredPlugIn& p : changes.storedPlugIns) {
+            if (rc != SQLITE_OK)
+                break;
+            storePlugIn.bindText(1, p.uuid.string());
+            storePlugIn.bindText(2, p.path);
+            if (!p.applicationPath.empty())
+                storePlugIn.bindText(3, p.applicationPath);
+            storePlugIn.bindText(4, p.identifier);
+            storePlugIn.bindText(5, p.version);
+            sqlite3_bind_int64(storePlugIn.get(), 6, p.registered.microseconds());
+            sqlite3_bind_int(storePlugIn.get(), 7, p.registeredByPath ? 1 : 0);
+            storePlugIn.bindBlob(8, encoded(p.info));
+            storePlugIn.bindBlob(9, encoded(p.entitlements));
+            rc = run(storePlugIn);
+        }
+    }
+    if (rc == SQLITE_OK)
+        rc = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr);
+    if (rc != SQLITE_OK) {
+        TvError error = sqliteError(db_, rc, "cannot store registry changes in " + path_);
+        sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+        return error;
+    }
+    return std::nullopt;
+}
+
+} // namespace tv::platform

@@ -1,0 +1,207 @@
+#include "platform/lifecycle/LinuxServiceLifecycle.h"
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/TestDaemon.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <future>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+namespace tv::platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Plays the service manager's end of the notification socket.
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& name) : name_(name)
+    {
+        fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::memcpy(addr.sun_path, name.data(), name.size());
+        socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+        if (name[0] == '@')
+            addr.sun_path[0] = '\0';
+        else
+            ++len;
+        bound_ = ::bind(fd_, reinterpret_cast<sockaddr*>(&addr), len) == 0;
+    }
+    ~NotifySocket()
+    {
+        ::close(fd_);
+        if (name_[0] == '/')
+            ::unlink(name_.c_str());
+    }
+    bool bound() const { return bound_; }
+    // The next datagram, or "" when none comes in time.
+    std::string next(std::chrono::milliseconds timeout = 5000ms)
+    {
+        pollfd p{fd_, POLLIN, 0};
+        if (::poll(&p, 1, static_cast<int>(timeout.count())) != 1)
+            return "";
+        char buf[256];
+        ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
+        return n > 0 ? std::string(buf, static_cast<std::size_t>(n)) : "";
+    }
+    // Waits for `state`, skipping others; false when it does not come in time.
+    bool await(const std::string& state, std::chrono::milliseconds timeout = 5000ms)
+    {
+        auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (std::chrono::steady_clock::now() < deadline)
+            if (next(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now())) ==
+                state)
+                return true;
+        return false;
+    }
+    void drain()
+    {
+        while (!next(0ms).empty()) {
+        }
+    }
+
+private:
+    std::string name_;
+    int fd_ = -1;
+    bool bound_ = false;
+};
+
+class LinuxServiceLifecycleTest : public ::testing::Test {
+protected:
+    LinuxServiceLifecycleTest() { config_.socketDir = dir_ + "/sockets"; }
+
+    test::TempDir tmp_;
+    std::string dir_ = tmp_.path();
+    PlatformConfig config_;
+    test::LogCapture log_;
+    std::shared_ptr<SerialQueue> vynQueue_ = SerialQueue::create("test.vyn");
+    std::shared_ptr<SerialQueue> requestQueue_ = SerialQueue::create("test.service");
+};
+
+TEST_F(LinuxServiceLifecycleTest, SigtermAnnouncesTerminationAndEndsCleanly)
+{
+    NotifySocket manager(dir_ + "/notify");
+    ASSERT_TRUE(manager.bound());
+    auto vyn = LinuxVynService::create(config_, SocketActivation());
+    auto listener = vyn->listen("svc", vynQueue_);
+    ASSERT_TRUE(listener);
+    auto seen = std::make_shared<std::vector<VynEvent>>();
+    std::shared_ptr<VynConnection> accepted;
+    (*listener)->setConnectionHandler([&, seen](std::shared_ptr<VynConnection> c) {
+        accepted = c;
+        c->setEventHandler([seen](const VynEvent& e) { seen->push_back(e); });
+        c->resume();
+    });
+    (*listener)->resume();
+
+    auto clientQueue = SerialQueue::create("test.client");
+    auto client = vyn->connect("svc", clientQueue);
+    client->resume();
+
+    LinuxServiceLifecycle lifecycle(config_, vyn, requestQueue_, {vynQueue_},
+                                    ServiceManagerEnvironment{dir_ + "/notify", {}});
+    EXPECT_FALSE(lifecycle.socketActivated());
+    auto status = std::async(std::launch::async, [&] { return lifecycle.run(); });
+    ASSERT_TRUE(manager.await("READY=1"));
+    auto wasAccepted = [&] {
+        bool yes = false;
+        vynQueue_->sync([&] { yes = accepted != nullptr; });
+        return yes;
+    };
+    for (int i = 0; i < 1000 && !wasAccepted(); ++i)
+        std::this_thread::sleep_for(5ms);
+    ASSERT_EQ(vyn->connectionCount(), 1u);
+
+    ::kill(::getpid(), SIGTERM);
+    ASSERT_EQ(status.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(status.get(), 0);
+    EXPECT_TRUE(manager.await("STOPPING=1"));
+    vynQueue_->sync([] {});
+    ASSERT_FALSE(seen->empty());
+    ASSERT_TRUE(eventError(seen->back()));
+    EXPECT_EQ(eventError(seen->back())->kind, VynError::Kind::TerminationImminent);
+    EXPECT_EQ(log_.countContaining("terminating on signal 15"), 1u);
+}
+
+TEST_F(LinuxServiceLifecycleTest, WatchdogPingsStopWhileTheRequestQueueIsStuck)
+{
+    std::string name = "@vyn-watchdog-" + std::to_string(::getpid());
+    NotifySocket manager(name);
+    ASSERT_TRUE(manager.bound());
+    auto vyn = LinuxVynService::create(config_, SocketActivation());
+    LinuxServiceLifecycle lifecycle(config_, vyn, requestQueue_, {},
+                                    ServiceManagerEnvironment{name, std::chrono::microseconds(100000)});
+    auto status = std::async(std::launch::async, [&] { return lifecycle.run(); });
+    ASSERT_TRUE(manager.await("READY=1"));
+    ASSERT_TRUE(manager.await("WATCHDOG=1"));
+
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::promise<void> stuck;
+    requestQueue_->async([&, released] {
+        stuck.set_value();
+        released.wait();
+    });
+    stuck.get_future().wait();
+    std::this_thread::sleep_for(60ms); // a ping already queued may still be sent
+    manager.drain();
+    EXPECT_EQ(manager.next(400ms), ""); // several intervals without a ping
+    release.set_value();
+    EXPECT_TRUE(manager.await("WATCHDOG=1", 2000ms));
+
+    ::kill(::getpid(), SIGTERM);
+    ASSERT_EQ(status.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(status.get(), 0);
+}
+
+TEST_F(LinuxServiceLifecycleTest, SocketActivatedProcessEndsOnlyWhenIdle)
+{
+    config_.idleExitSeconds = 1;
+    std::string path = dir_ + "/activated";
+    int fd = test::listenUnix(path);
+    ASSERT_GE(fd, 0);
+
+    auto vyn = LinuxVynService::create(config_, SocketActivation({{fd, "tvd.socket"}}));
+    auto listener = vyn->listen("tvd", vynQueue_);
+    ASSERT_TRUE(listener);
+    std::shared_ptr<VynConnection> accepted;
+    (*listener)->setConnectionHandler([&](std::shared_ptr<VynConnection> c) {
+        accepted = c;
+        c->resume();
+    });
+    (*listener)->resume();
+    auto clientQueue = SerialQueue::create("test.client");
+    auto client = vyn->connect(path, clientQueue);
+    client->resume();
+    vyn->beginTransaction();
+
+    LinuxServiceLifecycle lifecycle(config_, vyn, requestQueue_, {vynQueue_}, ServiceManagerEnvironment{});
+    EXPECT_TRUE(lifecycle.socketActivated());
+    auto status = std::async(std::launch::async, [&] { return lifecycle.run(); });
+    EXPECT_EQ(status.wait_for(1300ms), std::future_status::timeout); // connected and in a transaction
+    client->cancel();
+    EXPECT_EQ(status.wait_for(1300ms), std::future_status::timeout); // the transaction still holds it
+    EXPECT_EQ(vyn->connectionCount(), 0u);
+    vyn->endTransaction();
+    ASSERT_EQ(status.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(status.get(), 0);
+    EXPECT_EQ(log_.countContaining("exiting after 1 seconds idle"), 1u);
+
+    // The listening socket was the service manager's and still accepts
+    // connections for the next instance.
+    int waiting = test::connectUnix(path);
+    EXPECT_GE(waiting, 0);
+    ::close(waiting);
+}
+
+} // namespace
+} // namespace tv::platform

@@ -1,0 +1,97 @@
+#include "platform/process/LinuxBundleService.h"
+
+#include "tests/support/FakeVlistFiles.h"
+
+#include <filesystem>
+#include <gtest/gtest.h>
+
+namespace fs = std::filesystem;
+
+namespace tv::platform {
+namespace {
+
+using test::FakeVlistFiles;
+
+Value info(std::string identifier, std::string executable)
+{
+    return Value{{"KbBundleIdentifier", Value(std::move(identifier))},
+                 {"KbBundleExecutable", Value(std::move(executable))}};
+}
+
+std::optional<std::string> bundlePathOf(LinuxBundleService& service, const std::shared_ptr<BundleHandle>& handle)
+{
+    return handle ? service.bundlePath(*handle) : std::nullopt;
+}
+
+TEST(LinuxBundleServiceTest, OpensOnlyDirectoriesWithAnInformationFile)
+{
+    FakeVlistFiles files;
+    const std::string app = files.makeDirectory("Example.app");
+    files.writeValue("Example.app/Info.vlist", info("com.example.app", "example"));
+    files.makeDirectory("Plain");
+    files.writeText("loose", "#!/bin/sh\n", 0755);
+    LinuxBundleService service(FakeVlistFiles::reader());
+
+    EXPECT_EQ(bundlePathOf(service, service.openBundleDirectory(app)), app);
+    // Spelled with a trailing separator and a "." component: the same bundle.
+    EXPECT_EQ(bundlePathOf(service, service.openBundleDirectory(files.path("./Example.app/"))), app);
+    EXPECT_EQ(service.openBundleDirectory(files.path("Plain")), nullptr);
+    EXPECT_EQ(service.openBundleDirectory(files.path("loose")), nullptr);
+    EXPECT_EQ(service.openBundleDirectory(files.path("missing")), nullptr);
+    EXPECT_EQ(service.openBundleDirectory(""), nullptr);
+
+    // The support directory is the bundle itself; the executable is resolved
+    // against it.
+    auto handle = service.openBundleDirectory(app);
+    EXPECT_EQ(service.supportDirectory(*handle), app);
+    EXPECT_EQ(service.executablePath(*handle), app + "/example");
+    EXPECT_EQ(service.bundleIdentifier(*handle), "com.example.app");
+}
+
+TEST(LinuxBundleServiceTest, ExecutableBelongsToTheNearestBundleThatNamesIt)
+{
+    FakeVlistFiles files;
+    const std::string app = files.makeDirectory("Example.app");
+    files.writeValue("Example.app/Info.vlist", info("com.example.app", "bin/example"));
+    files.writeText("Example.app/bin/example", "x", 0755);
+    files.writeText("Example.app/helper", "x", 0755);
+    const std::string share = files.makeDirectory("Example.app/PlugIns/Share.vext");
+    files.writeValue("Example.app/PlugIns/Share.vext/Info.vlist", info("com.example.share", "share"));
+    files.writeText("Example.app/PlugIns/Share.vext/share", "x", 0755);
+    // A plug-in that names another file: its executable "other" is claimed
+    // by no one, and the application above does not claim it either.
+    files.writeValue("Example.app/PlugIns/Other.vext/Info.vlist", info("com.example.other", "main"));
+    files.writeText("Example.app/PlugIns/Other.vext/other", "x", 0755);
+    LinuxBundleService service(FakeVlistFiles::reader());
+
+    EXPECT_EQ(bundlePathOf(service, service.openBundleWithExecutable(app + "/bin/example")), app);
+    EXPECT_EQ(bundlePathOf(service, service.openBundleWithExecutable(share + "/share")), share);
+    EXPECT_EQ(service.openBundleWithExecutable(app + "/helper"), nullptr);
+    EXPECT_EQ(service.openBundleWithExecutable(files.path("Example.app/PlugIns/Other.vext/other")), nullptr);
+    EXPECT_EQ(service.openBundleWithExecutable(files.path("nowhere/tool")), nullptr);
+
+    // Reached through a symbolic link, the executable still finds its bundle.
+    fs::create_symlink(app + "/bin/example", files.path("example-link"));
+    EXPECT_EQ(bundlePathOf(service, service.openBundleWithExecutable(files.path("example-link"))), app);
+}
+
+TEST(LinuxBundleServiceTest, DeclaredExecutableMustStayInsideTheBundle)
+{
+    FakeVlistFiles files;
+    files.writeText("victim", "x", 0755);
+    files.writeValue("Escape.app/Info.vlist", info("com.example.escape", "../victim"));
+    files.writeValue("Absolute.app/Info.vlist", info("com.example.absolute", files.path("victim")));
+    files.writeValue("Number.app/Info.vlist", Value{{"KbBundleExecutable", Value(7)}});
+    LinuxBundleService service(FakeVlistFiles::reader());
+
+    for (const char* name : {"Escape.app", "Absolute.app", "Number.app"}) {
+        auto handle = service.openBundleDirectory(files.path(name));
+        ASSERT_NE(handle, nullptr) << name;
+        EXPECT_EQ(service.executablePath(*handle), std::nullopt) << name;
+    }
+    // Neither bundle gets to claim a file outside itself.
+    EXPECT_EQ(service.openBundleWithExecutable(files.path("victim")), nullptr);
+}
+
+} // namespace
+} // namespace tv::platform

@@ -1,0 +1,90 @@
+#include "platform/process/LinuxProcessInfo.h"
+
+#include "tests/support/FakeVlistFiles.h"
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace tv::platform {
+namespace {
+
+int pidfdOpen(pid_t pid)
+{
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+}
+
+TEST(LinuxProcessInfoTest, ExecutableOfALiveProcess)
+{
+    LinuxProcessInfo info;
+    const std::string self = fs::read_symlink("/proc/self/exe").string();
+    Result<std::string> plain = info.executablePath(::getpid());
+    ASSERT_TRUE(plain.ok()) << plain.error().localizedDescription();
+    EXPECT_EQ(*plain, self);
+
+    int pidfd = pidfdOpen(::getpid());
+    ASSERT_GE(pidfd, 0);
+    Result<std::string> checked = info.executablePath(::getpid(), pidfd);
+    ASSERT_TRUE(checked.ok()) << checked.error().localizedDescription();
+    EXPECT_EQ(*checked, self);
+    ::close(pidfd);
+}
+
+TEST(LinuxProcessInfoTest, PidfdOfAnotherOrDeadProcessIsRefused)
+{
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    int pidfd = pidfdOpen(child);
+    ASSERT_GE(pidfd, 0);
+    LinuxProcessInfo info;
+
+    // Live child, but the pid asked about is another process's.
+    Result<std::string> mismatched = info.executablePath(::getpid(), pidfd);
+    ASSERT_FALSE(mismatched.ok());
+    EXPECT_EQ(mismatched.error().code, ESRCH);
+    EXPECT_TRUE(info.executablePath(child, pidfd).ok());
+
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    // Reaped: whatever process holds a pid now, the pidfd denotes none.
+    Result<std::string> reaped = info.executablePath(::getpid(), pidfd);
+    ASSERT_FALSE(reaped.ok());
+    EXPECT_EQ(reaped.error().code, ESRCH);
+    ::close(pidfd);
+}
+
+TEST(LinuxProcessInfoTest, PathsThatDoNotFitTheBufferAreRefused)
+{
+    test::FakeVlistFiles files;
+    files.makeDirectory("proc/41");
+    files.makeDirectory("proc/42");
+    const std::size_t longest = ProcessInfo::kExecutablePathBufferSize - 1;
+    const std::string fits = "/" + std::string(longest - 1, 'a');
+    const std::string tooLong = fits + "b";
+    fs::create_symlink(fits, files.path("proc/41/exe"));
+    fs::create_symlink(tooLong, files.path("proc/42/exe"));
+    LinuxProcessInfo info(files.path("proc"));
+
+    Result<std::string> ok = info.executablePath(41);
+    ASSERT_TRUE(ok.ok());
+    EXPECT_EQ(*ok, fits);
+    Result<std::string> cut = info.executablePath(42);
+    ASSERT_FALSE(cut.ok());
+    EXPECT_EQ(cut.error().code, ENAMETOOLONG);
+    Result<std::string> missing = info.executablePath(43);
+    ASSERT_FALSE(missing.ok());
+    EXPECT_EQ(missing.error().code, ENOENT);
+}
+
+} // namespace
+} // namespace tv::platform

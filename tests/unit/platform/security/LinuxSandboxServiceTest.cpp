@@ -1,0 +1,237 @@
+#include "platform/security/LinuxSandboxService.h"
+
+#include "Tarvik/TvFileReadGrant.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TestDaemon.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tv::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+class LinuxSandboxServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fs::create_directories(dir_ / "files");
+        std::ofstream(dir_ / "files" / "a.txt") << "x";
+    }
+
+    test::TempDir tmp_;
+    fs::path dir_ = tmp_.path();
+};
+
+TEST_F(LinuxSandboxServiceTest, IssuedTokensRoundTripAndGrantTheCanonicalPath)
+{
+    LinuxSandboxService sandbox((dir_ / "run").string());
+    std::string indirect = (dir_ / "files" / ".." / "files" / "a.txt").string();
+    auto token = sandbox.issueFileExtension(kSandboxExtensionClassAppReadOnly, indirect, kSandboxExtensionCanonical);
+    ASSERT_TRUE(token) << token.error().localizedDescription();
+    std::string canonical = fs::canonical(dir_ / "files" / "a.txt").string();
+    std::string expectedPrefix = std::string("app-read-only;2;") + std::to_string(canonical.size()) + ":" +
+                                 canonical + ";";
+    EXPECT_EQ(token->substr(0, expectedPrefix.size()), expectedPrefix);
+    EXPECT_EQ(token->size(), expectedPrefix.size() + 64);
+
+    auto h1 = sandbox.consumeExtension(*token);
+    auto h2 = sandbox.consumeExtension(*token);
+    ASSERT_TRUE(h1 && h2);
+    EXPECT_GT(*h1, 0);
+    EXPECT_NE(*h1, *h2);
+    EXPECT_FALSE(sandbox.releaseExtension(*h1));
+    auto again = sandbox.releaseExtension(*h1);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->code, EINVAL);
+    EXPECT_EQ(again->domain, "POSIX");
+
+    // A second service over the same runtime directory reads the same key.
+    LinuxSandboxService sibling((dir_ / "run").string());
+    EXPECT_TRUE(sibling.consumeExtension(*token));
+
+    // Without the canonical flag the path is granted as written, if absolute.
+    auto literal = sandbox.issueFileExtension("cls", "/no/such/file", 0);
+    ASSERT_TRUE(literal);
+    EXPECT_TRUE(sandbox.consumeExtension(*literal));
+    EXPECT_EQ(sandbox.issueFileExtension("cls", "relative", 0).error().code, EINVAL);
+}
+
+TEST_F(LinuxSandboxServiceTest, AlteredForeignAndMalformedTokensAreRefused)
+{
+    LinuxSandboxService sandbox((dir_ / "run").string());
+    LinuxSandboxService other((dir_ / "other-run").string());
+    std::string path = (dir_ / "files" / "a.txt").string();
+    std::string token = *sandbox.issueFileExtension("app-read-only", path, kSandboxExtensionCanonical);
+
+    auto expectRefused = [&](const std::string& t, int code) {
+        errno = 0;
+        auto r = sandbox.consumeExtension(t);
+        ASSERT_FALSE(r) << t;
+        EXPECT_EQ(r.error().code, code) << t;
+        EXPECT_EQ(errno, code) << t;
+    };
+    // Every single-byte change is caught, in the text and in the MAC.
+    for (std::size_t i = 0; i < token.size(); ++i) {
+        std::string altered = token;
+        altered[i] = altered[i] == 'a' ? 'b' : 'a';
+        EXPECT_FALSE(sandbox.consumeExtension(altered)) << "byte " << i;
+    }
+    std::string forged = token;
+    forged.replace(forged.find(':') + 1, path.size(), std::string(path.size(), 'x'));
+    expectRefused(forged, EPERM);
+    expectRefused(*other.issueFileExtension("app-read-only", path, kSandboxExtensionCanonical), EPERM);
+    expectRefused("", EINVAL);
+    expectRefused("app-read-only;2;5:/a;b;" + std::string(64, '0'), EINVAL);       // length disagrees
+    expectRefused("app-read-only;2;2:/a;" + std::string(63, '0'), EINVAL);         // short MAC
+    expectRefused("app-read-only;2;2:/a;" + std::string(64, 'G'), EINVAL);         // not hex
+    expectRefused("app-read-only;2;99999999999999999999:/a;" + std::string(64, '0'), EINVAL);
+    expectRefused(token + "0", EINVAL);
+}
+
+TEST_F(LinuxSandboxServiceTest, PathsWithTheSeparatorStayUnambiguous)
+{
+    fs::create_directories(dir_ / "odd;dir");
+    std::ofstream(dir_ / "odd;dir" / "b;1:2") << "x";
+    LinuxSandboxService sandbox((dir_ / "run").string());
+    auto token = sandbox.issueFileExtension("app-read-only", (dir_ / "odd;dir" / "b;1:2").string(),
+                                            kSandboxExtensionCanonical);
+    ASSERT_TRUE(token);
+    EXPECT_TRUE(sandbox.consumeExtension(*token));
+    // Bad input never reaches realpath or the token text.
+    EXPECT_EQ(sandbox.issueFileExtension("a;b", "/tmp", 0).error().code, EINVAL);
+    EXPECT_EQ(sandbox.issueFileExtension("", "/tmp", 0).error().code, EINVAL);
+    EXPECT_EQ(sandbox.issueFileExtension("cls", std::string("/tmp\0/x", 7), 0).error().code, EINVAL);
+}
+
+TEST_F(LinuxSandboxServiceTest, KeyFileIsPrivateAndAnUnsafeOneIsReplaced)
+{
+    std::string run = (dir_ / "run").string();
+    std::string path = (dir_ / "files" / "a.txt").string();
+    std::string token;
+    {
+        LinuxSandboxService sandbox(run);
+        token = *sandbox.issueFileExtension("app-read-only", path, kSandboxExtensionCanonical);
+    }
+    struct stat st;
+    ASSERT_EQ(::stat((run + "/sandbox.key").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_EQ(st.st_size, 32);
+    EXPECT_EQ(st.st_uid, ::geteuid());
+    for (const auto& entry : fs::directory_iterator(run))
+        EXPECT_EQ(entry.path().filename(), "sandbox.key"); // no temporary left behind
+
+    // Readable by others: not trusted, replaced, and old tokens die with it.
+    tv::test::LogCapture log;
+    ASSERT_EQ(::chmod((run + "/sandbox.key").c_str(), 0644), 0);
+    LinuxSandboxService reopened(run);
+    EXPECT_EQ(reopened.consumeExtension(token).error().code, EPERM);
+    ASSERT_EQ(::stat((run + "/sandbox.key").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+
+    // A symbolic link in the key's place is replaced, not followed.
+    fs::remove(run + "/sandbox.key");
+    fs::create_symlink(path, run + "/sandbox.key");
+    LinuxSandboxService linked(run);
+    EXPECT_TRUE(linked.issueFileExtension("cls", path, 0));
+    EXPECT_FALSE(fs::is_symlink(run + "/sandbox.key"));
+    EXPECT_EQ(log.countContaining("sandbox key"), 2u);
+    std::ifstream original(path);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(original), {}), "x");
+}
+
+TEST_F(LinuxSandboxServiceTest, FileReadGrantLeavesErrnoOfTheFailure)
+{
+    LinuxSandboxService sandbox((dir_ / "run").string());
+    errno = 0;
+    EXPECT_FALSE(fileReadGrant(Value::fileURL((dir_ / "files" / "missing").string()), sandbox));
+    EXPECT_EQ(errno, ENOENT);
+    errno = 0;
+    EXPECT_FALSE(fileReadGrant(Value::fileURL((dir_ / "files" / "a.txt" / "x").string()), sandbox));
+    EXPECT_EQ(errno, ENOTDIR);
+    errno = 0;
+    EXPECT_FALSE(fileReadGrant(Value("/not/a/url"), sandbox));
+    EXPECT_EQ(errno, EINVAL);
+
+    auto token = fileReadGrant(Value::fileURL((dir_ / "files" / "a.txt").string()), sandbox);
+    ASSERT_TRUE(token);
+    EXPECT_EQ(token->rfind("app-read-only;2;", 0), 0u);
+    EXPECT_TRUE(sandbox.consumeExtension(*token));
+
+    // The process-wide service is the one installed.
+    auto installed = std::make_shared<LinuxSandboxService>((dir_ / "run").string());
+    auto previous = setSandboxService(installed);
+    auto viaGlobal = fileReadGrant(Value::fileURL((dir_ / "files").string()));
+    setSandboxService(previous);
+    ASSERT_TRUE(viaGlobal);
+    EXPECT_TRUE(installed->consumeExtension(*viaGlobal));
+}
+
+TEST_F(LinuxSandboxServiceTest, SandboxedProcessesAreRecognised)
+{
+    EXPECT_TRUE(LinuxSandboxService::statusShowsSandbox("Name:\tx\nNoNewPrivs:\t1\nSeccomp:\t2\n"));
+    EXPECT_FALSE(LinuxSandboxService::statusShowsSandbox("NoNewPrivs:\t1\nSeccomp:\t1\n")); // strict mode
+    EXPECT_FALSE(LinuxSandboxService::statusShowsSandbox("NoNewPrivs:\t0\nSeccomp:\t2\n"));
+    EXPECT_FALSE(LinuxSandboxService::statusShowsSandbox("Seccomp:\t2"));
+    EXPECT_FALSE(LinuxSandboxService::statusShowsSandbox(""));
+
+    // A fake process table: one with a sandbox marker file, one with a filter.
+    fs::path proc = dir_ / "proc";
+    fs::create_directories(proc / "10" / "root");
+    std::ofstream(proc / "10" / "root" / ".flatpak-info") << "[Application]\n";
+    fs::create_directories(proc / "11");
+    std::ofstream(proc / "11" / "status") << "Name:\tsh\nNoNewPrivs:\t1\nSeccomp:\t2\nSeccomp_filters:\t1\n";
+    fs::create_directories(proc / "12");
+    std::ofstream(proc / "12" / "status") << "Name:\tsh\nNoNewPrivs:\t0\nSeccomp:\t0\n";
+    LinuxSandboxService fake((dir_ / "run").string(), proc.string());
+    EXPECT_TRUE(fake.isProcessSandboxed(10));
+    EXPECT_TRUE(fake.isProcessSandboxed(11));
+    EXPECT_FALSE(fake.isProcessSandboxed(12));
+    EXPECT_FALSE(fake.isProcessSandboxed(13)); // gone
+    EXPECT_FALSE(fake.isProcessSandboxed(0));
+    EXPECT_FALSE(fake.isProcessSandboxed(-1));
+
+    // A real child that installs an allow-all seccomp filter under no-new-privs.
+    int ready[2], done[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    ASSERT_EQ(::pipe(done), 0);
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        struct sock_filter allow = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
+        struct sock_fprog prog = {1, &allow};
+        char ok = ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+                          ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog, 0, 0) == 0
+                      ? '1'
+                      : '0';
+        (void)!::write(ready[1], &ok, 1);
+        char c;
+        (void)!::read(done[0], &c, 1);
+        ::_exit(0);
+    }
+    char ok = 0;
+    ASSERT_EQ(::read(ready[0], &ok, 1), 1);
+    LinuxSandboxService real((dir_ / "run").string());
+    bool childSandboxed = real.isProcessSandboxed(child);
+    (void)!::write(done[1], "x", 1);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    for (int fd : {ready[0], ready[1], done[0], done[1]})
+        ::close(fd);
+    if (ok != '1')
+        GTEST_SKIP() << "seccomp filters are not available here";
+    EXPECT_TRUE(childSandboxed);
+}
+
+} // namespace
+} // namespace tv::platform
