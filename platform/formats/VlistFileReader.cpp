@@ -1,6 +1,6 @@
 #include "platform/formats/VlistFileReader.h"
 
-#include "platform/formats/Vlist.h"
+#include "platform/formats/VlistParser.h"
 
 namespace tv::platform {
 

@@ -1,7 +1,7 @@
 #include "platform/sdk/LinuxExtensionSdkRegistry.h"
 
 #include "platform/log/PlatformLog.h"
-#include "platform/formats/Vlist.h"
+#include "platform/formats/VlistParser.h"
 
 #include <cerrno>
 #include <cstring>

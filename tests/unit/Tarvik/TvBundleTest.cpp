@@ -59,11 +59,6 @@ TEST_F(TvBundleTest, BundleWithoutExecutableOrIdentifier)
     EXPECT_EQ(bundle->bundleIdentifier(), std::nullopt);
     EXPECT_EQ(bundle->plugInsPath(), bare + "/PlugIns");
     EXPECT_EQ(bundle->bundleDirectory("Resources"), bare + "/Resources");
-
-    auto app = TvBundle::initWithPath(app_);
-    ASSERT_NE(app, nullptr);
-    EXPECT_EQ(app->bundleIdentifier(), "com.example.app");
-    EXPECT_EQ(app->infoDictionary()["KbBundleExecutable"], Value("example"));
 }
 
 TEST_F(TvBundleTest, UnreadableInformationIsLoggedAndNeverCached)

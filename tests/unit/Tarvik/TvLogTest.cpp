@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
-#include <thread>
 #include <vector>
 
 namespace tv {
@@ -61,19 +60,6 @@ TEST(TvLogTest, CategoriesLogUnderTheSubsystemAtTheirLevels)
         EXPECT_EQ(lines[i].category, expected[i].category) << i;
         EXPECT_EQ(lines[i].message, expected[i].message) << i;
     }
-}
-
-TEST(TvLogTest, HandlesAreMadeOnceWhateverThreadAsksFirst)
-{
-    std::vector<const TvLog*> seen(8);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < seen.size(); ++i)
-        threads.emplace_back([&, i] { seen[i] = i % 2 ? &TvLog::rs() : &TvLog::ops(); });
-    for (auto& t : threads)
-        t.join();
-    for (std::size_t i = 0; i < seen.size(); ++i)
-        EXPECT_EQ(seen[i], i % 2 ? &TvLog::rs() : &TvLog::ops());
-    EXPECT_NE(&TvLog::ops(), &TvLog::traffic());
 }
 
 TEST(TvLogTest, ThresholdAndRedactionOfTheInstalledLog)

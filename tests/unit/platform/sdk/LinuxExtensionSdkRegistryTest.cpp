@@ -1,11 +1,11 @@
 #include "platform/sdk/LinuxExtensionSdkRegistry.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <vector>
 
 namespace tv::platform {
@@ -15,20 +15,14 @@ namespace fs = std::filesystem;
 
 class LinuxExtensionSdkRegistryTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        dir_ = fs::temp_directory_path() / ("tvd-sdk-" + std::to_string(std::random_device{}()));
-        fs::create_directories(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
     void write(const std::string& name, const std::string& body)
     {
         std::ofstream(dir_ / name) << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<vlist version=\"1.0\">" << body
                                    << "</vlist>\n";
     }
 
-    fs::path dir_;
+    test::TempDir tmp_;
+    fs::path dir_ = tmp_.path();
 };
 
 TEST_F(LinuxExtensionSdkRegistryTest, ReadsOneVlistPerExtensionPointAfreshOnEveryCall)

@@ -1,15 +1,14 @@
-#include "platform/formats/Vlist.h"
+#include "platform/formats/VlistParser.h"
 
-#include "base/ValueCodec.h"
 #include "platform/formats/Base64.h"
 #include "platform/PosixError.h"
 
 #include <expat.h>
 
+#include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -41,8 +40,6 @@ bool isAllSpace(std::string_view s)
 {
     return trimmed(s).empty();
 }
-
-// ---------------------------------------------------------------- reading
 
 enum class Leaf { Key, String, Integer, Real, True, False, Data, Date, Url };
 
@@ -130,9 +127,9 @@ std::optional<double> parseReal(std::string_view text)
 // The expat handlers and the explicit stack of open containers. Every
 // handler is a no-op once an error is recorded: expat may deliver a few more
 // events after XML_StopParser.
-class VlistReader {
+class VlistParser {
 public:
-    explicit VlistReader(const VlistLimits& limits) : limits_(limits) {}
+    explicit VlistParser(const VlistLimits& limits) : limits_(limits) {}
 
     Result<Value> parse(std::string_view xml)
     {
@@ -143,10 +140,10 @@ public:
         if (!parser_)
             return makeError(ENOMEM, "vlist: cannot create an XML parser");
         XML_SetUserData(parser_, this);
-        XML_SetElementHandler(parser_, &VlistReader::onStart, &VlistReader::onEnd);
-        XML_SetCharacterDataHandler(parser_, &VlistReader::onText);
-        XML_SetStartDoctypeDeclHandler(parser_, &VlistReader::onDoctype);
-        XML_SetEntityDeclHandler(parser_, &VlistReader::onEntityDecl);
+        XML_SetElementHandler(parser_, &VlistParser::onStart, &VlistParser::onEnd);
+        XML_SetCharacterDataHandler(parser_, &VlistParser::onText);
+        XML_SetStartDoctypeDeclHandler(parser_, &VlistParser::onDoctype);
+        XML_SetEntityDeclHandler(parser_, &VlistParser::onEntityDecl);
         XML_SetParamEntityParsing(parser_, XML_PARAM_ENTITY_PARSING_NEVER);
 
         // XML_Parse takes an int length: feed large documents in pieces.
@@ -188,21 +185,21 @@ private:
 
     static void onStart(void* self, const XML_Char* name, const XML_Char** attrs)
     {
-        static_cast<VlistReader*>(self)->start(name, attrs);
+        static_cast<VlistParser*>(self)->start(name, attrs);
     }
-    static void onEnd(void* self, const XML_Char* name) { static_cast<VlistReader*>(self)->end(name); }
+    static void onEnd(void* self, const XML_Char* name) { static_cast<VlistParser*>(self)->end(name); }
     static void onText(void* self, const XML_Char* s, int len)
     {
-        static_cast<VlistReader*>(self)->text(std::string_view(s, static_cast<std::size_t>(len)));
+        static_cast<VlistParser*>(self)->text(std::string_view(s, static_cast<std::size_t>(len)));
     }
     static void onDoctype(void* self, const XML_Char*, const XML_Char*, const XML_Char*, int)
     {
-        static_cast<VlistReader*>(self)->fail("DOCTYPE declarations are not accepted");
+        static_cast<VlistParser*>(self)->fail("DOCTYPE declarations are not accepted");
     }
     static void onEntityDecl(void* self, const XML_Char*, int, const XML_Char*, int, const XML_Char*,
                              const XML_Char*, const XML_Char*, const XML_Char*)
     {
-        static_cast<VlistReader*>(self)->fail("entity declarations are not accepted");
+        static_cast<VlistParser*>(self)->fail("entity declarations are not accepted");
     }
 
     void fail(const std::string& what)
@@ -372,168 +369,11 @@ private:
     bool done_ = false;
 };
 
-// ---------------------------------------------------------------- writing
-
-// XML 1.0 carries tab, LF and CR (CR only as a character reference, since
-// parsers normalise line ends) and everything from U+0020 on, except U+FFFE
-// and U+FFFF. Text holding anything else, or invalid UTF-8, cannot be read
-// back and is refused.
-bool appendEscaped(std::string& out, std::string_view s)
-{
-    if (!isValidUtf8(s))
-        return false;
-    for (std::size_t i = 0; i < s.size(); ++i) {
-        unsigned char c = static_cast<unsigned char>(s[i]);
-        switch (c) {
-        case '&': out += "&amp;"; continue;
-        case '<': out += "&lt;"; continue;
-        case '>': out += "&gt;"; continue;
-        case '"': out += "&quot;"; continue;
-        case '\r': out += "&#13;"; continue;
-        case '\t':
-        case '\n': out.push_back(static_cast<char>(c)); continue;
-        default: break;
-        }
-        if (c < 0x20)
-            return false;
-        if (c == 0xEF && i + 2 < s.size() && static_cast<unsigned char>(s[i + 1]) == 0xBF &&
-            (static_cast<unsigned char>(s[i + 2]) == 0xBE || static_cast<unsigned char>(s[i + 2]) == 0xBF))
-            return false;
-        out.push_back(static_cast<char>(c));
-    }
-    return true;
-}
-
-class VlistWriter {
-public:
-    MaybeError write(const Value& v, std::size_t depth)
-    {
-        if (depth > kMaxDepth)
-            return formatError("cannot write nesting deeper than " + std::to_string(kMaxDepth));
-        switch (v.kind()) {
-        case ValueKind::Null: return formatError("cannot write an absent value");
-        case ValueKind::Bool: line(depth, *v.asBool() ? "<true/>" : "<false/>"); return std::nullopt;
-        case ValueKind::Int: return leaf(depth, "integer", std::to_string(*v.asInt()));
-        case ValueKind::UInt: return leaf(depth, "integer", "+" + std::to_string(*v.asUInt()));
-        case ValueKind::Double: return leaf(depth, "real", realText(*v.asDouble()));
-        case ValueKind::String: return escapedLeaf(depth, "string", *v.asString());
-        case ValueKind::Url: return escapedLeaf(depth, "url", *v.asUrl());
-        case ValueKind::Uuid: return leaf(depth, "string", v.asUuid()->string());
-        case ValueKind::Data: return leaf(depth, "data", base64Encode(*v.asData()));
-        case ValueKind::Date: {
-            std::string text = v.asDate()->iso8601();
-            if (Date::parseIso8601(text) != *v.asDate())
-                return formatError("cannot write the date " + text);
-            return leaf(depth, "date", text);
-        }
-        case ValueKind::Array: {
-            const Array& items = *v.asArray();
-            if (items.empty()) {
-                line(depth, "<array/>");
-                return std::nullopt;
-            }
-            line(depth, "<array>");
-            for (const Value& item : items)
-                if (auto err = write(item, depth + 1))
-                    return err;
-            line(depth, "</array>");
-            return std::nullopt;
-        }
-        case ValueKind::Dictionary: {
-            const Dictionary& entries = *v.asDictionary();
-            if (entries.empty()) {
-                line(depth, "<dict/>");
-                return std::nullopt;
-            }
-            line(depth, "<dict>");
-            for (const auto& [key, value] : entries) {
-                if (auto err = escapedLeaf(depth + 1, "key", key))
-                    return err;
-                if (auto err = write(value, depth + 1))
-                    return err;
-            }
-            line(depth, "</dict>");
-            return std::nullopt;
-        }
-        }
-        return formatError("cannot write a value of unknown kind");
-    }
-
-    std::string out;
-
-private:
-    static constexpr std::size_t kMaxDepth = VlistLimits{}.maxDepth;
-
-    static std::string realText(double d)
-    {
-        if (std::isnan(d))
-            return "nan";
-        if (std::isinf(d))
-            return d < 0 ? "-inf" : "inf";
-        // Shortest text that reads back as the same double.
-        char buf[32];
-        auto res = std::to_chars(buf, buf + sizeof buf, d);
-        return std::string(buf, res.ptr);
-    }
-
-    // The root value sits at depth 1 and is not indented, as in the usual
-    // layout of these files; members are indented one tab per level below it.
-    void indent(std::size_t depth) { out.append(depth > 1 ? depth - 1 : 0, '\t'); }
-
-    void line(std::size_t depth, std::string_view text)
-    {
-        indent(depth);
-        out.append(text);
-        out.push_back('\n');
-    }
-
-    MaybeError leaf(std::size_t depth, std::string_view tag, std::string_view text)
-    {
-        indent(depth);
-        out.append("<").append(tag).append(">").append(text).append("</").append(tag).append(">\n");
-        return std::nullopt;
-    }
-
-    MaybeError escapedLeaf(std::size_t depth, std::string_view tag, std::string_view text)
-    {
-        indent(depth);
-        out.append("<").append(tag).append(">");
-        if (!appendEscaped(out, text))
-            return formatError("cannot write <" + std::string(tag) +
-                               ">: text holds invalid UTF-8 or a control character that XML cannot carry");
-        out.append("</").append(tag).append(">\n");
-        return std::nullopt;
-    }
-};
-
-// ---------------------------------------------------------------- files
-
-MaybeError writeAll(int fd, std::string_view data, const std::string& path)
-{
-    while (!data.empty()) {
-        ssize_t n = ::write(fd, data.data(), data.size());
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return posixError(errno, "write " + path);
-        }
-        data.remove_prefix(static_cast<std::size_t>(n));
-    }
-    return std::nullopt;
-}
-
-std::string randomSuffix()
-{
-    // Only uniqueness matters (O_EXCL guards against collisions); the UUID
-    // source is already at hand.
-    return Uuid::random().string().substr(0, 8);
-}
-
 } // namespace
 
 Result<Value> parseVlist(std::string_view xml, const VlistLimits& limits)
 {
-    return VlistReader(limits).parse(xml);
+    return VlistParser(limits).parse(xml);
 }
 
 Result<Value> readVlistFile(const std::string& path, const VlistLimits& limits)
@@ -586,70 +426,6 @@ Result<Value> readVlistFile(const std::string& path, const VlistLimits& limits)
         return e;
     }
     return result;
-}
-
-Result<std::string> serializeVlist(const Value& value)
-{
-    VlistWriter writer;
-    writer.out = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<vlist version=\"1.0\">\n";
-    if (auto err = writer.write(value, 1))
-        return *err;
-    writer.out += "</vlist>\n";
-    return std::move(writer.out);
-}
-
-MaybeError writeVlistFileAtomically(const std::string& path, const Value& value, unsigned mode)
-{
-    auto text = serializeVlist(value);
-    if (!text.ok())
-        return text.error();
-    return writeFileAtomically(path, *text, mode);
-}
-
-MaybeError writeFileAtomically(const std::string& path, std::string_view contents, unsigned mode)
-{
-    std::size_t slash = path.rfind('/');
-    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
-    if (base.empty())
-        return posixError(EISDIR, "write " + path);
-
-    std::string temp;
-    int fd = -1;
-    for (int attempt = 0; fd < 0; ++attempt) {
-        temp = dir + "/." + base + ".tmp-" + randomSuffix();
-        fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, static_cast<mode_t>(mode));
-        if (fd < 0 && (errno != EEXIST || attempt == 16))
-            return posixError(errno, "create " + temp);
-    }
-
-    auto abandon = [&](TvError error) -> MaybeError {
-        if (fd >= 0)
-            ::close(fd);
-        ::unlink(temp.c_str());
-        return error;
-    };
-    if (auto err = writeAll(fd, contents, temp))
-        return abandon(*err);
-    if (::fsync(fd) != 0)
-        return abandon(posixError(errno, "fsync " + temp));
-    int closed = ::close(fd);
-    fd = -1;
-    if (closed != 0)
-        return abandon(posixError(errno, "close " + temp));
-    if (::rename(temp.c_str(), path.c_str()) != 0)
-        return abandon(posixError(errno, "rename " + temp + " to " + path));
-
-    // The new name is durable only once the directory is.
-    int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dirFd < 0)
-        return posixError(errno, "open directory " + dir);
-    int synced = ::fsync(dirFd);
-    int err = errno;
-    ::close(dirFd);
-    if (synced != 0)
-        return posixError(err, "fsync directory " + dir);
-    return std::nullopt;
 }
 
 } // namespace tv::platform

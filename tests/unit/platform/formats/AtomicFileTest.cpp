@@ -1,0 +1,134 @@
+#include "platform/formats/AtomicFile.h"
+
+#include "platform/PosixError.h"
+
+#include "tests/support/TestDaemon.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace tv::platform {
+namespace {
+
+// The sorted names in `dir`: shows temporary files left behind.
+std::vector<std::string> entries(const test::TempDir& dir)
+{
+    std::vector<std::string> names;
+    for (const auto& e : std::filesystem::directory_iterator(dir.path()))
+        names.push_back(e.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string slurp(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// Runs `body` in a child process (for process-wide changes such as resource
+// limits or credentials) and returns its exit status, or -signal.
+int inChild(const std::function<int()>& body)
+{
+    pid_t pid = ::fork();
+    if (pid == 0)
+        ::_exit(body());
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+TEST(AtomicFileTest, ReplacesOrLeavesTheTargetIntact)
+{
+    test::TempDir dir;
+    const std::string target = dir.file("annotations.vlist");
+    ASSERT_FALSE(writeFileAtomically(target, "old contents", 0600));
+    EXPECT_EQ(slurp(target), "old contents");
+    struct stat st {};
+    ASSERT_EQ(::stat(target.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    ASSERT_FALSE(writeFileAtomically(target, "new contents"));
+    EXPECT_EQ(slurp(target), "new contents");
+    EXPECT_EQ(entries(dir), std::vector<std::string>{"annotations.vlist"});
+
+    // Failure before anything is written: no such directory.
+    auto err = writeFileAtomically(dir.file("missing/x.vlist"), "x");
+    ASSERT_TRUE(err);
+    EXPECT_EQ(err->domain, kPosixErrorDomain);
+    EXPECT_EQ(err->code, ENOENT);
+
+    // Failure after the temporary file is written: the rename cannot replace
+    // a non-empty directory. The temporary file is gone again.
+    ASSERT_EQ(::mkdir(dir.file("occupied").c_str(), 0755), 0);
+    ASSERT_FALSE(writeFileAtomically(dir.file("occupied/inside"), "x"));
+    err = writeFileAtomically(dir.file("occupied"), "x");
+    ASSERT_TRUE(err);
+    EXPECT_NE(err->localizedDescription().find("rename"), std::string::npos);
+    EXPECT_EQ(entries(dir), (std::vector<std::string>{"annotations.vlist", "occupied"}));
+
+    // A failing write (the file size limit cuts it short): the target keeps
+    // its old contents and no temporary file is left behind.
+    const std::string big(1 << 20, 'n');
+    int status = inChild([&] {
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{4096, 4096};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        auto e = writeFileAtomically(target, big);
+        return e && e->code == EFBIG ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(slurp(target), "new contents");
+    EXPECT_EQ(entries(dir), (std::vector<std::string>{"annotations.vlist", "occupied"}));
+
+    // A directory the writer may not write to (the test may run as root, so
+    // the child gives up its privileges first).
+    ASSERT_EQ(::chmod(dir.path().c_str(), 0755), 0);
+    status = inChild([&] {
+        if (::getuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0))
+            return 2;
+        auto e = writeFileAtomically(target, "intruder");
+        return e && e->code == EACCES ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(slurp(target), "new contents");
+}
+
+// Kills a writer at random moments: whatever the moment, the target holds one
+// complete version, never a mixture or a truncated file.
+TEST(AtomicFileTest, KilledWriterLeavesACompleteFile)
+{
+    test::TempDir dir;
+    const std::string target = dir.file("state.vlist");
+    const std::string first(256 << 10, 'a');
+    const std::string second(512 << 10, 'b');
+    ASSERT_FALSE(writeFileAtomically(target, first));
+    std::mt19937 rng(7);
+    for (int round = 0; round < 20; ++round) {
+        pid_t pid = ::fork();
+        if (pid == 0) {
+            for (int i = 0;; ++i)
+                (void)writeFileAtomically(target, i % 2 ? first : second);
+        }
+        ::usleep(std::uniform_int_distribution<useconds_t>(100, 20000)(rng));
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, nullptr, 0);
+        const std::string now = slurp(target);
+        EXPECT_TRUE(now == first || now == second) << "round " << round << ": " << now.size() << " bytes";
+    }
+}
+
+} // namespace
+} // namespace tv::platform
