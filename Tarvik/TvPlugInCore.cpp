@@ -3,10 +3,10 @@
 #include "Tarvik/TvLog.h"
 #include "base/InternalInconsistency.h"
 #include "platform/sdk/ExtensionSdkRegistry.h"
+#include "platform/sdk/SdkMerge.h"
 
 #include <limits>
 #include <mutex>
-#include <unordered_set>
 
 namespace tv {
 
@@ -280,66 +280,27 @@ void TvPlugInCore::resolveSDK()
 
 void TvPlugInCore::canonicalize()
 {
-    Value attrs = attributes();
-    if (!attrs.isDictionary())
-        attrs = Value::emptyDictionary();
-    Value info = plugInDictionary();
-    setPlugInDictionary(info.with(kKoExtensionAttributesKey, attrs));
-
-    if (attribute(kKoExtensionVersionKey).isNull()) {
-        Value version = infoKey(kBundleShortVersionStringKey);
-        if (version.isNull())
-            version = Value("1");
-        setPlugInDictionary(info.with(kKoExtensionAttributesKey, attrs.with(kKoExtensionVersionKey, version)));
-    }
+    setPlugInDictionary(platform::canonicalPlugInDictionary(plugInDictionary(), infoKey(kBundleShortVersionStringKey)));
 }
 
 Value TvPlugInCore::mergeDictionaryInto(const Value& sdk, const Value& own) const
 {
-    const Dictionary* sdkEntries = sdk.asDictionary();
-    const Dictionary* ownEntries = own.asDictionary();
-    if (!sdkEntries || !ownEntries)
-        return own;
-
-    Dictionary result = *ownEntries;
-    for (const auto& [key, sdkValue] : *sdkEntries) {
-        auto it = result.find(key);
-        if (it == result.end()) {
-            result.emplace(key, sdkValue);
-        } else if (sdkOverridesKey(key)) {
-            it->second = sdkValue;
-        } else if (key == kSharedKey) {
-            it->second = mergeSharedResourcesInto(sdkValue, it->second);
-        } else if (sdkValue.isDictionary() && it->second.isDictionary()) {
-            it->second = mergeDictionaryInto(sdkValue, it->second);
-        }
-        // Otherwise the plug-in's own value stays.
-    }
-    return Value(std::move(result));
+    return platform::mergeSdkDictionaryInto(
+        sdk, own,
+        platform::SdkMergeSteps{[this](std::string_view key) { return sdkOverridesKey(key); },
+                                [this](const Value& sdkList, const Value& ownList) {
+                                    return mergeSharedResourcesInto(sdkList, ownList);
+                                }});
 }
 
 bool TvPlugInCore::sdkOverridesKey(std::string_view key) const
 {
-    return key == kCleanTimeoutKey;
+    return platform::sdkOverridesKey(key);
 }
 
 Value TvPlugInCore::mergeSharedResourcesInto(const Value& sdkList, const Value& ownList) const
 {
-    const Array* sdkItems = sdkList.asArray();
-    const Array* ownItems = ownList.asArray();
-    if (!sdkItems || !ownItems)
-        return ownList;
-
-    Array result;
-    result.reserve(ownItems->size() + sdkItems->size());
-    std::unordered_set<Value> seen;
-    for (const Array* items : {ownItems, sdkItems}) {
-        for (const Value& item : *items) {
-            if (seen.insert(item).second)
-                result.push_back(item);
-        }
-    }
-    return Value(std::move(result));
+    return platform::mergeSharedResourcesInto(sdkList, ownList);
 }
 
 // --- Form -----------------------------------------------------------------

@@ -22,14 +22,15 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
     auto processInfo = std::make_shared<platform::LinuxProcessInfo>();
     auto codeSigning =
         std::make_shared<platform::LinuxCodeSigningService>(processInfo, bundles, config.entitlementsDropInDir);
-    auto registry = platform::LinuxApplicationRegistry::create(config, bundles, codeSigning);
+    auto sdks = std::make_shared<platform::LinuxExtensionSdkRegistry>(config.sdkDir);
+    auto registry = platform::LinuxApplicationRegistry::create(config, bundles, codeSigning, sdks);
     if (!registry)
         return makeError(4, "the application registry could not be opened: " + registry.error().localizedDescription());
     if (auto error = (*registry)->startWatching())
         return makeError(4, "the application registry cannot watch for installs: " + error->localizedDescription());
 
     TvBundle::setBundleService(bundles);
-    TvPlugInCore::setSdkRegistry(std::make_shared<platform::LinuxExtensionSdkRegistry>(config.sdkDir));
+    TvPlugInCore::setSdkRegistry(sdks);
 
     TvdPlatform platform;
     platform.vyn = vyn;

@@ -17,16 +17,22 @@
 // path or a "file://" URL text. Locations are compared in canonical form
 // (symbolic links resolved, no trailing "/").
 //
-// Observers: pluginsWillUninstall() is called with the records that are
-// about to disappear, while lookups still find them; pluginsDidInstall() with
-// the new records once lookups find them. A plug-in whose identifier or
-// version changed at the same path is an uninstall of the old record followed
-// by an install of the new one. Callbacks arrive on the thread that caused the
-// change: the caller's thread for registerPlugIn(), unregisterPlugIn() and
-// rescan(), the registry's own background thread for changes it notices on
-// disk by itself. An observer must not register, unregister or rescan from
-// inside a callback (such calls are refused); lookups are fine. Observers are
-// held weakly: one that has been destroyed is skipped.
+// Observers: pluginsWillUninstall() is called with the records that left
+// (as they were), pluginsDidInstall() with the new records, which lookups
+// already find. A plug-in whose identifier or version changed at the same
+// path is an uninstall of the old record followed by an install of the new
+// one; so is a plug-in whose facts changed in place (information,
+// entitlements, containing application), under the same UUID, so that a
+// cache keyed by UUID drops it. Callbacks arrive after the change, on the
+// registry's own callback thread, one at a time and in the order of the
+// changes, with no registry lock held: a callback may look things up, wait
+// for a thread that calls the registry, and even change the registry (the
+// change is announced after the current one). Observers are held weakly:
+// one that has been destroyed is skipped.
+//
+// Record scopes (RegistryPlugInRecord::infoValue, plugInValue,
+// attributeValue) answer the bundle's information completed with its
+// extension point's SDK defaults; see docs/application-registry.md.
 //
 // Thread-safety: every operation may be called from any thread at once.
 #pragma once
@@ -44,6 +50,21 @@
 #include <vector>
 
 namespace tv::platform {
+
+// Errors the registry raises itself carry their own domain, so that their
+// codes never read as the daemon's wire codes or as errno values. Failures
+// of the operating system keep the "POSIX" domain.
+inline constexpr const char* kApplicationRegistryErrorDomain = "ApplicationRegistry";
+enum RegistryErrorCode : int {
+    kRegistryErrorNotAPlugIn = 1,    // registerPlugIn(): not a plug-in bundle (the reason follows)
+    kRegistryErrorNotRegistered = 2, // unregisterPlugIn(): no plug-in is known at the path
+    kRegistryErrorStore = 3,         // the persistent store cannot be read or written
+};
+
+inline TvError registryError(RegistryErrorCode code, std::string description)
+{
+    return TvError{kApplicationRegistryErrorDomain, code, std::move(description)};
+}
 
 class ApplicationRegistryObserver {
 public:
@@ -105,7 +126,8 @@ public:
     virtual void addObserver(std::weak_ptr<ApplicationRegistryObserver> observer) = 0;
 
     // Drops in-memory caches; they are rebuilt from the persisted store on
-    // the next use. Records handed out stay valid.
+    // the next use. Records handed out stay valid. Never waits for a change
+    // in progress.
     virtual void dropCaches() = 0;
 };
 

@@ -2,29 +2,26 @@
 // system, persisted in SQLite (RegistryDatabase) at
 // PlatformConfig::registryDatabase.
 //
-// Sources, in order of precedence for a bundle found twice:
-//   - "<root>/*.app" for each of PlatformConfig::applicationRoots (one level
-//     deep), and each application's "PlugIns/*.vext";
-//   - PlatformConfig::systemPlugInsDir/"*.vext";
-//   - plug-in bundles registered by path (persisted).
-// Information dictionaries are read through the BundleService, entitlements
-// through CodeSigningService::entitlementsOfExecutable of the plug-in's
-// executable. A plug-in bundle counts when its Info.vlist is a dictionary
-// holding a "KoExtension" dictionary and an identifier; an application when
-// its Info.vlist is a dictionary. Anything else is skipped with a line in
-// the platform log (category "registry").
-//
-// create() scans once, reconciling the store with the disk: new bundles are
-// installed with a fresh random UUID and a data container
-// (<containersRoot>/Data/PlugIn/<UUID>/, mode 0700), vanished ones are
-// uninstalled, a changed identifier or version at the same path is an
-// uninstall and an install under a new UUID, and everything else keeps its
-// UUID. rescan() does the same at any time. startWatching() has a background
+// RegistryScanner reads the bundles; this class reconciles each reading
+// with the store: new bundles are installed with a fresh random UUID and a
+// data container (<containersRoot>/Data/PlugIn/<UUID>/, mode 0700),
+// vanished ones are uninstalled, a changed identifier or version at the same
+// path is an uninstall and an install under a new UUID, and everything else
+// keeps its UUID. A bundle whose facts changed in place (information,
+// entitlements, containing application) keeps its UUID and is announced as
+// an uninstall of the old record and an install of the new one, so that
+// caches keyed by UUID drop it. create() scans once (unannounced);
+// rescan() does the same at any time. startWatching() has a background
 // thread follow the roots with inotify and rescan shortly after changes
-// settle; its notifications arrive on that thread.
+// settle. Records are served from an immutable RegistryIndex whose
+// dictionaries are resolved against the extension point SDKs.
+//
+// Announcements are delivered by a RegistryAnnouncer on its own callback
+// thread, after the change, with no registry lock held.
 //
 // Thread-safety: as ApplicationRegistry. Changes (scans, registrations) are
-// serialised; lookups read an immutable index and never wait for a scan.
+// serialised; lookups read an immutable index and never wait for a scan;
+// dropCaches() never waits for one either.
 #pragma once
 
 #include "platform/registry/ApplicationRegistry.h"
@@ -32,15 +29,16 @@
 #include "platform/security/CodeSigningService.h"
 #include "platform/PlatformConfig.h"
 #include "platform/registry/RegistryDatabase.h"
+#include "platform/registry/RegistryAnnouncer.h"
 #include "platform/registry/RegistryIndex.h"
+#include "platform/registry/RegistryScanner.h"
+#include "platform/sdk/ExtensionSdkRegistry.h"
 
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace tv::platform {
@@ -51,9 +49,10 @@ class LinuxApplicationRegistry final : public ApplicationRegistry {
 public:
     // Opens (or creates, or rebuilds when damaged) the store and scans once.
     // Fails only when no store can be opened at the configured location.
-    static Result<std::shared_ptr<LinuxApplicationRegistry>> create(const PlatformConfig& config,
-                                                                    std::shared_ptr<BundleService> bundles,
-                                                                    std::shared_ptr<CodeSigningService> codeSigning);
+    // `sdks` completes the records' dictionaries; null: no SDK defaults.
+    static Result<std::shared_ptr<LinuxApplicationRegistry>> create(
+        const PlatformConfig& config, std::shared_ptr<BundleService> bundles,
+        std::shared_ptr<CodeSigningService> codeSigning, std::shared_ptr<ExtensionSdkRegistry> sdks = nullptr);
     ~LinuxApplicationRegistry() override;
 
     // Follows the application roots, their applications' "PlugIns"
@@ -62,6 +61,11 @@ public:
     // `settle`. Calling it again does nothing. An error when inotify is
     // unavailable; the registry then only changes through its operations.
     [[nodiscard]] MaybeError startWatching(std::chrono::milliseconds settle = std::chrono::milliseconds(200));
+
+    // Returns once every change made before the call has been announced.
+    // Must not be called from a callback, nor from a thread a callback may
+    // wait for.
+    void waitForAnnouncements();
 
     // ApplicationRegistry
     std::vector<RegistryPlugInRecordPtr> allPlugIns() override;
@@ -83,43 +87,32 @@ public:
     static std::string canonicalBundlePath(const std::string& pathOrUrl);
 
 private:
-    struct Candidate;
-    struct Scan;
-    struct Outcome;
-
     LinuxApplicationRegistry(const PlatformConfig& config, std::shared_ptr<BundleService> bundles,
-                             std::shared_ptr<CodeSigningService> codeSigning, std::unique_ptr<RegistryDatabase> db,
-                             StoredRegistry stored);
+                             std::shared_ptr<CodeSigningService> codeSigning, std::shared_ptr<ExtensionSdkRegistry> sdks,
+                             std::unique_ptr<RegistryDatabase> db, StoredRegistry stored);
 
-    // REQUIRES: changeMutex_ held.
-    Scan scanDisk();
-    std::optional<StoredPlugIn> readPlugIn(const Candidate& candidate, std::string* whyNot);
     // Applies a scan to the stored rows within `scope` (all rows when
-    // `scope` is none), persists, notifies. An error leaves everything as
-    // it was.
-    MaybeError reconcile(const Scan& scan, const std::optional<std::string>& scope);
+    // `scope` is none), persists, and queues the announcements. An error
+    // leaves everything as it was. REQUIRES: changeMutex_ held.
+    MaybeError reconcile(const RegistryScanner::Scan& scan, const std::optional<std::string>& scope);
     void createDataContainer(const Uuid& uuid);
     std::vector<std::string> watchedDirectories() const;
-
     std::shared_ptr<const RegistryIndex> index();
-    void notify(bool install, const std::vector<RegistryPlugInRecordPtr>& plugIns);
-    // True when the calling thread is inside a change (an observer calling
-    // back); such a change is refused.
-    bool reentered() const;
+    std::shared_ptr<const RegistryIndex> makeIndex(const StoredRegistry& stored) const;
 
     const PlatformConfig config_;
-    const std::shared_ptr<BundleService> bundles_;
-    const std::shared_ptr<CodeSigningService> codeSigning_;
+    const RegistryScanner scanner_;
+    const std::shared_ptr<ExtensionSdkRegistry> sdks_;
+    const RegistryIndex::Locations locations_; // system volume root in canonical form
 
     std::mutex changeMutex_; // serialises changes; guards db_
-    std::atomic<std::thread::id> changingThread_{};
     std::unique_ptr<RegistryDatabase> db_;
 
-    mutable std::mutex stateMutex_; // guards stored_, index_, observers_
+    mutable std::mutex stateMutex_; // guards stored_ (written under both locks) and index_
     StoredRegistry stored_;         // what db_ holds
     std::shared_ptr<const RegistryIndex> index_; // null after dropCaches()
-    std::vector<std::weak_ptr<ApplicationRegistryObserver>> observers_;
 
+    RegistryAnnouncer announcer_;
     std::unique_ptr<RegistryWatcher> watcher_;
 };
 

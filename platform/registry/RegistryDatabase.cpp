@@ -1,4 +1,5 @@
 #include "platform/registry/RegistryDatabase.h"
+#include "platform/registry/ApplicationRegistry.h"
 
 #include "base/ValueCodec.h"
 #include "platform/log/PlatformLog.h"
@@ -37,7 +38,7 @@ constexpr const char* kCreateSchema =
 TvError sqliteError(sqlite3* db, int rc, std::string_view what)
 {
     std::string text = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
-    return makeError(EIO, std::string(what) + ": " + text + " (" + std::to_string(rc) + ")");
+    return registryError(kRegistryErrorStore, std::string(what) + ": " + text + " (" + std::to_string(rc) + ")");
 }
 
 // Owns a prepared statement.
@@ -101,9 +102,9 @@ int userVersion(sqlite3* db, int* rc)
     return sqlite3_column_int(stmt.get(), 0);
 }
 
-// Opens the file and brings it to the current schema. The error's code is
-// EIO when the file itself is at fault (and may be moved aside), or the
-// SQLite failure otherwise.
+// Opens the file and brings it to the current schema. *fileAtFault tells
+// whether the file itself is at fault (and may be moved aside) rather than
+// its location.
 Result<sqlite3*> openAndPrepare(const std::string& path, bool* fileAtFault)
 {
     *fileAtFault = false;
@@ -138,7 +139,7 @@ Result<sqlite3*> openAndPrepare(const std::string& path, bool* fileAtFault)
         if (check.text(0) != "ok") {
             *fileAtFault = true;
             sqlite3_close(db);
-            return makeError(EIO, path + " fails its integrity check: " + check.text(0));
+            return registryError(kRegistryErrorStore, path + " fails its integrity check: " + check.text(0));
         }
     }
     const int version = userVersion(db, &rc);
@@ -159,7 +160,7 @@ Result<sqlite3*> openAndPrepare(const std::string& path, bool* fileAtFault)
     } else if (version != RegistryDatabase::kSchemaVersion) {
         *fileAtFault = true;
         sqlite3_close(db);
-        return makeError(EIO, path + " has unknown schema version " + std::to_string(version));
+        return registryError(kRegistryErrorStore, path + " has unknown schema version " + std::to_string(version));
     }
     return db;
 }

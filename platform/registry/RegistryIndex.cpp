@@ -1,5 +1,7 @@
 #include "platform/registry/RegistryIndex.h"
 
+#include "platform/sdk/SdkMerge.h"
+
 #include <algorithm>
 #include <sys/stat.h>
 
@@ -71,8 +73,20 @@ std::string RegistryIndex::dataContainerPath(const std::string& containersRoot, 
     return containersRoot + "/Data/PlugIn/" + uuid.string() + "/";
 }
 
-RegistryIndex::RegistryIndex(const StoredRegistry& stored, const Locations& locations)
+RegistryIndex::RegistryIndex(const StoredRegistry& stored, const Locations& locations, ExtensionSdkRegistry* sdks)
 {
+    std::unordered_map<std::string, Value> sdkOf;
+    auto sdkFor = [&](const Value& extensionPoint) -> const Value& {
+        static const Value kNone;
+        const std::string* name = extensionPoint.asString();
+        if (!name || !sdks)
+            return kNone;
+        auto it = sdkOf.find(*name);
+        if (it == sdkOf.end())
+            it = sdkOf.emplace(*name, sdks->lookUp(*name).value_or(Value())).first;
+        return it->second;
+    };
+
     // Applications first, each with the UUIDs of its plug-ins in path order
     // (stored plug-ins come ordered by path).
     std::map<std::string, std::shared_ptr<RegistryApplicationRecord>, std::less<>> apps;
@@ -116,9 +130,11 @@ RegistryIndex::RegistryIndex(const StoredRegistry& stored, const Locations& loca
         record->entitlements = p->entitlements.isDictionary() ? p->entitlements : Value::emptyDictionary();
         record->localizedName = localizedNameOf(p->info);
         record->localizedShortName = stringOf(p->info["KbBundleName"]);
-        record->infoDictionary = p->info;
-        record->plugInDictionary = p->info["KoExtension"];
-        record->extensionPointIdentifier = stringOf(record->plugInDictionary["KoExtensionPointIdentifier"]).value_or("");
+        const Value& extensionPoint = p->info["KoExtension"]["KoExtensionPointIdentifier"];
+        ResolvedBundleInfo resolved = resolveBundleInfo(p->info, sdkFor(extensionPoint));
+        record->infoDictionary = std::move(resolved.infoDictionary);
+        record->plugInDictionary = std::move(resolved.plugInDictionary);
+        record->extensionPointIdentifier = stringOf(extensionPoint).value_or("");
         if (auto it = applications_.find(p->applicationPath); it != applications_.end())
             record->containingApplication = it->second;
         record->registeredByPath = p->registeredByPath;

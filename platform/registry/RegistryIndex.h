@@ -5,6 +5,10 @@
 // index can be read from any number of threads while the registry builds
 // its successor. Plug-ins are kept ordered by bundle path, and additionally
 // by UUID, by path and by extension point identifier.
+//
+// Each record's dictionaries are resolved against its extension point's SDK
+// (SdkMerge): the SDK registry is asked once per extension point per build,
+// so an SDK installed or changed is seen by the next index.
 #pragma once
 
 #include "base/Uuid.h"
@@ -12,6 +16,7 @@
 #include "platform/registry/RegistryApplicationRecord.h"
 #include "platform/registry/RegistryDatabase.h"
 #include "platform/registry/RegistryPlugInRecord.h"
+#include "platform/sdk/ExtensionSdkRegistry.h"
 
 #include <map>
 #include <memory>
@@ -30,7 +35,8 @@ public:
         std::string containersRoot;
     };
 
-    RegistryIndex(const StoredRegistry& stored, const Locations& locations);
+    // `sdks` may be null: no SDK is registered then.
+    RegistryIndex(const StoredRegistry& stored, const Locations& locations, ExtensionSdkRegistry* sdks);
 
     // <containersRoot>/Data/PlugIn/<UUID>/
     static std::string dataContainerPath(const std::string& containersRoot, const Uuid& uuid);
@@ -42,7 +48,9 @@ public:
 
     // The plug-ins the registry's own query keys select (see
     // ApplicationRegistry::queryPlugIns), ordered by path; none when `query`
-    // is neither null nor a dictionary.
+    // is neither null nor a dictionary. An exact "KoExtensionPointIdentifier"
+    // is answered from the index by extension point: the cost follows the
+    // plug-ins of those extension points, not the size of the registry.
     std::optional<std::vector<RegistryPlugInRecordPtr>> candidates(const Value& query) const;
 
 private:

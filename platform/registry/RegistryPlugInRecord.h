@@ -50,12 +50,15 @@ struct RegistryPlugInRecord {
     std::optional<std::string> localizedName;
     // "KbBundleName"; none when it is not a string.
     std::optional<std::string> localizedShortName;
-    // The whole Info.vlist dictionary.
+    // The Info.vlist dictionary completed with its extension point's SDK
+    // defaults (docs/sdk-merge.md): the bundle's own values win.
     Value infoDictionary;
-    // Its "KoExtension" dictionary.
+    // Its "KoExtension" dictionary, canonical: "KoExtensionAttributes" is a
+    // dictionary holding "KoExtensionVersion" (defaulted to
+    // "KbBundleShortVersionString", else "1").
     Value plugInDictionary;
-    // "KoExtensionPointIdentifier" of the plug-in dictionary; empty when
-    // it is not a string.
+    // "KoExtensionPointIdentifier" of the bundle's own plug-in dictionary;
+    // empty when it is not a string.
     std::string extensionPointIdentifier;
     // The application whose "PlugIns" directory holds the bundle; null for
     // system plug-ins and bundles registered by path outside any application.
@@ -63,12 +66,18 @@ struct RegistryPlugInRecord {
     // Registered explicitly by path (and so persisted as a registration).
     bool registeredByPath = false;
 
-    // Values of a key in the three scopes of the bundle's information: the
-    // whole dictionary, the plug-in dictionary and its "KoExtensionAttributes".
-    // Null when absent.
+    // Values of a key in the three scopes of the bundle's information, as
+    // resolved above: the whole dictionary, the plug-in dictionary and its
+    // "KoExtensionAttributes". The attributes scope also answers the keys of
+    // the plug-in dictionary that the attributes do not set, so that a rule
+    // on "KoExtensionPointIdentifier" matches. Null when absent.
     const Value& infoValue(std::string_view key) const { return infoDictionary[key]; }
     const Value& plugInValue(std::string_view key) const { return plugInDictionary[key]; }
-    const Value& attributeValue(std::string_view key) const { return plugInDictionary["KoExtensionAttributes"][key]; }
+    const Value& attributeValue(std::string_view key) const
+    {
+        const Value& attribute = plugInDictionary["KoExtensionAttributes"][key];
+        return attribute.isNull() ? plugInDictionary[key] : attribute;
+    }
     // file:// URL of the data container (with its trailing "/"); null when there is none.
     Value dataContainerUrl() const
     {

@@ -1,18 +1,21 @@
 #include "platform/registry/LinuxApplicationRegistry.h"
 
+#include "base/SerialQueue.h"
+#include "platform/formats/Vlist.h"
 #include "platform/process/LinuxBundleService.h"
 #include "platform/security/LinuxCodeSigningService.h"
-#include "platform/formats/Vlist.h"
 #include "tests/support/FakeClientIdentity.h"
+#include "tests/support/FakeExtensionSdkRegistry.h"
 #include "tests/support/FakeVlistFiles.h"
 #include "tests/support/LogCapture.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
-#include <fstream>
+#include <future>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <set>
 #include <sys/stat.h>
 #include <thread>
 
@@ -21,8 +24,9 @@ namespace fs = std::filesystem;
 namespace tv::platform {
 namespace {
 
-// Records what the registry announces, and what lookups answered at that
-// moment.
+// Records what the registry announces, on which thread, and whether lookups
+// found the arriving records at that moment. `onUninstall` runs inside the
+// uninstall callback.
 class RecordingObserver final : public ApplicationRegistryObserver {
 public:
     explicit RecordingObserver(ApplicationRegistry* registry = nullptr) : registry_(registry) {}
@@ -30,23 +34,21 @@ public:
     void pluginsDidInstall(const std::vector<RegistryPlugInRecordPtr>& plugIns) override
     {
         std::lock_guard lock(mutex_);
+        threads.insert(std::this_thread::get_id());
         for (const auto& p : plugIns) {
             installed.push_back(p);
             if (registry_)
                 foundWhenInstalled.push_back(registry_->plugInWithUuid(p->uuid) != nullptr);
         }
-        if (registry_)
-            reentryError = registry_->registerPlugIn(plugIns.front()->bundlePath);
         changed_.notify_all();
     }
     void pluginsWillUninstall(const std::vector<RegistryPlugInRecordPtr>& plugIns) override
     {
+        if (onUninstall)
+            onUninstall();
         std::lock_guard lock(mutex_);
-        for (const auto& p : plugIns) {
-            uninstalled.push_back(p);
-            if (registry_)
-                foundWhenUninstalling.push_back(registry_->plugInWithUuid(p->uuid) != nullptr);
-        }
+        threads.insert(std::this_thread::get_id());
+        uninstalled.insert(uninstalled.end(), plugIns.begin(), plugIns.end());
         changed_.notify_all();
     }
     // Waits (at most five seconds) until `count` installs have been seen.
@@ -54,6 +56,11 @@ public:
     {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, std::chrono::seconds(5), [&] { return installed.size() >= count; });
+    }
+    std::size_t uninstalledCount()
+    {
+        std::lock_guard lock(mutex_);
+        return uninstalled.size();
     }
     void clear()
     {
@@ -65,8 +72,8 @@ public:
     std::vector<RegistryPlugInRecordPtr> installed;
     std::vector<RegistryPlugInRecordPtr> uninstalled;
     std::vector<bool> foundWhenInstalled;
-    std::vector<bool> foundWhenUninstalling;
-    MaybeError reentryError;
+    std::set<std::thread::id> threads;
+    std::function<void()> onUninstall;
 
 private:
     ApplicationRegistry* registry_;
@@ -86,11 +93,12 @@ protected:
         bundles_ = std::make_shared<LinuxBundleService>();
         codeSigning_ = std::make_shared<LinuxCodeSigningService>(std::make_shared<test::FakeProcessInfo>(), bundles_,
                                                                  std::string());
+        sdks_ = std::make_shared<test::FakeExtensionSdkRegistry>();
     }
 
     std::shared_ptr<LinuxApplicationRegistry> open()
     {
-        auto registry = LinuxApplicationRegistry::create(config_, bundles_, codeSigning_);
+        auto registry = LinuxApplicationRegistry::create(config_, bundles_, codeSigning_, sdks_);
         EXPECT_TRUE(registry.ok()) << (registry.ok() ? "" : registry.error().localizedDescription());
         return registry.ok() ? *registry : nullptr;
     }
@@ -106,18 +114,22 @@ protected:
     }
 
     std::string writePlugIn(const std::string& relative, const std::string& identifier, const std::string& version,
-                            const std::string& extensionPoint)
+                            const std::string& extensionPoint, const Value& extra = Value::emptyDictionary())
     {
+        Value extension{{"KoExtensionPointIdentifier", Value(extensionPoint)}};
+        for (const auto& [key, value] : *extra.asDictionary())
+            extension = extension.with(key, value);
         return writeBundle(relative, Value{{"KbBundleIdentifier", Value(identifier)},
                                            {"KbBundleVersion", Value(version)},
                                            {"KbBundleExecutable", Value("main")},
-                                           {"KoExtension", Value{{"KoExtensionPointIdentifier", Value(extensionPoint)}}}});
+                                           {"KoExtension", extension}});
     }
 
     test::FakeVlistFiles files_;
     PlatformConfig config_;
     std::shared_ptr<LinuxBundleService> bundles_;
     std::shared_ptr<LinuxCodeSigningService> codeSigning_;
+    std::shared_ptr<test::FakeExtensionSdkRegistry> sdks_;
 };
 
 std::vector<std::string> pathsOf(const std::vector<RegistryPlugInRecordPtr>& records)
@@ -128,22 +140,29 @@ std::vector<std::string> pathsOf(const std::vector<RegistryPlugInRecordPtr>& rec
     return paths;
 }
 
+std::vector<Uuid> uuidsOf(const std::vector<RegistryPlugInRecordPtr>& records)
+{
+    std::vector<Uuid> uuids;
+    for (const auto& r : records)
+        uuids.push_back(r->uuid);
+    return uuids;
+}
+
 TEST_F(LinuxApplicationRegistryTest, ScanRecordsApplicationsAndPlugInsWithEveryField)
 {
     const std::string app = writeBundle("Applications/Example.app",
                                         Value{{"KbBundleIdentifier", Value("com.example.app")},
                                               {"KbBundleDisplayName", Value("Example")},
                                               {"KbBundleExecutable", Value("example")}});
-    const Value shareExtension{{"KoExtensionPointIdentifier", Value("com.veltra.share")},
-                               {"KoExtensionIdentifier", Value("com.example.app.share-ext")},
-                               {"KoExtensionAttributes", Value{{"Kind", Value("text")}}}};
-    const std::string share = writeBundle("Applications/Example.app/PlugIns/Share.vext",
-                                          Value{{"KbBundleIdentifier", Value("com.example.app.share")},
-                                                {"KbBundleVersion", Value("7")},
-                                                {"KbBundleShortVersionString", Value("1.2")},
-                                                {"KbBundleName", Value("Share")},
-                                                {"KbBundleExecutable", Value("share")},
-                                                {"KoExtension", shareExtension}});
+    const std::string share = writeBundle(
+        "Applications/Example.app/PlugIns/Share.vext",
+        Value{{"KbBundleIdentifier", Value("com.example.app.share")},
+              {"KbBundleVersion", Value("7")},
+              {"KbBundleShortVersionString", Value("1.2")},
+              {"KbBundleName", Value("Share")},
+              {"KbBundleExecutable", Value("share")},
+              {"KoExtension", Value{{"KoExtensionPointIdentifier", Value("com.veltra.share")},
+                                    {"KoExtensionIdentifier", Value("com.example.app.share-ext")}}}});
     ASSERT_FALSE(writeVlistFileAtomically(share + "/Entitlements.vlist",
                                           Value{{"com.veltra.developer.auto-elect-plugin", Value(true)}}));
     writePlugIn("Applications/Example.app/PlugIns/Another.vext", "com.example.app.another", "1", "com.veltra.share");
@@ -153,17 +172,24 @@ TEST_F(LinuxApplicationRegistryTest, ScanRecordsApplicationsAndPlugInsWithEveryF
                                                  {"KoExtension", Value{{"KoExtensionPointIdentifier", Value("com.veltra.x")}}}});
     writeBundle("Applications/Placeholder.app",
                 Value{{"KbBundleIdentifier", Value("com.example.wip")}, {"KbApplicationIsPlaceholder", Value(true)}});
-    // Not counted: no Info.vlist, a plug-in dictionary that is not one, no identifier.
+    // Not counted: no Info.vlist, a plug-in dictionary that is not one, no
+    // identifier, an Info.vlist nested past the reader's limits.
     files_.makeDirectory("Applications/Empty.app");
     writeBundle("Applications/Example.app/PlugIns/Broken.vext",
                 Value{{"KbBundleIdentifier", Value("com.example.broken")}, {"KoExtension", Value("text")}});
     writeBundle("System/Library/PlugIns/Nameless.vext", Value{{"KoExtension", Value::emptyDictionary()}});
+    files_.makeDirectory("System/Library/PlugIns/Hostile.vext");
+    std::string deep = "<vlist>";
+    for (int i = 0; i < 200; ++i)
+        deep += "<array>";
+    files_.writeText("System/Library/PlugIns/Hostile.vext/Info.vlist", deep);
 
     test::LogCapture log;
     const Date before = Date::now();
     auto registry = open();
     ASSERT_TRUE(registry);
-    EXPECT_EQ(log.countContaining("skipping plug-in"), 2u);
+    EXPECT_EQ(log.countContaining("skipping plug-in"), 3u);
+    EXPECT_EQ(log.countContaining("Hostile.vext: Info.vlist is not a readable dictionary"), 1u);
     EXPECT_EQ(log.countContaining("skipping application"), 1u);
 
     EXPECT_EQ(pathsOf(registry->allPlugIns()),
@@ -181,7 +207,6 @@ TEST_F(LinuxApplicationRegistryTest, ScanRecordsApplicationsAndPlugInsWithEveryF
     EXPECT_FALSE(record->onSystemVolume);
     EXPECT_EQ(record->entitlements, (Value{{"com.veltra.developer.auto-elect-plugin", Value(true)}}));
     EXPECT_EQ(record->localizedShortName, "Share");
-    EXPECT_EQ(record->plugInDictionary, shareExtension);
     EXPECT_EQ(record->extensionPointIdentifier, "com.veltra.share");
     EXPECT_FALSE(record->registeredByPath);
     ASSERT_TRUE(record->containingApplication);
@@ -212,126 +237,230 @@ TEST_F(LinuxApplicationRegistryTest, ScanRecordsApplicationsAndPlugInsWithEveryF
     EXPECT_TRUE(placeholder->isPlaceholder);
     EXPECT_TRUE(placeholder->plugInUuids.empty());
     EXPECT_FALSE(registry->applicationAtPath(files_.path("Applications/Empty.app")));
-    EXPECT_FALSE(registry->plugInAtPath(files_.path("Applications/Example.app/PlugIns/Broken.vext")));
 
     // Dropping caches rebuilds the same records from the store.
     registry->dropCaches();
     auto again = registry->plugInAtPath(share);
     ASSERT_TRUE(again);
+    EXPECT_NE(again, record);
     EXPECT_EQ(again->uuid, record->uuid);
     EXPECT_EQ(again->entitlements, record->entitlements);
     EXPECT_EQ(registry->allPlugIns().size(), 3u);
 }
 
-TEST_F(LinuxApplicationRegistryTest, UuidsSurviveRestartsAndChangeWithIdentifierOrVersion)
+TEST_F(LinuxApplicationRegistryTest, VersionsAndSystemVolumeReadWhateverFormTheyTake)
+{
+    struct Case {
+        const char* name;
+        Value version;      // KbBundleVersion, or null
+        Value shortVersion; // KbBundleShortVersionString, or null
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"Text", Value("7"), Value(), "7"},
+        {"Integer", Value(12), Value(), "12"},
+        {"Real", Value(1.5), Value(), "1.5"},
+        {"NumericShort", Value(), Value(3), "3"},
+        {"NoneUsable", Value(true), Value(Array{}), ""},
+    };
+    for (const Case& c : cases) {
+        Value info{{"KbBundleIdentifier", Value(std::string("com.v.") + c.name)},
+                   {"KoExtension", Value{{"KoExtensionPointIdentifier", Value("p")}}}};
+        if (!c.version.isNull())
+            info = info.with("KbBundleVersion", c.version);
+        if (!c.shortVersion.isNull())
+            info = info.with("KbBundleShortVersionString", c.shortVersion);
+        writeBundle(std::string("System/Library/PlugIns/") + c.name + ".vext", info);
+    }
+
+    // The system volume root is compared in canonical form.
+    fs::create_directory_symlink(files_.path("System"), files_.path("SystemLink"));
+    const std::string relative = fs::relative(files_.path("System"), fs::current_path()).string();
+    for (const std::string& root : {relative, files_.path("SystemLink"), files_.path("SystemLink/")}) {
+        SCOPED_TRACE(root);
+        config_.systemVolumeRoot = root;
+        auto registry = open();
+        ASSERT_TRUE(registry);
+        for (const Case& c : cases) {
+            auto record = registry->plugInAtPath(files_.path(std::string("System/Library/PlugIns/") + c.name + ".vext"));
+            ASSERT_TRUE(record) << c.name;
+            EXPECT_EQ(record->bundleVersion, c.expected) << c.name;
+            EXPECT_TRUE(record->onSystemVolume) << c.name;
+        }
+    }
+}
+
+TEST_F(LinuxApplicationRegistryTest, ScopesAnswerTheDictionariesCompletedWithSdkDefaults)
+{
+    sdks_->set("com.share", Value{{"SdkTop", Value("sdk")},
+                                  {"KoExtension", Value{{"CleanTimeout", Value(30)},
+                                                        {"KoExtensionAttributes", Value{{"Kind", Value("sdk")},
+                                                                                        {"SdkOnly", Value(1)}}}}}});
+    const std::string withSdk =
+        writePlugIn("System/Library/PlugIns/S.vext", "com.s", "1", "com.share",
+                    Value{{"CleanTimeout", Value(5)}, {"KoExtensionAttributes", Value{{"Kind", Value("own")}}}});
+    const std::string bare = writeBundle("System/Library/PlugIns/B.vext",
+                                         Value{{"KbBundleIdentifier", Value("com.b")},
+                                               {"KbBundleShortVersionString", Value("2.3")},
+                                               {"KoExtension", Value{{"KoExtensionPointIdentifier", Value("com.bare")},
+                                                                     {"KoExtensionAttributes", Value("junk")}}}});
+    auto registry = open();
+    ASSERT_TRUE(registry);
+    auto s = registry->plugInAtPath(withSdk);
+    auto b = registry->plugInAtPath(bare);
+    ASSERT_TRUE(s && b);
+
+    enum Scope { Info, PlugIn, Attribute };
+    struct Case {
+        const RegistryPlugInRecord* record;
+        Scope scope;
+        const char* key;
+        Value expected;
+    };
+    const Case cases[] = {
+        {s.get(), Info, "SdkTop", Value("sdk")},           // only the SDK sets it
+        {s.get(), Info, "KbBundleIdentifier", Value("com.s")},
+        {s.get(), PlugIn, "CleanTimeout", Value(30)},      // the SDK wins this one
+        {s.get(), Attribute, "Kind", Value("own")},        // the plug-in wins the rest
+        {s.get(), Attribute, "SdkOnly", Value(1)},
+        {s.get(), Attribute, "KoExtensionVersion", Value("1")},
+        {s.get(), Attribute, "KoExtensionPointIdentifier", Value("com.share")}, // plug-in keys answer too
+        {b.get(), Attribute, "KoExtensionVersion", Value("2.3")},
+        {b.get(), PlugIn, "KoExtensionAttributes", Value{{"KoExtensionVersion", Value("2.3")}}},
+        {b.get(), Attribute, "Missing", Value()},
+    };
+    for (const Case& c : cases) {
+        const Value& found = c.scope == Info     ? c.record->infoValue(c.key)
+                             : c.scope == PlugIn ? c.record->plugInValue(c.key)
+                                                 : c.record->attributeValue(c.key);
+        EXPECT_EQ(found, c.expected) << c.record->plugInIdentifier << " " << c.scope << " " << c.key;
+    }
+
+    // An SDK installed later is seen once the caches are rebuilt.
+    sdks_->set("com.bare", Value{{"KoExtension", Value{{"Late", Value(true)}}}});
+    EXPECT_TRUE(registry->plugInAtPath(bare)->attributeValue("Late").isNull());
+    registry->dropCaches();
+    EXPECT_EQ(registry->plugInAtPath(bare)->attributeValue("Late"), Value(true));
+}
+
+TEST_F(LinuxApplicationRegistryTest, UuidsSurviveRestartsAndEveryChangeIsAnnouncedOnOneThread)
 {
     const std::string a = writePlugIn("Applications/A.app/PlugIns/A.vext", "com.a", "1", "p");
     writeBundle("Applications/A.app", Value{{"KbBundleIdentifier", Value("com.a.app")}});
     const std::string b = writePlugIn("System/Library/PlugIns/B.vext", "com.b", "1", "p");
     const std::string c = writePlugIn("System/Library/PlugIns/C.vext", "com.c", "1", "p");
+    const std::string e = writePlugIn("System/Library/PlugIns/E.vext", "com.e", "1", "p");
 
-    Uuid uuidA, uuidB, uuidC;
-    Date registeredA;
+    RegistryPlugInRecordPtr oldA, oldB, oldC;
     {
         auto registry = open();
         ASSERT_TRUE(registry);
-        ASSERT_EQ(registry->allPlugIns().size(), 3u);
-        uuidA = registry->plugInAtPath(a)->uuid;
-        uuidB = registry->plugInAtPath(b)->uuid;
-        uuidC = registry->plugInAtPath(c)->uuid;
-        registeredA = registry->plugInAtPath(a)->registrationDate;
+        ASSERT_EQ(registry->allPlugIns().size(), 4u);
     }
     auto registry = open();
     ASSERT_TRUE(registry);
-    EXPECT_EQ(registry->plugInAtPath(a)->uuid, uuidA);
-    EXPECT_EQ(registry->plugInAtPath(a)->registrationDate, registeredA);
-    EXPECT_EQ(registry->plugInAtPath(b)->uuid, uuidB);
-    ASSERT_TRUE(registry->plugInAtPath(a)->containingApplication);
-
+    oldA = registry->plugInAtPath(a);
+    oldB = registry->plugInAtPath(b);
+    oldC = registry->plugInAtPath(c);
+    ASSERT_TRUE(oldA && oldB && oldC);
+    ASSERT_TRUE(oldA->containingApplication);
     auto observer = std::make_shared<RecordingObserver>(registry.get());
     registry->addObserver(observer);
 
-    // A new version is a new installation; a changed bundle name is not.
+    // A new version is a new installation; a bundle changed in place keeps
+    // its UUID but is announced, so that caches drop what they knew.
     writePlugIn("System/Library/PlugIns/B.vext", "com.b", "2", "p");
-    writeBundle("Applications/A.app/PlugIns/A.vext",
-                Value{{"KbBundleIdentifier", Value("com.a")},
-                      {"KbBundleVersion", Value("1")},
-                      {"KbBundleName", Value("Renamed")},
-                      {"KoExtension", Value{{"KoExtensionPointIdentifier", Value("p")}}}});
+    writePlugIn("Applications/A.app/PlugIns/A.vext", "com.a", "1", "p", Value{{"KoExtensionAttributes", Value{{"New", Value(1)}}}});
     fs::remove_all(c);
     const std::string d = writePlugIn("System/Library/PlugIns/D.vext", "com.d", "1", "p");
     registry->rescan();
+    registry->waitForAnnouncements();
 
-    EXPECT_EQ(registry->plugInAtPath(a)->uuid, uuidA);
-    EXPECT_EQ(registry->plugInAtPath(a)->localizedName, "Renamed");
+    auto newA = registry->plugInAtPath(a);
     auto newB = registry->plugInAtPath(b);
-    ASSERT_TRUE(newB);
-    EXPECT_NE(newB->uuid, uuidB);
-    EXPECT_EQ(newB->bundleVersion, "2");
-    EXPECT_FALSE(registry->plugInWithUuid(uuidB));
+    ASSERT_TRUE(newA && newB);
+    EXPECT_EQ(newA->uuid, oldA->uuid);
+    EXPECT_EQ(newA->registrationDate, oldA->registrationDate);
+    EXPECT_EQ(newA->attributeValue("New"), Value(1));
+    EXPECT_NE(newB->uuid, oldB->uuid);
+    EXPECT_FALSE(registry->plugInWithUuid(oldB->uuid));
     EXPECT_FALSE(registry->plugInAtPath(c));
 
-    std::vector<Uuid> gone;
-    for (const auto& r : observer->uninstalled)
-        gone.push_back(r->uuid);
-    EXPECT_EQ(gone, (std::vector<Uuid>{uuidB, uuidC}));
-    EXPECT_EQ(pathsOf(observer->installed), (std::vector<std::string>{b, d}));
-    // Leaving records are still found while they are announced, arriving ones
-    // already are; an observer cannot change the registry from a callback.
-    EXPECT_EQ(observer->foundWhenUninstalling, (std::vector<bool>{true, true}));
-    EXPECT_EQ(observer->foundWhenInstalled, (std::vector<bool>{true, true}));
-    ASSERT_TRUE(observer->reentryError);
-    EXPECT_EQ(observer->reentryError->code, EDEADLK);
+    // The records given are those that were looked up before, and after.
+    EXPECT_EQ(observer->uninstalled, (std::vector<RegistryPlugInRecordPtr>{oldA, oldB, oldC}));
+    EXPECT_EQ(pathsOf(observer->installed), (std::vector<std::string>{a, b, d}));
+    EXPECT_EQ(observer->installed[0], newA);
+    EXPECT_EQ(observer->foundWhenInstalled, (std::vector<bool>{true, true, true}));
 
-    // A rescan that finds nothing new tells nothing.
+    // A rescan that finds nothing new tells nothing; a registration that
+    // only marks a scanned bundle as registered changes no fact either.
     observer->clear();
     registry->rescan();
+    ASSERT_FALSE(registry->registerPlugIn(e));
+    registry->waitForAnnouncements();
     EXPECT_TRUE(observer->installed.empty());
     EXPECT_TRUE(observer->uninstalled.empty());
 
     // Removing the application removes its plug-ins and its record.
     fs::remove_all(files_.path("Applications/A.app"));
     registry->rescan();
+    registry->waitForAnnouncements();
     EXPECT_FALSE(registry->applicationAtPath(files_.path("Applications/A.app")));
-    EXPECT_EQ(pathsOf(observer->uninstalled), (std::vector<std::string>{a}));
+    EXPECT_EQ(uuidsOf(observer->uninstalled), (std::vector<Uuid>{oldA->uuid}));
+
+    // Every announcement came from the registry's one callback thread.
+    ASSERT_EQ(observer->threads.size(), 1u);
+    EXPECT_NE(*observer->threads.begin(), std::this_thread::get_id());
 }
 
 TEST_F(LinuxApplicationRegistryTest, RegistrationByPathIsCheckedAndPersists)
 {
     const std::string loose = writePlugIn("Elsewhere/Loose.vext", "com.loose", "1", "p");
+    writeBundle("Applications/A.app", Value{{"KbBundleIdentifier", Value("com.a.app")}});
     auto registry = open();
     ASSERT_TRUE(registry);
     EXPECT_TRUE(registry->allPlugIns().empty());
     auto observer = std::make_shared<RecordingObserver>();
     registry->addObserver(observer);
 
-    // Refusals change nothing.
+    // Refusals change nothing, and carry the registry's own error domain.
     files_.makeDirectory("Elsewhere/Plain.vext");
     writeBundle("Elsewhere/NoExtension.vext", Value{{"KbBundleIdentifier", Value("com.none")}});
     writeBundle("Elsewhere/WrongSuffix.bundle",
                 Value{{"KbBundleIdentifier", Value("com.w")}, {"KoExtension", Value::emptyDictionary()}});
+    files_.makeDirectory("Elsewhere/Hostile.vext");
+    files_.writeText("Elsewhere/Hostile.vext/Info.vlist", "<vlist><dict><key>a</key>" + std::string(64, '<'));
     for (const char* bad : {"Elsewhere/Plain.vext", "Elsewhere/NoExtension.vext", "Elsewhere/WrongSuffix.bundle",
-                            "Elsewhere/Missing.vext"}) {
+                            "Elsewhere/Missing.vext", "Elsewhere/Hostile.vext"}) {
         MaybeError error = registry->registerPlugIn(files_.path(bad));
         ASSERT_TRUE(error) << bad;
-        EXPECT_EQ(error->code, EINVAL) << bad;
+        EXPECT_EQ(error->domain, kApplicationRegistryErrorDomain) << bad;
+        EXPECT_EQ(error->code, kRegistryErrorNotAPlugIn) << bad;
     }
     MaybeError unknown = registry->unregisterPlugIn(loose);
     ASSERT_TRUE(unknown);
-    EXPECT_EQ(unknown->code, ENOENT);
+    EXPECT_EQ(unknown->domain, kApplicationRegistryErrorDomain);
+    EXPECT_EQ(unknown->code, kRegistryErrorNotRegistered);
     EXPECT_TRUE(registry->allPlugIns().empty());
-    EXPECT_TRUE(observer->installed.empty());
 
     ASSERT_FALSE(registry->registerPlugIn("file://" + loose));
     auto record = registry->plugInAtPath(loose);
     ASSERT_TRUE(record);
     EXPECT_TRUE(record->registeredByPath);
     EXPECT_FALSE(record->containingApplication);
-    EXPECT_EQ(pathsOf(observer->installed), (std::vector<std::string>{loose}));
     // Registering again refreshes without a new installation.
     ASSERT_FALSE(registry->registerPlugIn(loose));
     EXPECT_EQ(registry->plugInAtPath(loose)->uuid, record->uuid);
-    EXPECT_EQ(observer->installed.size(), 1u);
+    registry->waitForAnnouncements();
+    EXPECT_EQ(pathsOf(observer->installed), (std::vector<std::string>{loose}));
+
+    // A bundle registered inside an application belongs to it at once.
+    const std::string inApp = writePlugIn("Applications/A.app/PlugIns/Late.vext", "com.late", "1", "p");
+    ASSERT_FALSE(registry->registerPlugIn(inApp));
+    ASSERT_TRUE(registry->plugInAtPath(inApp)->containingApplication);
+    EXPECT_EQ(registry->plugInAtPath(inApp)->containingApplication->bundlePath, files_.path("Applications/A.app"));
+    ASSERT_FALSE(registry->unregisterPlugIn(inApp));
+    fs::remove_all(inApp);
 
     // The registration outlives the process, with its UUID.
     registry.reset();
@@ -339,33 +468,34 @@ TEST_F(LinuxApplicationRegistryTest, RegistrationByPathIsCheckedAndPersists)
     ASSERT_TRUE(registry);
     ASSERT_TRUE(registry->plugInAtPath(loose));
     EXPECT_EQ(registry->plugInAtPath(loose)->uuid, record->uuid);
+    observer->clear();
     registry->addObserver(observer);
 
     // Re-registering after an upgrade in place is a new installation.
     writePlugIn("Elsewhere/Loose.vext", "com.loose", "2", "p");
     ASSERT_FALSE(registry->registerPlugIn(loose));
     EXPECT_NE(registry->plugInAtPath(loose)->uuid, record->uuid);
-    ASSERT_EQ(observer->uninstalled.size(), 1u);
-    EXPECT_EQ(observer->uninstalled[0]->uuid, record->uuid);
-
     ASSERT_FALSE(registry->unregisterPlugIn(loose + "/"));
     EXPECT_FALSE(registry->plugInAtPath(loose));
-    EXPECT_EQ(observer->uninstalled.size(), 2u);
-    registry.reset();
-    registry = open();
-    ASSERT_TRUE(registry);
-    EXPECT_TRUE(registry->allPlugIns().empty());
+    registry->waitForAnnouncements();
+    ASSERT_EQ(observer->uninstalled.size(), 2u);
+    EXPECT_EQ(observer->uninstalled[0]->uuid, record->uuid);
 
-    // A registered bundle that vanishes is uninstalled by the next scan.
+    // A registered bundle that vanishes is uninstalled by the next scan;
+    // unregistering works for a path whose bundle is already gone.
+    writePlugIn("Elsewhere/Loose.vext", "com.loose", "1", "p");
     ASSERT_FALSE(registry->registerPlugIn(loose));
     fs::remove_all(loose);
     registry->rescan();
     EXPECT_TRUE(registry->allPlugIns().empty());
-    // Unregistering works for a path whose bundle is already gone.
     writePlugIn("Elsewhere/Loose.vext", "com.loose", "1", "p");
     ASSERT_FALSE(registry->registerPlugIn(loose));
     fs::remove_all(loose);
     EXPECT_FALSE(registry->unregisterPlugIn(loose));
+    registry.reset();
+    registry = open();
+    ASSERT_TRUE(registry);
+    EXPECT_TRUE(registry->allPlugIns().empty());
 }
 
 TEST_F(LinuxApplicationRegistryTest, QueriesSelectByExtensionPointAndFilter)
@@ -381,37 +511,37 @@ TEST_F(LinuxApplicationRegistryTest, QueriesSelectByExtensionPointAndFilter)
         auto found = registry->queryPlugIns(q, filter);
         return found ? pathsOf(*found) : std::vector<std::string>{"<none>"};
     };
-    const std::vector<std::string> all{edit, other, share1, share2};
-    EXPECT_EQ(query(Value()), all);
-    EXPECT_EQ(query(Value::emptyDictionary()), all);
-    EXPECT_EQ(query(Value("com.share")), (std::vector<std::string>{"<none>"}));
+    using Paths = std::vector<std::string>;
+    const Paths all{edit, other, share1, share2};
+    const std::pair<Value, Paths> cases[] = {
+        {Value(), all},
+        {Value::emptyDictionary(), all},
+        {Value("com.share"), {"<none>"}},
+        {Value{{"KoExtensionPointIdentifier", Value("com.share")}}, {share1, share2}},
+        {Value{{"KoExtensionPointIdentifier", Value("=com.edit")}}, {edit}},
+        {Value{{"KoExtensionPointIdentifier", Value(Array{Value("com.share"), Value("com.edit"), Value("com.share")})}},
+         {edit, share1, share2}},
+        {Value{{"KoExtensionPointIdentifier", Value("com.none")}}, {}},
+        {Value{{"KoExtensionPointIdentifier", Value("com.share")}, {"KoExtensionIdentifier", Value("com.s2")}}, {share2}},
+        // Patterns the registry does not evaluate itself narrow nothing.
+        {Value{{"KoExtensionPointIdentifier", Value("<>com.share")}}, all},
+        {Value{{"KoExtensionPointIdentifier", Value(true)}, {"SomeAttribute", Value("x")}}, all},
+    };
+    for (const auto& [q, expected] : cases)
+        EXPECT_EQ(query(q), expected) << q.description();
 
-    EXPECT_EQ(query(Value{{"KoExtensionPointIdentifier", Value("com.share")}}),
-              (std::vector<std::string>{share1, share2}));
-    EXPECT_EQ(query(Value{{"KoExtensionPointIdentifier", Value("=com.edit")}}), (std::vector<std::string>{edit}));
-    EXPECT_EQ(query(Value{{"KoExtensionPointIdentifier", Value(Array{Value("com.share"), Value("com.edit"),
-                                                                     Value("com.share")})}}),
-              (std::vector<std::string>{edit, share1, share2}));
-    EXPECT_TRUE(query(Value{{"KoExtensionPointIdentifier", Value("com.none")}}).empty());
-    EXPECT_EQ(query(Value{{"KoExtensionPointIdentifier", Value("com.share")}, {"KoExtensionIdentifier", Value("com.s2")}}),
-              (std::vector<std::string>{share2}));
-    // Patterns the registry does not evaluate itself narrow nothing.
-    EXPECT_EQ(query(Value{{"KoExtensionPointIdentifier", Value("<>com.share")}}), all);
-    EXPECT_EQ(query(Value{{"KoExtensionPointIdentifier", Value(true)}, {"SomeAttribute", Value("x")}}), all);
-
-    // The filter sees each candidate record and decides.
+    // The filter sees only the candidates of the extension point, and decides.
     std::vector<std::string> seen;
-    auto kept = query(Value{{"KoExtensionPointIdentifier", Value("com.share")}},
-                      [&](const RegistryPlugInRecord& r) {
-                          seen.push_back(r.plugInIdentifier);
-                          return r.plugInIdentifier == "com.s1";
-                      });
-    EXPECT_EQ(kept, (std::vector<std::string>{share1}));
+    auto kept = query(Value{{"KoExtensionPointIdentifier", Value("com.share")}}, [&](const RegistryPlugInRecord& r) {
+        seen.push_back(r.plugInIdentifier);
+        return r.plugInIdentifier == "com.s1";
+    });
+    EXPECT_EQ(kept, (Paths{share1}));
     EXPECT_EQ(seen, (std::vector<std::string>{"com.s1", "com.s2"}));
 
     // The index follows changes.
     ASSERT_FALSE(registry->unregisterPlugIn(share1));
-    EXPECT_EQ(query(Value{{"KoExtensionPointIdentifier", Value("com.share")}}), (std::vector<std::string>{share2}));
+    EXPECT_EQ(query(Value{{"KoExtensionPointIdentifier", Value("com.share")}}), (Paths{share2}));
 }
 
 TEST_F(LinuxApplicationRegistryTest, DamagedStoreIsMovedAsideAndRebuilt)
@@ -466,6 +596,40 @@ TEST_F(LinuxApplicationRegistryTest, WatcherNoticesNewPlugIns)
     const std::string inB = writePlugIn("Applications/B.app/PlugIns/Late.vext", "com.late", "1", "p");
     ASSERT_TRUE(observer->waitForInstalls(2));
     EXPECT_TRUE(registry->plugInAtPath(inB));
+}
+
+// The daemon's database empties its cache and drops the registry's on its
+// own queue, and its uninstall callback waits for that queue: a purge queued
+// while the watcher's rescan announces an uninstall must still go through.
+TEST_F(LinuxApplicationRegistryTest, PurgeWhileTheWatcherRescansDoesNotDeadlock)
+{
+    const std::string plugIn = writePlugIn("System/Library/PlugIns/S.vext", "com.s", "1", "p");
+    writePlugIn("System/Library/PlugIns/T.vext", "com.t", "1", "p");
+    auto registry = open();
+    ASSERT_TRUE(registry);
+    auto databaseQueue = SerialQueue::create("TvDatabase");
+    std::atomic<bool> purgedInTime{false};
+    auto observer = std::make_shared<RecordingObserver>();
+    observer->onUninstall = [&] {
+        auto purged = std::make_shared<std::promise<void>>();
+        databaseQueue->async([&, purged] {
+            registry->dropCaches();
+            purged->set_value();
+        });
+        purgedInTime = purged->get_future().wait_for(std::chrono::seconds(3)) == std::future_status::ready;
+    };
+    registry->addObserver(observer);
+    ASSERT_FALSE(registry->startWatching(std::chrono::milliseconds(20)));
+
+    fs::remove_all(plugIn);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (observer->uninstalledCount() == 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    registry->waitForAnnouncements();
+    ASSERT_EQ(pathsOf(observer->uninstalled), (std::vector<std::string>{plugIn}));
+    EXPECT_TRUE(purgedInTime);
+    EXPECT_EQ(registry->allPlugIns().size(), 1u);
+    databaseQueue->sync([] {});
 }
 
 } // namespace
