@@ -180,7 +180,10 @@ bool TvdAnnotationStore::saveDb(TvError* error)
             *error = platform::posixError(EFBIG, "the annotation table is too large to save");
         return false;
     }
-    std::string document;
+    // The buffer is kept between saves: a fresh multi-megabyte string would
+    // be paged in anew every time.
+    std::string& document = document_;
+    document.clear();
     document.reserve(size);
     document.append(kDocumentHead);
     if (written_.empty()) {

@@ -125,6 +125,7 @@ private:
     // Each entry of `table_` as it is written in the file's "data"
     // dictionary, so that a save after one change serialises only that entry.
     std::map<std::string, std::string, std::less<>> written_;
+    std::string document_; // the last file written, reused as the next one's buffer
 };
 
 } // namespace tv
