@@ -4,6 +4,7 @@
 // store adds to the file system's cost of a durable replace. Files go to
 // $TVD_BENCH_DIR, else the system's temporary directory.
 #include "platform/containers/LinuxContainerService.h"
+#include "platform/formats/AtomicFile.h"
 #include "platform/formats/Vlist.h"
 #include "platform/persona/LinuxUserPersona.h"
 #include "tvd/TvdAnnotationStore.h"

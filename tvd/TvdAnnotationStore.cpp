@@ -4,6 +4,7 @@
 #include "platform/FileSystem.h"
 #include "platform/PosixError.h"
 #include "platform/containers/ContainerService.h"
+#include "platform/formats/AtomicFile.h"
 #include "platform/formats/Vlist.h"
 #include "platform/persona/UserPersona.h"
 #include "tvd/TvdTrace.h"

@@ -169,7 +169,7 @@ Result<std::string> serializeVlist(const Value& value)
 
 Result<std::string> serializeVlistEntry(std::string_view key, const Value& value, std::size_t depth)
 {
-    VlistWriter writer;
+    VlistSerializer writer;
     if (auto err = writer.writeEntry(key, value, depth + 1))
         return *err;
     return std::move(writer.out);

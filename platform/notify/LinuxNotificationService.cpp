@@ -2,7 +2,7 @@
 
 #include "platform/FileSystem.h"
 #include "platform/PosixError.h"
-#include "platform/formats/Vlist.h"
+#include "platform/formats/AtomicFile.h"
 
 #include <array>
 #include <atomic>
