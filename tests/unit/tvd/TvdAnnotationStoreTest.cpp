@@ -394,8 +394,9 @@ TEST_F(TvdAnnotationStoreTest, KilledWhileSavingNeverLeavesADamagedFile)
         progressed += sum > lastSeen;
         lastSeen = sum;
     }
-    EXPECT_GT(progressed, 10) << "the children saved too little to prove anything";
-    EXPECT_GE(kills, 50) << "too slow a machine to kill often enough";
+    // 200 kills on an idle machine; fewer when it is loaded or sanitised,
+    // but never so few that the test proves nothing.
+    EXPECT_GE(progressed, 20) << "the children saved too little to prove anything";
     std::cout << kills << " kills, " << progressed << " of them after progress\n";
     // The next start clears what the killed saves left behind.
     open();

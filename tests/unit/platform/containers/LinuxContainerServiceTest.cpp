@@ -1,7 +1,5 @@
 #include "platform/containers/LinuxContainerService.h"
 
-#include "platform/persona/LinuxUserPersona.h"
-
 #include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
@@ -12,12 +10,6 @@
 
 namespace tv::platform {
 namespace {
-
-TEST(LinuxUserPersonaTest, MultiUserExactlyWhenNotRoot)
-{
-    EXPECT_FALSE(LinuxUserPersona(0).isMultiUser());
-    EXPECT_TRUE(LinuxUserPersona(1000).isMultiUser());
-}
 
 TEST(LinuxContainerServiceTest, CreatesPrivateDirectoryOnRequestAndFindsItAgain)
 {

@@ -63,7 +63,6 @@ TEST(LinuxJobManagerTest, RemoveTakesEveryHostOfThatVersionAndAnswersOnTheQueue)
     jobs.removeExternalService("com.example.missing", "1", queue, [&](int r) { results.push_back(r); });
     queue->runUntilIdle();
     EXPECT_EQ(results, (std::vector<int>{0, ESRCH, ESRCH}));
-    EXPECT_EQ(ESRCH, 3);
 
     auto left = jobs.externalServices();
     ASSERT_EQ(left.size(), 2u);
