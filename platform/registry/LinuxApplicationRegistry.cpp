@@ -338,6 +338,14 @@ std::vector<std::string> LinuxApplicationRegistry::watchedDirectories() const
     std::vector<std::string> dirs(config_.applicationRoots.begin(), config_.applicationRoots.end());
     if (!config_.systemPlugInsDir.empty())
         dirs.push_back(config_.systemPlugInsDir);
+    // Every application directory, recorded or not: one whose Info.vlist
+    // arrives after its directory is recorded once the file lands.
+    for (const std::string& root : config_.applicationRoots)
+        for (std::string app : RegistryScanner::bundlesIn(root, ".app")) {
+            app = canonicalBundlePath(app);
+            dirs.push_back(app);
+            dirs.push_back(app + "/PlugIns");
+        }
     std::lock_guard lock(stateMutex_);
     for (const StoredApplication& app : stored_.applications) {
         dirs.push_back(app.path);

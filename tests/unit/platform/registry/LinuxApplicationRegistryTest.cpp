@@ -586,7 +586,10 @@ TEST_F(LinuxApplicationRegistryTest, WatcherNoticesNewPlugIns)
     ASSERT_TRUE(registry->plugInAtPath(inApp));
     EXPECT_EQ(registry->plugInAtPath(inApp)->containingApplication->bundlePath, files_.path("Applications/A.app"));
 
-    // An application installed later is followed too, down to its plug-ins.
+    // An application installed later is followed too, down to its plug-ins,
+    // even when its Info.vlist lands after the rescan its directory caused.
+    files_.makeDirectory("Applications/B.app");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     writeBundle("Applications/B.app", Value{{"KbBundleIdentifier", Value("com.b.app")}});
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     while (!registry->applicationAtPath(files_.path("Applications/B.app")) &&
