@@ -336,8 +336,22 @@ MaybeError LinuxApplicationRegistry::reconcile(const RegistryScanner::Scan& scan
 std::vector<std::string> LinuxApplicationRegistry::watchedDirectories() const
 {
     std::vector<std::string> dirs(config_.applicationRoots.begin(), config_.applicationRoots.end());
+    // Every application and plug-in bundle directory, recorded or not: a
+    // bundle whose Info.vlist arrives after its directory (and after the
+    // rescan the directory caused) is recorded once the file lands.
+    auto addPlugInsIn = [&](const std::string& dir) {
+        dirs.push_back(dir);
+        for (const std::string& plugIn : RegistryScanner::bundlesIn(dir, ".vext"))
+            dirs.push_back(canonicalBundlePath(plugIn));
+    };
     if (!config_.systemPlugInsDir.empty())
-        dirs.push_back(config_.systemPlugInsDir);
+        addPlugInsIn(config_.systemPlugInsDir);
+    for (const std::string& root : config_.applicationRoots)
+        for (std::string app : RegistryScanner::bundlesIn(root, ".app")) {
+            app = canonicalBundlePath(app);
+            dirs.push_back(app);
+            addPlugInsIn(app + "/PlugIns");
+        }
     std::lock_guard lock(stateMutex_);
     for (const StoredApplication& app : stored_.applications) {
         dirs.push_back(app.path);

@@ -40,10 +40,15 @@ std::optional<std::string> versionTextOf(const Value& value)
     return std::nullopt;
 }
 
-// The entries of `dir` whose names end with `suffix` and that are
-// directories (following symbolic links), in name order. A missing or
-// unreadable directory has none.
-std::vector<std::string> bundlesIn(const std::string& dir, std::string_view suffix)
+} // namespace
+
+RegistryScanner::RegistryScanner(const PlatformConfig& config, std::shared_ptr<BundleService> bundles,
+                                 std::shared_ptr<CodeSigningService> codeSigning)
+    : config_(config), bundles_(std::move(bundles)), codeSigning_(std::move(codeSigning))
+{
+}
+
+std::vector<std::string> RegistryScanner::bundlesIn(const std::string& dir, std::string_view suffix)
 {
     std::vector<std::string> found;
     std::error_code ec;
@@ -60,14 +65,6 @@ std::vector<std::string> bundlesIn(const std::string& dir, std::string_view suff
     }
     std::sort(found.begin(), found.end());
     return found;
-}
-
-} // namespace
-
-RegistryScanner::RegistryScanner(const PlatformConfig& config, std::shared_ptr<BundleService> bundles,
-                                 std::shared_ptr<CodeSigningService> codeSigning)
-    : config_(config), bundles_(std::move(bundles)), codeSigning_(std::move(codeSigning))
-{
 }
 
 std::string RegistryScanner::canonicalBundlePath(const std::string& pathOrUrl)

@@ -28,6 +28,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tv::platform {
@@ -59,6 +60,10 @@ public:
     // not a plug-in bundle.
     std::optional<StoredPlugIn> readPlugIn(const Candidate& candidate, std::string* whyNot) const;
 
+    // The entries of `dir` whose names end with `suffix` and that are
+    // directories (following symbolic links), in name order. A missing or
+    // unreadable directory has none.
+    static std::vector<std::string> bundlesIn(const std::string& dir, std::string_view suffix);
     // The canonical form in which bundle locations are compared: "file://"
     // stripped, made absolute, symbolic links resolved as far as the path
     // exists, no trailing "/". Empty for an empty text.

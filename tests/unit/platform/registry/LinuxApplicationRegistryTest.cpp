@@ -581,12 +581,18 @@ TEST_F(LinuxApplicationRegistryTest, WatcherNoticesNewPlugIns)
     registry->addObserver(observer);
     ASSERT_FALSE(registry->startWatching(std::chrono::milliseconds(20)));
 
+    // A bundle is followed even when its Info.vlist lands after the rescan
+    // its directory caused.
+    files_.makeDirectory("Applications/A.app/PlugIns/New.vext");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     const std::string inApp = writePlugIn("Applications/A.app/PlugIns/New.vext", "com.new", "1", "p");
     ASSERT_TRUE(observer->waitForInstalls(1));
     ASSERT_TRUE(registry->plugInAtPath(inApp));
     EXPECT_EQ(registry->plugInAtPath(inApp)->containingApplication->bundlePath, files_.path("Applications/A.app"));
 
-    // An application installed later is followed too, down to its plug-ins.
+    // So is an application, down to its plug-ins.
+    files_.makeDirectory("Applications/B.app");
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
     writeBundle("Applications/B.app", Value{{"KbBundleIdentifier", Value("com.b.app")}});
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     while (!registry->applicationAtPath(files_.path("Applications/B.app")) &&
