@@ -9,6 +9,7 @@
 #include "platform/process/LinuxProcessInfo.h"
 #include "platform/lifecycle/LinuxServiceLifecycle.h"
 #include "platform/ipc/LinuxVynService.h"
+#include "tvd/TvdPlugIn.h"
 #include "tvd/TvdServer.h"
 
 namespace tv {
@@ -29,6 +30,7 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
         return makeError(4, "the application registry cannot watch for installs: " + error->localizedDescription());
 
     TvBundle::setBundleService(bundles);
+    TvdPlugIn::setSystemVolumeRoot(config.systemVolumeRoot);
     TvPlugInCore::setSdkRegistry(std::make_shared<platform::LinuxExtensionSdkRegistry>(config.sdkDir));
 
     TvdPlatform platform;
