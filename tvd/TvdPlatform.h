@@ -25,6 +25,13 @@ struct TvdPlatform {
     std::shared_ptr<platform::ProcessInfo> processInfo;
     std::shared_ptr<platform::CodeSigningService> codeSigning;
     std::shared_ptr<platform::ApplicationRegistry> applicationRegistry;
+    // The job manager's removal of every launch registration of a bundle
+    // identifier at a version: the completion runs on the given queue with 0
+    // (something was on record), 3 (ESRCH: nothing was) or another errno.
+    // Null: no registrations are kept, so nothing is ever on record.
+    std::function<void(const std::string& bundleIdentifier, const std::string& bundleVersion,
+                       std::shared_ptr<SerialQueue> queue, std::function<void(int result)> completion)>
+        removeExternalService;
 
     // Makes the server's queues. Tests hand in manual queues to drive them
     // deterministically; the default makes threaded ones.

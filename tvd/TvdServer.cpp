@@ -4,6 +4,7 @@
 #include "platform/ipc/VynService.h"
 #include "tvd/TvdVynClient.h"
 
+#include <cerrno>
 #include <mutex>
 
 namespace tv {
@@ -75,9 +76,21 @@ void TvdServer::submitWork(std::function<void()> work)
 
 void TvdServer::removedPlugIns(const std::vector<platform::RegistryPlugInRecordPtr>& plugIns)
 {
+    auto completion = [](int result) {
+        if (result == 0)
+            TvLog::ops().debug("jobd reported plug-ins have been terminated");
+        else if (result == ESRCH)
+            TvLog::ops().debug("jobd reported no plug-ins on record");
+        else
+            TvLog::ops().info("jobd error attempting to terminate plug-ins: error=%d", result);
+    };
     for (const auto& p : plugIns) {
         TvLog::ops().debug("requesting jobd termination of plug-in: %s(%s) %{public}@", p->bundleIdentifier,
                            p->bundleVersion, p->uuid.string());
+        if (platform_.removeExternalService)
+            platform_.removeExternalService(p->bundleIdentifier, p->bundleVersion, mainQueue_, completion);
+        else
+            mainQueue_->async([completion] { completion(ESRCH); });
     }
 }
 

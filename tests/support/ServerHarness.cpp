@@ -21,6 +21,12 @@ ServerHarness::ServerHarness()
         queues[label] = q;
         return q;
     };
+    platform.removeExternalService = [this](const std::string& identifier, const std::string& version,
+                                            std::shared_ptr<SerialQueue> queue, std::function<void(int)> done) {
+        int result = jobRemovals.size() < jobResults.size() ? jobResults[jobRemovals.size()] : 3;
+        jobRemovals.emplace_back(identifier, version);
+        queue->async([done, result] { done(result); });
+    };
     server = TvdServer::initForServiceDatabase("/tmp/test.sock", nullptr, platform);
     if (!server)
         throw std::runtime_error("server construction failed");

@@ -31,6 +31,10 @@ public:
     std::shared_ptr<FakeCodeSigningService> codeSigning = std::make_shared<FakeCodeSigningService>();
     std::shared_ptr<FakeApplicationRegistry> registry = std::make_shared<FakeApplicationRegistry>();
     std::map<std::string, std::shared_ptr<SerialQueue>> queues;
+    // The job manager's removals asked for (bundle identifier, version), and
+    // the results their completions get, in order (3 once they run out).
+    std::vector<std::pair<std::string, std::string>> jobRemovals;
+    std::vector<int> jobResults;
     std::shared_ptr<TvdServer> server;
 
 private:
