@@ -92,7 +92,7 @@ Platform& sharedPlatform()
 
 std::shared_ptr<TvDatabase> freshDatabase(std::uint32_t limit)
 {
-    auto db = TvDatabase::initWithDatabase(nullptr, sharedPlatform().registry);
+    auto db = TvDatabase::initWithDatabase((sharedPlatform().root + "/Annotations").c_str(), sharedPlatform().registry);
     db->setCacheLimit(limit);
     return db;
 }

@@ -24,6 +24,7 @@ PlatformConfig PlatformConfig::defaults()
     c.sdkDir = "/System/Library/ExtensionSDKs";
     c.typesDir = "/System/Library/Types";
     c.entitlementsDropInDir = "/etc/tvd/entitlements.d";
+    c.globalAnnotationsFile = "/var/db/Tarvik-Annotations";
     if (::geteuid() == 0) {
         c.socketDir = "/run/vyn";
         c.runtimeDir = "/run/tvd";
@@ -138,6 +139,8 @@ Result<PlatformConfig> PlatformConfig::parse(std::string_view text, const std::s
             c.containersRoot = absolute(value);
         else if (key == "preferences_dir")
             c.preferencesDir = absolute(value);
+        else if (key == "global_annotations")
+            c.globalAnnotationsFile = absolute(value);
         else if (key == "sdk_dir")
             c.sdkDir = absolute(value);
         else if (key == "types_dir")

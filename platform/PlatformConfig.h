@@ -45,6 +45,7 @@ struct PlatformConfig {
     std::string registryDatabase;              // application registry (SQLite)
     std::string containersRoot;                // data containers
     std::string preferencesDir;                // one vlist per preferences domain
+    std::string globalAnnotationsFile;         // the device-wide annotation file (single-user mode)
     std::string sdkDir;                        // extension SDKs: <identifier>.vlist
     std::string typesDir;                      // type declarations
     std::string privacyGrantsFile;             // privacy-consent grants

@@ -1,6 +1,7 @@
 #include "tvd/TvDatabase.h"
 
 #include "Tarvik/TvLog.h"
+#include "platform/notify/NotificationService.h"
 #include "tvd/TvdPlugIn.h"
 
 namespace tv {
@@ -12,22 +13,30 @@ constexpr const char* kAutoElectEntitlement = "com.veltra.developer.auto-elect-p
 } // namespace
 
 std::shared_ptr<TvDatabase> TvDatabase::initWithDatabase(const char* location,
-                                                         std::shared_ptr<platform::ApplicationRegistry> workspace)
+                                                         std::shared_ptr<platform::ApplicationRegistry> workspace,
+                                                         TvdAnnotationStore::Services store,
+                                                         std::shared_ptr<platform::NotificationService> notifications)
 {
     std::shared_ptr<TvDatabase> db(new TvDatabase());
-    if (!db->setupWithDatabase(location, std::move(workspace), db))
+    if (!db->setupWithDatabase(location, std::move(workspace), db, std::move(store), std::move(notifications)))
         return nullptr;
     return db;
 }
 
 bool TvDatabase::setupWithDatabase(const char* location, std::shared_ptr<platform::ApplicationRegistry> workspace,
-                                   std::weak_ptr<platform::ApplicationRegistryObserver> self)
+                                   std::weak_ptr<platform::ApplicationRegistryObserver> self,
+                                   TvdAnnotationStore::Services store,
+                                   std::shared_ptr<platform::NotificationService> notifications)
 {
     if (!workspace)
         return false;
     workspace_ = std::move(workspace);
     if (location)
         location_ = std::string(location);
+    annotations_ = TvdAnnotationStore::initWithDatabase(location_, std::move(store));
+    if (!annotations_)
+        return false;
+    notifications_ = std::move(notifications);
     sync_ = SerialQueue::create("TvDatabase");
     workspace_->addObserver(std::move(self));
     return true;
@@ -129,10 +138,38 @@ std::size_t TvDatabase::cachedCount()
     return count;
 }
 
+Value TvDatabase::annotationForPlugIn(const TvdPlugIn& plugIn)
+{
+    Value result;
+    sync_->sync([&] { result = annotations_->annotationForPlugIn(plugIn); });
+    return result;
+}
+
+void TvDatabase::setAnnotationForPlugIn(const Value& annotation, const TvdPlugIn& plugIn)
+{
+    sync_->sync([&] { annotations_->setAnnotationForPlugIn(annotation, plugIn); });
+}
+
+void TvDatabase::notifyAnnotationChange()
+{
+    if (!notifications_)
+        return;
+    if (auto error = notifications_->post(kAnnotationChangeNotification))
+        TvLog::ops().error("unable to post %{public}s: %{public}@", kAnnotationChangeNotification,
+                           error->localizedDescription());
+}
+
 void TvDatabase::autoElect(TvdPlugIn& plugIn)
 {
     sync_->assertCurrent("TvDatabase::autoElect");
-    (void)plugIn;
+    Value annotation = annotations_->annotationForPlugIn(plugIn);
+    if (!annotation.isDictionary())
+        annotation = Value(Dictionary{});
+    // An existing choice, whatever it is, stands.
+    const Value& election = annotation["election"];
+    if ((election.asInt() && *election.asInt() != 0) || (election.asUInt() && *election.asUInt() != 0))
+        return;
+    annotations_->setAnnotationForPlugIn(annotation.with("election", Value(std::int64_t{1})), plugIn);
 }
 
 void TvDatabase::pluginsDidInstall(const std::vector<platform::RegistryPlugInRecordPtr>& plugIns)

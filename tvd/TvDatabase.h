@@ -13,7 +13,10 @@
 // own caches), so the cache never holds more than cacheLimit + 1 records.
 // There is no partial eviction.
 //
-// Queue: the serial queue "TvDatabase" guards the cache. plugInForProxy(),
+// It owns the annotation store and is the only way to it; every use of the
+// store runs on the database queue.
+//
+// Queue: the serial queue "TvDatabase" guards the cache and the store. plugInForProxy(),
 // findPlugIn() and the cache part of pluginsWillUninstall() enter it
 // synchronously; createPlugInForProxy(), purgeCachesToLimit() run only on it
 // and check that they do. Entering it from work already on it is refused as
@@ -29,6 +32,7 @@
 #include "base/Uuid.h"
 #include "base/Value.h"
 #include "platform/registry/ApplicationRegistry.h"
+#include "tvd/TvdAnnotationStore.h"
 
 #include <atomic>
 #include <cstdint>
@@ -40,6 +44,13 @@
 
 namespace tv {
 
+namespace platform {
+class NotificationService;
+}
+
+// Posted whenever annotations or holds change.
+inline constexpr const char* kAnnotationChangeNotification = "com.veltra.tarvik.annotation-change";
+
 class TvDatabaseDelegate;
 class TvdPlugIn;
 
@@ -48,9 +59,13 @@ public:
     ~TvDatabase() override = default;
 
     // A database over `workspace` whose annotation file lives at `location`
-    // (null: the default location). Null when the database cannot be set up.
-    static std::shared_ptr<TvDatabase> initWithDatabase(const char* location,
-                                                        std::shared_ptr<platform::ApplicationRegistry> workspace);
+    // (null: the default location, found through `store`), posting the
+    // annotation-change notification through `notifications` (null: not
+    // posted). Null when the database cannot be set up.
+    static std::shared_ptr<TvDatabase> initWithDatabase(
+        const char* location, std::shared_ptr<platform::ApplicationRegistry> workspace,
+        TvdAnnotationStore::Services store = {},
+        std::shared_ptr<platform::NotificationService> notifications = nullptr);
 
     // --- Records ------------------------------------------------------------
 
@@ -82,6 +97,17 @@ public:
     // registry's notification.
     MaybeError addPlugIn(const Value& url);
     MaybeError removePlugIn(const Value& url);
+
+    // --- Annotations ----------------------------------------------------------
+
+    // The stored annotation of the plug-in (under its annotation key), or null.
+    Value annotationForPlugIn(const TvdPlugIn& plugIn);
+    // Stores `annotation` merged over the plug-in's entry (null removes the
+    // entry) and saves; a failed save is logged by the store, never returned.
+    void setAnnotationForPlugIn(const Value& annotation, const TvdPlugIn& plugIn);
+    // Posts "com.veltra.tarvik.annotation-change". Neither annotation
+    // operation posts it: the request handlers do, once per request.
+    void notifyAnnotationChange();
 
     // Stores "election" 1 in the plug-in's annotation unless it already
     // holds a non-zero "election". REQUIRES: on the database queue.
@@ -115,13 +141,17 @@ protected:
     // The failable part of construction, shared with subclasses. `self` is
     // this database, registered (weakly) as the registry's observer.
     bool setupWithDatabase(const char* location, std::shared_ptr<platform::ApplicationRegistry> workspace,
-                           std::weak_ptr<platform::ApplicationRegistryObserver> self);
+                           std::weak_ptr<platform::ApplicationRegistryObserver> self,
+                           TvdAnnotationStore::Services store,
+                           std::shared_ptr<platform::NotificationService> notifications);
 
 private:
     std::atomic<std::weak_ptr<TvDatabaseDelegate>> delegate_;
     std::atomic<std::uint32_t> cacheLimit_{0};
     std::optional<std::string> location_;
     std::shared_ptr<platform::ApplicationRegistry> workspace_;
+    std::shared_ptr<platform::NotificationService> notifications_;
+    std::unique_ptr<TvdAnnotationStore> annotations_; // only on sync_
     std::shared_ptr<SerialQueue> sync_;
     std::unordered_map<Uuid, std::shared_ptr<TvdPlugIn>> cache_; // only on sync_
 };

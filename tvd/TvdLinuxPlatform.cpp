@@ -2,6 +2,11 @@
 
 #include "Tarvik/TvBundle.h"
 #include "Tarvik/TvPlugInCore.h"
+#include "platform/containers/LinuxContainerService.h"
+#include "platform/jobs/LinuxJobManager.h"
+#include "platform/notify/LinuxNotificationService.h"
+#include "platform/persona/LinuxUserPersona.h"
+#include "platform/preferences/LinuxPreferencesService.h"
 #include "platform/registry/LinuxApplicationRegistry.h"
 #include "platform/process/LinuxBundleService.h"
 #include "platform/security/LinuxCodeSigningService.h"
@@ -38,6 +43,12 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
     platform.processInfo = processInfo;
     platform.codeSigning = codeSigning;
     platform.applicationRegistry = *registry;
+    platform.userPersona = std::make_shared<platform::LinuxUserPersona>();
+    platform.containers = std::make_shared<platform::LinuxContainerService>(config.containersRoot);
+    platform.globalAnnotationsFile = config.globalAnnotationsFile;
+    platform.preferences = std::make_shared<platform::LinuxPreferencesService>(config.preferencesDir);
+    platform.notifications = std::make_shared<platform::LinuxNotificationService>(config.runtimeDir);
+    platform.jobManager = std::make_shared<platform::LinuxJobManager>();
     platform.runMainLoop = [config, vyn](TvdServer& server) {
         platform::LinuxServiceLifecycle lifecycle(
             config, vyn, server.mainQueue(),

@@ -18,6 +18,11 @@ class VynService;
 class ProcessInfo;
 class CodeSigningService;
 class ApplicationRegistry;
+class UserPersona;
+class ContainerService;
+class PreferencesService;
+class NotificationService;
+class JobManager;
 } // namespace platform
 
 struct TvdPlatform {
@@ -25,13 +30,17 @@ struct TvdPlatform {
     std::shared_ptr<platform::ProcessInfo> processInfo;
     std::shared_ptr<platform::CodeSigningService> codeSigning;
     std::shared_ptr<platform::ApplicationRegistry> applicationRegistry;
-    // The job manager's removal of every launch registration of a bundle
-    // identifier at a version: the completion runs on the given queue with 0
-    // (something was on record), 3 (ESRCH: nothing was) or another errno.
-    // Null: no registrations are kept, so nothing is ever on record.
-    std::function<void(const std::string& bundleIdentifier, const std::string& bundleVersion,
-                       std::shared_ptr<SerialQueue> queue, std::function<void(int result)> completion)>
-        removeExternalService;
+    // The annotation store's: who the daemon serves, the user's containers,
+    // and the device-wide annotation file (see TvdAnnotationStore).
+    std::shared_ptr<platform::UserPersona> userPersona;
+    std::shared_ptr<platform::ContainerService> containers;
+    std::string globalAnnotationsFile = "/var/db/Tarvik-Annotations";
+    // The daemon's preferences domain (TvdUserPrefs).
+    std::shared_ptr<platform::PreferencesService> preferences;
+    // The annotation-change broadcast.
+    std::shared_ptr<platform::NotificationService> notifications;
+    // Plug-in launch registrations ("jobd").
+    std::shared_ptr<platform::JobManager> jobManager;
 
     // Makes the server's queues. Tests hand in manual queues to drive them
     // deterministically; the default makes threaded ones.

@@ -2,6 +2,8 @@
 
 #include "Tarvik/TvLog.h"
 #include "platform/ipc/VynService.h"
+#include "platform/jobs/JobManager.h"
+#include "tvd/TvdUserPrefs.h"
 #include "tvd/TvdVynClient.h"
 
 #include <cerrno>
@@ -18,8 +20,13 @@ std::shared_ptr<TvdServer> TvdServer::initForServiceDatabase(const char* service
                                                              TvdPlatform platform)
 {
     std::shared_ptr<TvdServer> server(new TvdServer(std::move(platform)));
+    TvdAnnotationStore::Services store;
+    store.persona = server->platform_.userPersona;
+    store.containers = server->platform_.containers;
+    store.globalPath = server->platform_.globalAnnotationsFile;
     if (!server->setupWithDatabase(database, server->platform_.applicationRegistry,
-                                   std::weak_ptr<platform::ApplicationRegistryObserver>(server)))
+                                   std::weak_ptr<platform::ApplicationRegistryObserver>(server), std::move(store),
+                                   server->platform_.notifications))
         return nullptr;
     server->serviceName_ = serviceName ? serviceName : "";
 
@@ -49,6 +56,7 @@ std::shared_ptr<TvdServer> TvdServer::initForServiceDatabase(const char* service
         if (auto s = weak.lock())
             s->acceptConnection(connection);
     });
+    server->setUserPrefs(TvdUserPrefs::init(server->platform_.preferences));
     return server;
 }
 
@@ -87,8 +95,8 @@ void TvdServer::removedPlugIns(const std::vector<platform::RegistryPlugInRecordP
     for (const auto& p : plugIns) {
         TvLog::ops().debug("requesting jobd termination of plug-in: %s(%s) %{public}@", p->bundleIdentifier,
                            p->bundleVersion, p->uuid.string());
-        if (platform_.removeExternalService)
-            platform_.removeExternalService(p->bundleIdentifier, p->bundleVersion, mainQueue_, completion);
+        if (platform_.jobManager)
+            platform_.jobManager->removeExternalService(p->bundleIdentifier, p->bundleVersion, mainQueue_, completion);
         else
             mainQueue_->async([completion] { completion(ESRCH); });
     }

@@ -31,6 +31,7 @@ class VynConnection;
 
 class TvdVynClient;
 class TvdPlugInHold;
+class TvdUserPrefs;
 
 class TvdServer final : public TvDatabase,
                         public TvDatabaseDelegate,
@@ -70,6 +71,9 @@ public:
     const std::shared_ptr<SerialQueue>& syncQueue() const { return syncQueue_; }
     const std::shared_ptr<platform::VynListener>& service() const { return service_; }
     const TvdPlatform& platform() const { return platform_; }
+    // The daemon's preferences (global exclusions), made last at construction.
+    std::shared_ptr<TvdUserPrefs> userPrefs() const { return userPrefs_.load(); }
+    void setUserPrefs(std::shared_ptr<TvdUserPrefs> prefs) { userPrefs_.store(std::move(prefs)); }
     const std::string& serviceName() const { return serviceName_; }
 
 private:
@@ -82,6 +86,7 @@ private:
     std::shared_ptr<SerialQueue> vynQueue_;
     std::shared_ptr<SerialQueue> mainQueue_;
     std::shared_ptr<platform::VynListener> service_;
+    std::atomic<std::shared_ptr<TvdUserPrefs>> userPrefs_;
     std::vector<std::shared_ptr<TvdPlugInHold>> holds_; // only on syncQueue_
     std::shared_ptr<SerialQueue> syncQueue_;
 };

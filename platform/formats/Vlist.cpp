@@ -446,17 +446,22 @@ public:
                 return std::nullopt;
             }
             line(depth, "<dict>");
-            for (const auto& [key, value] : entries) {
-                if (auto err = escapedLeaf(depth + 1, "key", key))
+            for (const auto& [key, value] : entries)
+                if (auto err = writeEntry(key, value, depth + 1))
                     return err;
-                if (auto err = write(value, depth + 1))
-                    return err;
-            }
             line(depth, "</dict>");
             return std::nullopt;
         }
         }
         return formatError("cannot write a value of unknown kind");
+    }
+
+    // A dictionary entry whose key and value sit at `depth`.
+    MaybeError writeEntry(std::string_view key, const Value& value, std::size_t depth)
+    {
+        if (auto err = escapedLeaf(depth, "key", key))
+            return err;
+        return write(value, depth);
     }
 
     std::string out;
@@ -595,6 +600,14 @@ Result<std::string> serializeVlist(const Value& value)
     if (auto err = writer.write(value, 1))
         return *err;
     writer.out += "</vlist>\n";
+    return std::move(writer.out);
+}
+
+Result<std::string> serializeVlistEntry(std::string_view key, const Value& value, std::size_t depth)
+{
+    VlistWriter writer;
+    if (auto err = writer.writeEntry(key, value, depth + 1))
+        return *err;
     return std::move(writer.out);
 }
 

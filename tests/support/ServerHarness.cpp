@@ -21,12 +21,9 @@ ServerHarness::ServerHarness()
         queues[label] = q;
         return q;
     };
-    platform.removeExternalService = [this](const std::string& identifier, const std::string& version,
-                                            std::shared_ptr<SerialQueue> queue, std::function<void(int)> done) {
-        int result = jobRemovals.size() < jobResults.size() ? jobResults[jobRemovals.size()] : 3;
-        jobRemovals.emplace_back(identifier, version);
-        queue->async([done, result] { done(result); });
-    };
+    platform.jobManager = jobManager;
+    // No annotation file of the machine is read or written by tests.
+    platform.globalAnnotationsFile = "/nonexistent/tvd-test/Tarvik-Annotations";
     server = TvdServer::initForServiceDatabase("/tmp/test.sock", nullptr, platform);
     if (!server)
         throw std::runtime_error("server construction failed");

@@ -121,6 +121,7 @@ TestDaemon::TestDaemon(std::vector<std::string> extraConfig)
          << "registry_database = " << dir_.file("registry.sqlite") << "\n"
          << "containers_root = " << dir_.file("containers") << "\n"
          << "preferences_dir = " << dir_.file("preferences") << "\n"
+         << "global_annotations = " << dir_.file("Tarvik-Annotations") << "\n"
          << "privacy_grants = " << dir_.file("privacy-grants.vlist") << "\n"
          << "entitlements_dir = " << dir_.file("entitlements.d") << "\n";
     for (const auto& line : extraConfig)

@@ -4,6 +4,9 @@
 #include "tests/support/FakeApplicationRegistry.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RegistryRecords.h"
+#include "tests/support/TestDaemon.h"
+#include "platform/notify/LinuxNotificationService.h"
+#include "platform/formats/Vlist.h"
 #include "tvd/TvdPlugIn.h"
 
 #include <gtest/gtest.h>
@@ -31,7 +34,7 @@ protected:
     void SetUp() override
     {
         TvdPlugIn::setSystemVolumeRoot("/System");
-        db = TvDatabase::initWithDatabase(nullptr, registry);
+        db = TvDatabase::initWithDatabase(dir.file("Annotations").c_str(), registry, {}, notifications);
         ASSERT_TRUE(db);
     }
     RegistryPlugInRecordPtr add(const std::string& path = "")
@@ -42,6 +45,9 @@ protected:
         return r;
     }
 
+    test::TempDir dir;
+    std::shared_ptr<platform::LinuxNotificationService> notifications =
+        std::make_shared<platform::LinuxNotificationService>(dir.path());
     std::shared_ptr<test::FakeApplicationRegistry> registry = std::make_shared<test::FakeApplicationRegistry>();
     std::shared_ptr<TvDatabase> db;
     int next_ = 0;
@@ -186,6 +192,49 @@ TEST_F(TvDatabaseTest, TheDatabaseQueueIsNotReEntrant)
     EXPECT_THROW(db->purgeCachesToLimit(0), TvInternalInconsistency);
     EXPECT_THROW(db->syncQueue()->sync([&] { db->findPlugIn(r->uuid); }), TvInternalInconsistency);
     EXPECT_EQ(db->cachedCount(), 0u);
+}
+
+TEST_F(TvDatabaseTest, AutoElectionStoresAChoiceOnlyWhereNoneStandsAndPostsNothing)
+{
+    db->setCacheLimit(100);
+    struct Case {
+        const char* identifier;
+        Value stored;   // the annotation before the record is built
+        Value expected; // "election" after
+    };
+    const Case cases[] = {
+        {"com.example.fresh", Value(), Value(std::int64_t{1})},
+        {"com.example.unchosen", Value{{"election", Value(std::int64_t{0})}, {"extension", Value{{"k", "v"}}}},
+         Value(std::int64_t{1})},
+        {"com.example.chosen", Value{{"election", Value(std::int64_t{2})}}, Value(std::int64_t{2})},
+        {"com.example.unsigned", Value{{"election", Value(std::uint64_t{5})}}, Value(std::uint64_t{5})},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.identifier);
+        auto r = test::makePlugInRecord(std::string("/apps/A.app/PlugIns/") + c.identifier + ".vext", c.identifier);
+        r->entitlements = Value{{"com.veltra.developer.auto-elect-plugin", Value("yes")}};
+        registry->plugIns.push_back(r);
+        auto unbuilt = TvdPlugIn::initWithRSData(r);
+        if (!c.stored.isNull())
+            db->setAnnotationForPlugIn(c.stored, *unbuilt);
+        auto plugIn = db->findPlugIn(r->uuid);
+        ASSERT_TRUE(plugIn);
+        EXPECT_EQ(db->annotationForPlugIn(*plugIn)["election"], c.expected);
+    }
+    // The unchosen one kept its other keys; the choice is in the file.
+    Value file = *platform::readVlistFile(dir.file("Annotations"));
+    EXPECT_EQ(file["data"]["com.example.unchosen"]["extension"], (Value{{"k", "v"}}));
+    EXPECT_EQ(file["data"]["com.example.fresh"]["election"], Value(std::int64_t{1}));
+    EXPECT_EQ(notifications->state(kAnnotationChangeNotification), 0u);
+
+    // Without the entitlement nothing is stored.
+    auto plain = add();
+    ASSERT_TRUE(db->findPlugIn(plain->uuid));
+    EXPECT_TRUE(db->annotationForPlugIn(*db->findPlugIn(plain->uuid)).isNull());
+
+    db->notifyAnnotationChange();
+    db->notifyAnnotationChange();
+    EXPECT_EQ(notifications->state(kAnnotationChangeNotification), 2u);
 }
 
 } // namespace

@@ -89,16 +89,16 @@ namespace {
 TEST(TvdServerRegistryTest, UninstalledPlugInsAreTakenOffTheJobManagerInListOrder)
 {
     test::ServerHarness h;
-    h.jobResults = {0, 3, 5};
+    h.jobManager->results = {0, 3, 5};
     std::vector<platform::RegistryPlugInRecordPtr> records;
     for (const char* id : {"com.example.a", "com.example.b", "com.example.c"})
         records.push_back(test::makePlugInRecord(std::string("/apps/A.app/PlugIns/") + id + ".vext", id));
 
     test::LogCapture log;
     h.registry->notifyUninstall(records);
-    ASSERT_EQ(h.jobRemovals.size(), 3u);
-    EXPECT_EQ(h.jobRemovals[0], (std::pair<std::string, std::string>{"com.example.a", "1"}));
-    EXPECT_EQ(h.jobRemovals[2].first, "com.example.c");
+    ASSERT_EQ(h.jobManager->removals.size(), 3u);
+    EXPECT_EQ(h.jobManager->removals[0], (std::pair<std::string, std::string>{"com.example.a", "1"}));
+    EXPECT_EQ(h.jobManager->removals[2].first, "com.example.c");
     EXPECT_EQ(log.count("requesting jobd termination of plug-in: com.example.b(1) " + records[1]->uuid.string()), 1u);
     // The completions run on the "service" queue, not before.
     EXPECT_EQ(log.countContaining("jobd reported"), 0u);

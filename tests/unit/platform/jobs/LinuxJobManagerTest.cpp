@@ -1,0 +1,75 @@
+#include "platform/jobs/LinuxJobManager.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+namespace tv::platform {
+namespace {
+
+ExternalService service(pid_t pid, std::string id, std::string version, std::string exe = "/apps/P.vext/p")
+{
+    return ExternalService{pid, std::move(id), std::move(version), std::move(exe), Value{{"_SandboxProfile", "x"}}};
+}
+
+TEST(LinuxJobManagerTest, AddRefusesMalformedRegistrationsWithErrno)
+{
+    LinuxJobManager jobs;
+    struct Case {
+        const char* name;
+        ExternalService service;
+        int expected;
+    };
+    ExternalService notDictionary = service(10, "com.example.p", "1");
+    notDictionary.launchDescription = Value(Array{});
+    const Case cases[] = {
+        {"valid", service(10, "com.example.p", "1"), 0},
+        {"pid zero", service(0, "com.example.p", "1"), EINVAL},
+        {"negative pid", service(-4, "com.example.p", "1"), EINVAL},
+        {"no identifier", service(10, "", "1"), EINVAL},
+        {"relative executable", service(10, "com.example.p", "1", "p"), EINVAL},
+        {"description not a dictionary", notDictionary, EINVAL},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(jobs.addExternalService(c.service), c.expected) << c.name;
+    EXPECT_EQ(jobs.externalServices().size(), 1u);
+}
+
+TEST(LinuxJobManagerTest, SameKeyReplacesAndTheTableIsBounded)
+{
+    LinuxJobManager jobs(2);
+    ASSERT_EQ(jobs.addExternalService(service(10, "com.example.p", "1", "/old")), 0);
+    ASSERT_EQ(jobs.addExternalService(service(10, "com.example.p", "1", "/new")), 0);
+    ASSERT_EQ(jobs.externalServices().size(), 1u);
+    EXPECT_EQ(jobs.externalServices()[0].executablePath, "/new");
+    ASSERT_EQ(jobs.addExternalService(service(11, "com.example.p", "1")), 0);
+    EXPECT_EQ(jobs.addExternalService(service(12, "com.example.p", "1")), ENOSPC);
+    EXPECT_EQ(jobs.addExternalService(service(10, "com.example.p", "1")), 0) << "replacing needs no room";
+}
+
+TEST(LinuxJobManagerTest, RemoveTakesEveryHostOfThatVersionAndAnswersOnTheQueue)
+{
+    LinuxJobManager jobs;
+    ASSERT_EQ(jobs.addExternalService(service(10, "com.example.p", "1")), 0);
+    ASSERT_EQ(jobs.addExternalService(service(11, "com.example.p", "1")), 0);
+    ASSERT_EQ(jobs.addExternalService(service(10, "com.example.p", "2")), 0);
+    ASSERT_EQ(jobs.addExternalService(service(10, "com.example.q", "1")), 0);
+
+    auto queue = SerialQueue::createManual("service");
+    std::vector<int> results;
+    jobs.removeExternalService("com.example.p", "1", queue, [&](int r) { results.push_back(r); });
+    EXPECT_TRUE(results.empty()) << "the completion runs on the queue, not inline";
+    jobs.removeExternalService("com.example.p", "1", queue, [&](int r) { results.push_back(r); });
+    jobs.removeExternalService("com.example.missing", "1", queue, [&](int r) { results.push_back(r); });
+    queue->runUntilIdle();
+    EXPECT_EQ(results, (std::vector<int>{0, ESRCH, ESRCH}));
+    EXPECT_EQ(ESRCH, 3);
+
+    auto left = jobs.externalServices();
+    ASSERT_EQ(left.size(), 2u);
+    EXPECT_EQ(left[0].bundleVersion, "2");
+    EXPECT_EQ(left[1].bundleIdentifier, "com.example.q");
+}
+
+} // namespace
+} // namespace tv::platform

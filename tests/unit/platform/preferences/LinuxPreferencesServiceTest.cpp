@@ -1,0 +1,107 @@
+#include "platform/preferences/LinuxPreferencesService.h"
+
+#include "platform/formats/Vlist.h"
+
+#include "tests/support/TestDaemon.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <fstream>
+#include <sys/stat.h>
+#include <sys/time.h>
+
+namespace tv::platform {
+namespace {
+
+constexpr const char* kDomain = "com.example.prefs";
+
+std::string repeat(const std::string& s, int n)
+{
+    std::string out;
+    while (n-- > 0)
+        out += s;
+    return out;
+}
+
+class LinuxPreferencesServiceTest : public ::testing::Test {
+protected:
+    void write(const Value& v) { ASSERT_FALSE(writeVlistFileAtomically(service.pathForDomain(kDomain), v)); }
+
+    test::TempDir dir;
+    LinuxPreferencesService service{dir.path()};
+};
+
+TEST_F(LinuxPreferencesServiceTest, MissingDomainReadsAsUnsetWithoutError)
+{
+    EXPECT_FALSE(service.synchronize(kDomain));
+    EXPECT_TRUE(service.copyValue(kDomain, "key").isNull());
+}
+
+TEST_F(LinuxPreferencesServiceTest, ReplacementIsSeenOnlyAfterSynchronize)
+{
+    write(Value{{"key", 1}});
+    EXPECT_EQ(service.copyValue(kDomain, "key"), Value(1));
+    write(Value{{"key", 2}});
+    EXPECT_EQ(service.copyValue(kDomain, "key"), Value(1)) << "answers from the cache until synchronised";
+    EXPECT_FALSE(service.synchronize(kDomain));
+    EXPECT_EQ(service.copyValue(kDomain, "key"), Value(2));
+    ASSERT_EQ(::unlink(service.pathForDomain(kDomain).c_str()), 0);
+    EXPECT_FALSE(service.synchronize(kDomain));
+    EXPECT_TRUE(service.copyValue(kDomain, "key").isNull());
+}
+
+TEST_F(LinuxPreferencesServiceTest, InPlaceEditWithSameSizeIsSeen)
+{
+    std::string path = service.pathForDomain(kDomain);
+    auto text = [](int n) { return *serializeVlist(Value{{"key", n}}); };
+    std::ofstream(path) << text(1);
+    EXPECT_EQ(service.copyValue(kDomain, "key"), Value(1));
+    { std::ofstream(path, std::ios::trunc) << text(2); } // same inode, same size
+    // Even with the modification time put back, the change time moves.
+    struct timeval times[2] = {{1, 0}, {1, 0}};
+    ::utimes(path.c_str(), times);
+    EXPECT_FALSE(service.synchronize(kDomain));
+    EXPECT_EQ(service.copyValue(kDomain, "key"), Value(2));
+}
+
+TEST_F(LinuxPreferencesServiceTest, BadFilesReadAsEmptyWithAReason)
+{
+    struct Case {
+        const char* name;
+        std::string text;
+    };
+    const Case cases[] = {
+        {"not xml", "garbage"},
+        {"truncated", serializeVlist(Value{{"key", 1}})->substr(0, 40)},
+        {"root not a dictionary", *serializeVlist(Value(Array{Value(1)}))},
+        {"too deep", "<?xml version=\"1.0\"?><vlist version=\"1.0\"><dict><key>key</key>" + repeat("<array>", 100) +
+                         repeat("</array>", 100) + "</dict></vlist>"},
+    };
+    for (const auto& c : cases) {
+        write(Value{{"key", 1}});
+        ASSERT_FALSE(service.synchronize(kDomain));
+        std::ofstream(service.pathForDomain(kDomain), std::ios::trunc) << c.text;
+        EXPECT_TRUE(service.synchronize(kDomain).has_value()) << c.name;
+        EXPECT_TRUE(service.copyValue(kDomain, "key").isNull()) << c.name;
+    }
+    if (::geteuid() != 0) {
+        write(Value{{"key", 1}});
+        ASSERT_EQ(::chmod(service.pathForDomain(kDomain).c_str(), 0), 0);
+        EXPECT_TRUE(service.synchronize(kDomain).has_value());
+        EXPECT_TRUE(service.copyValue(kDomain, "key").isNull()) << "unreadable";
+    }
+}
+
+TEST_F(LinuxPreferencesServiceTest, DomainNamesCannotEscapeTheDirectory)
+{
+    for (const char* bad : {"", "../x", "a/b", ".hidden"}) {
+        auto err = service.synchronize(bad);
+        ASSERT_TRUE(err.has_value()) << bad;
+        EXPECT_EQ(err->code, EINVAL);
+        EXPECT_TRUE(service.copyValue(bad, "key").isNull());
+    }
+}
+
+} // namespace
+} // namespace tv::platform
