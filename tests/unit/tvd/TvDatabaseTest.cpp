@@ -2,6 +2,7 @@
 
 #include "base/InternalInconsistency.h"
 #include "tests/support/FakeApplicationRegistry.h"
+#include "tests/support/FakeContainerService.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RegistryRecords.h"
 #include "tests/support/TestDaemon.h"
@@ -34,7 +35,11 @@ protected:
     void SetUp() override
     {
         TvdPlugIn::setSystemVolumeRoot("/System");
-        db = TvDatabase::initWithDatabase(dir.file("Annotations").c_str(), registry, {}, notifications);
+        TvdAnnotationStore::Services store;
+        auto containers = std::make_shared<test::FakeContainerService>();
+        containers->path = dir.file("container");
+        store.containers = containers;
+        db = TvDatabase::initWithDatabase(dir.file("Annotations").c_str(), registry, store, notifications);
         ASSERT_TRUE(db);
     }
     RegistryPlugInRecordPtr add(const std::string& path = "")
