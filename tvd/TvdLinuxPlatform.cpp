@@ -14,6 +14,7 @@
 #include "platform/process/LinuxProcessInfo.h"
 #include "platform/lifecycle/LinuxServiceLifecycle.h"
 #include "platform/ipc/LinuxVynService.h"
+#include "tvd/TvdPlugIn.h"
 #include "tvd/TvdServer.h"
 
 namespace tv {
@@ -35,6 +36,7 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
         return makeError(4, "the application registry cannot watch for installs: " + error->localizedDescription());
 
     TvBundle::setBundleService(bundles);
+    TvdPlugIn::setSystemVolumeRoot(config.systemVolumeRoot);
     TvPlugInCore::setSdkRegistry(sdks);
 
     TvdPlatform platform;

@@ -2,8 +2,11 @@
 
 #include "Tarvik/TvLog.h"
 #include "platform/ipc/VynService.h"
+#include "platform/jobs/JobManager.h"
+#include "tvd/TvdUserPrefs.h"
 #include "tvd/TvdVynClient.h"
 
+#include <cerrno>
 #include <mutex>
 
 namespace tv {
@@ -17,7 +20,13 @@ std::shared_ptr<TvdServer> TvdServer::initForServiceDatabase(const char* service
                                                              TvdPlatform platform)
 {
     std::shared_ptr<TvdServer> server(new TvdServer(std::move(platform)));
-    if (!server->setupWithDatabase(database, server->platform_.applicationRegistry))
+    TvdAnnotationStore::Services store;
+    store.persona = server->platform_.userPersona;
+    store.containers = server->platform_.containers;
+    store.globalPath = server->platform_.globalAnnotationsFile;
+    if (!server->setupWithDatabase(database, server->platform_.applicationRegistry,
+                                   std::weak_ptr<platform::ApplicationRegistryObserver>(server), std::move(store),
+                                   server->platform_.notifications))
         return nullptr;
     server->serviceName_ = serviceName ? serviceName : "";
 
@@ -47,6 +56,7 @@ std::shared_ptr<TvdServer> TvdServer::initForServiceDatabase(const char* service
         if (auto s = weak.lock())
             s->acceptConnection(connection);
     });
+    server->setUserPrefs(TvdUserPrefs::init(server->platform_.preferences));
     return server;
 }
 
@@ -70,6 +80,26 @@ int TvdServer::run()
 void TvdServer::submitWork(std::function<void()> work)
 {
     mainQueue_->async(std::move(work));
+}
+
+void TvdServer::removedPlugIns(const std::vector<platform::RegistryPlugInRecordPtr>& plugIns)
+{
+    auto completion = [](int result) {
+        if (result == 0)
+            TvLog::ops().debug("jobd reported plug-ins have been terminated");
+        else if (result == ESRCH)
+            TvLog::ops().debug("jobd reported no plug-ins on record");
+        else
+            TvLog::ops().info("jobd error attempting to terminate plug-ins: error=%d", result);
+    };
+    for (const auto& p : plugIns) {
+        TvLog::ops().debug("requesting jobd termination of plug-in: %s(%s) %{public}@", p->bundleIdentifier,
+                           p->bundleVersion, p->uuid.string());
+        if (platform_.jobManager)
+            platform_.jobManager->removeExternalService(p->bundleIdentifier, p->bundleVersion, mainQueue_, completion);
+        else
+            mainQueue_->async([completion] { completion(ESRCH); });
+    }
 }
 
 void TvdServer::unholdClient(const std::shared_ptr<TvdVynClient>& client)

@@ -31,6 +31,7 @@ class VynConnection;
 
 class TvdVynClient;
 class TvdPlugInHold;
+class TvdUserPrefs;
 
 class TvdServer final : public TvDatabase,
                         public TvDatabaseDelegate,
@@ -55,6 +56,11 @@ public:
     // Schedules `work` on the "service" queue and returns at once.
     void submitWork(std::function<void()> work);
 
+    // TvDatabaseDelegate: asks the job manager to terminate the running
+    // instances of each uninstalled plug-in, in list order, without waiting;
+    // each completion logs one line on the "service" queue.
+    void removedPlugIns(const std::vector<platform::RegistryPlugInRecordPtr>& plugIns) override;
+
     // Releases every hold placed by `client`.
     void unholdClient(const std::shared_ptr<TvdVynClient>& client);
 
@@ -65,6 +71,9 @@ public:
     const std::shared_ptr<SerialQueue>& syncQueue() const { return syncQueue_; }
     const std::shared_ptr<platform::VynListener>& service() const { return service_; }
     const TvdPlatform& platform() const { return platform_; }
+    // The daemon's preferences (global exclusions), made last at construction.
+    std::shared_ptr<TvdUserPrefs> userPrefs() const { return userPrefs_.load(); }
+    void setUserPrefs(std::shared_ptr<TvdUserPrefs> prefs) { userPrefs_.store(std::move(prefs)); }
     const std::string& serviceName() const { return serviceName_; }
 
 private:
@@ -77,6 +86,7 @@ private:
     std::shared_ptr<SerialQueue> vynQueue_;
     std::shared_ptr<SerialQueue> mainQueue_;
     std::shared_ptr<platform::VynListener> service_;
+    std::atomic<std::shared_ptr<TvdUserPrefs>> userPrefs_;
     std::vector<std::shared_ptr<TvdPlugInHold>> holds_; // only on syncQueue_
     std::shared_ptr<SerialQueue> syncQueue_;
 };

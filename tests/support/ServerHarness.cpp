@@ -1,5 +1,7 @@
 #include "tests/support/ServerHarness.h"
 
+#include "tests/support/FakeContainerService.h"
+
 #include "Tarvik/TvBundle.h"
 #include "platform/process/LinuxBundleService.h"
 
@@ -21,6 +23,12 @@ ServerHarness::ServerHarness()
         queues[label] = q;
         return q;
     };
+    platform.jobManager = jobManager;
+    // No annotation file of the machine is read or written by tests.
+    platform.globalAnnotationsFile = "/nonexistent/tvd-test/Tarvik-Annotations";
+    auto containers = std::make_shared<FakeContainerService>();
+    containers->path = "/nonexistent/tvd-test/container";
+    platform.containers = containers;
     server = TvdServer::initForServiceDatabase("/tmp/test.sock", nullptr, platform);
     if (!server)
         throw std::runtime_error("server construction failed");

@@ -7,6 +7,7 @@
 #include "tests/support/FakeApplicationRegistry.h"
 #include "tests/support/FakeClientIdentity.h"
 #include "tests/support/FakeVynService.h"
+#include "platform/jobs/JobManager.h"
 #include "tvd/TvdServer.h"
 
 #include <map>
@@ -31,6 +32,22 @@ public:
     std::shared_ptr<FakeCodeSigningService> codeSigning = std::make_shared<FakeCodeSigningService>();
     std::shared_ptr<FakeApplicationRegistry> registry = std::make_shared<FakeApplicationRegistry>();
     std::map<std::string, std::shared_ptr<SerialQueue>> queues;
+    // The job manager: records the removals asked for (bundle identifier,
+    // version) and answers them with `results` in order (3 once they run out).
+    struct FakeJobManager final : platform::JobManager {
+        std::vector<std::pair<std::string, std::string>> removals;
+        std::vector<int> results;
+        int addExternalService(platform::ExternalService) override { return 0; }
+        void removeExternalService(const std::string& identifier, const std::string& version,
+                                   std::shared_ptr<SerialQueue> queue, Completion completion) override
+        {
+            int result = removals.size() < results.size() ? results[removals.size()] : 3;
+            removals.emplace_back(identifier, version);
+            queue->async([completion, result] { completion(result); });
+        }
+        std::vector<platform::ExternalService> externalServices() const override { return {}; }
+    };
+    std::shared_ptr<FakeJobManager> jobManager = std::make_shared<FakeJobManager>();
     std::shared_ptr<TvdServer> server;
 
 private:

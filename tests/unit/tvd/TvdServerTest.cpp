@@ -2,6 +2,7 @@
 
 #include "platform/ipc/VynService.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RegistryRecords.h"
 #include "tests/support/ServerHarness.h"
 #include "tvd/Transaction.h"
 #include "tvd/TvdVynClient.h"
@@ -77,6 +78,34 @@ TEST(TvdServerTest, ARefusalForAClientWhoseConnectionIsGoneIsDropped)
     EXPECT_TRUE(log.contains("reply to client 31 dropped: connection gone"));
     EXPECT_NE(client->description().find("NO CONNECTION"), std::string::npos);
     EXPECT_EQ(client->pid(), 31);
+}
+
+} // namespace
+} // namespace tv
+
+namespace tv {
+namespace {
+
+TEST(TvdServerRegistryTest, UninstalledPlugInsAreTakenOffTheJobManagerInListOrder)
+{
+    test::ServerHarness h;
+    h.jobManager->results = {0, 3, 5};
+    std::vector<platform::RegistryPlugInRecordPtr> records;
+    for (const char* id : {"com.example.a", "com.example.b", "com.example.c"})
+        records.push_back(test::makePlugInRecord(std::string("/apps/A.app/PlugIns/") + id + ".vext", id));
+
+    test::LogCapture log;
+    h.registry->notifyUninstall(records);
+    ASSERT_EQ(h.jobManager->removals.size(), 3u);
+    EXPECT_EQ(h.jobManager->removals[0], (std::pair<std::string, std::string>{"com.example.a", "1"}));
+    EXPECT_EQ(h.jobManager->removals[2].first, "com.example.c");
+    EXPECT_EQ(log.count("requesting jobd termination of plug-in: com.example.b(1) " + records[1]->uuid.string()), 1u);
+    // The completions run on the "service" queue, not before.
+    EXPECT_EQ(log.countContaining("jobd reported"), 0u);
+    h.drain();
+    EXPECT_EQ(log.count("jobd reported plug-ins have been terminated"), 1u);
+    EXPECT_EQ(log.count("jobd reported no plug-ins on record"), 1u);
+    EXPECT_EQ(log.count("jobd error attempting to terminate plug-ins: error=5"), 1u);
 }
 
 } // namespace
