@@ -1,9 +1,11 @@
 #include "tvd/TvdServer.h"
 
 #include "platform/ipc/VynService.h"
+#include "tests/support/FakeContainerService.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RegistryRecords.h"
 #include "tests/support/ServerHarness.h"
+#include "tests/support/TestDaemon.h"
 #include "tvd/Transaction.h"
 #include "tvd/TvdVynClient.h"
 
@@ -19,6 +21,10 @@ TEST(TvdServerTest, BuildsItsQueuesAndListenerAndBecomesTheProcessServer)
     TvdPlatform platform;
     platform.vyn = vyn;
     platform.applicationRegistry = std::make_shared<test::FakeApplicationRegistry>();
+    test::TempDir dir;
+    auto containers = std::make_shared<test::FakeContainerService>();
+    containers->path = dir.file("container");
+    platform.containers = containers;
     platform.makeQueue = [&](std::string label, SerialQueue::QoS qos) {
         made[label] = qos;
         return SerialQueue::createManual(label);
@@ -28,7 +34,8 @@ TEST(TvdServerTest, BuildsItsQueuesAndListenerAndBecomesTheProcessServer)
         ++loops;
         return 7;
     };
-    auto server = TvdServer::initForServiceDatabase("/tmp/x.sock", "/tmp/annotations.vlist", platform);
+    const std::string annotations = dir.file("annotations.vlist");
+    auto server = TvdServer::initForServiceDatabase("/tmp/x.sock", annotations.c_str(), platform);
     ASSERT_TRUE(server);
     EXPECT_EQ(TvdServer::server(), server);
     EXPECT_EQ(server->delegate().get(), static_cast<TvDatabaseDelegate*>(server.get()));
@@ -37,7 +44,7 @@ TEST(TvdServerTest, BuildsItsQueuesAndListenerAndBecomesTheProcessServer)
     EXPECT_EQ(made["service"], SerialQueue::QoS::UserInitiated);
     EXPECT_EQ(made["serverSync"], SerialQueue::QoS::Default);
     EXPECT_EQ(server->mainQueue()->label(), "service");
-    EXPECT_EQ(server->databaseLocation(), "/tmp/annotations.vlist");
+    EXPECT_EQ(server->databaseLocation(), annotations);
     EXPECT_EQ(server->cacheLimit(), 0u); // until main sets it
     EXPECT_EQ(vyn->listener()->path(), "/tmp/x.sock");
 
