@@ -9,6 +9,9 @@
 #include "platform/process/LinuxProcessInfo.h"
 #include "platform/lifecycle/LinuxServiceLifecycle.h"
 #include "platform/ipc/LinuxVynService.h"
+#include "platform/activation/LinuxActivationRuleEvaluator.h"
+#include "platform/types/LinuxTypeIdentifierService.h"
+#include "tvd/TvdMatchRules.h"
 #include "tvd/TvdServer.h"
 
 namespace tv {
@@ -30,6 +33,11 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
 
     TvBundle::setBundleService(bundles);
     TvPlugInCore::setSdkRegistry(std::make_shared<platform::LinuxExtensionSdkRegistry>(config.sdkDir));
+    auto types = std::make_shared<platform::LinuxTypeIdentifierService>(config.typesDir);
+    // The election is read from the registry database once it answers
+    // annotations; until then every plug-in's election is 0.
+    TvdMatchRules::setShared(std::make_shared<const TvdMatchRules>(
+        TvdMatchServices{types, std::make_shared<platform::LinuxActivationRuleEvaluator>(types), {}}));
 
     TvdPlatform platform;
     platform.vyn = vyn;
