@@ -4,6 +4,7 @@
 #include "base/InternalInconsistency.h"
 #include "platform/ipc/VynConnection.h"
 #include "tvd/TvdTrace.h"
+#include "tvd/TvdPlugIn.h"
 #include "tvd/TvdServer.h"
 #include "tvd/TvdVynClient.h"
 
@@ -166,6 +167,34 @@ bool Transaction::processPaths(const PathStep& step)
     if (walked)
         done();
     return walked;
+}
+
+bool Transaction::processUuidList(const UuidStep& step)
+{
+    const Array* uuids = request_.arrayForKey("uuids");
+    if (!uuids) {
+        failMessage(4, "invalid request format (uuid)");
+        return false;
+    }
+    auto db = server();
+    for (const Value& element : *uuids) {
+        const Uuid* uuid = element.asUuid();
+        if (!uuid) {
+            failMessage(4, "invalid request (bad uuid array)");
+            return false;
+        }
+        // A UUID value always carries its 16 bytes (the decoder refuses any
+        // other length), so making a UUID of it cannot fail here; the refusal
+        // "invalid request (uuid allocation failure)" is never needed.
+        auto plugIn = db->findPlugIn(*uuid);
+        if (!plugIn) {
+            failMessage(4, "no such plugin (uuid not found)");
+            return false;
+        }
+        if (!step(plugIn))
+            return false;
+    }
+    return true;
 }
 
 void Transaction::addPlugIns()

@@ -29,6 +29,7 @@ namespace tv {
 
 class TvdServer;
 class TvdVynClient;
+class TvdPlugIn;
 
 namespace platform {
 class VynConnection;
@@ -40,6 +41,9 @@ public:
     // received) and whether it resolved; returns whether to go on. A step
     // that stops the walk has already ended the request with a failure.
     using PathStep = std::function<bool(const std::string& path, bool resolved)>;
+    // A step of the UUID walker: a registered plug-in named by the request;
+    // returns whether to go on, with the same contract as PathStep.
+    using UuidStep = std::function<bool(const std::shared_ptr<TvdPlugIn>& plugIn)>;
 
     static constexpr std::uint64_t kCurrentVersion = 3;
     // The entitlement of clients that manage the registry.
@@ -59,6 +63,13 @@ public:
     bool marshalPaths(const PathStep& step);
     // marshalPaths(), and the success reply when it returns true.
     bool processPaths(const PathStep& step);
+
+    // Walks "uuids", resolving each element to a registered plug-in through
+    // the registry database: true when every element was walked (an empty
+    // array at once); false after the request was ended with a failure (code
+    // 4: not an array, an element that is not a UUID, a UUID the registry
+    // does not know). Sends no reply on success: the handler does.
+    bool processUuidList(const UuidStep& step);
 
     // Handlers, one per request type.
     void addPlugIns();

@@ -12,6 +12,7 @@
 #include "platform/activation/LinuxActivationRuleEvaluator.h"
 #include "platform/types/LinuxTypeIdentifierService.h"
 #include "tvd/TvdMatchRules.h"
+#include "tvd/TvdPlugIn.h"
 #include "tvd/TvdServer.h"
 
 namespace tv {
@@ -32,6 +33,7 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
         return makeError(4, "the application registry cannot watch for installs: " + error->localizedDescription());
 
     TvBundle::setBundleService(bundles);
+    TvdPlugIn::setSystemVolumeRoot(config.systemVolumeRoot);
     TvPlugInCore::setSdkRegistry(std::make_shared<platform::LinuxExtensionSdkRegistry>(config.sdkDir));
     auto types = std::make_shared<platform::LinuxTypeIdentifierService>(config.typesDir);
     // The election is read from the registry database once it answers

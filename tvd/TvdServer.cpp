@@ -17,7 +17,8 @@ std::shared_ptr<TvdServer> TvdServer::initForServiceDatabase(const char* service
                                                              TvdPlatform platform)
 {
     std::shared_ptr<TvdServer> server(new TvdServer(std::move(platform)));
-    if (!server->setupWithDatabase(database, server->platform_.applicationRegistry))
+    if (!server->setupWithDatabase(database, server->platform_.applicationRegistry,
+                                   std::weak_ptr<platform::ApplicationRegistryObserver>(server)))
         return nullptr;
     server->serviceName_ = serviceName ? serviceName : "";
 
@@ -70,6 +71,14 @@ int TvdServer::run()
 void TvdServer::submitWork(std::function<void()> work)
 {
     mainQueue_->async(std::move(work));
+}
+
+void TvdServer::removedPlugIns(const std::vector<platform::RegistryPlugInRecordPtr>& plugIns)
+{
+    for (const auto& p : plugIns) {
+        TvLog::ops().debug("requesting jobd termination of plug-in: %s(%s) %{public}@", p->bundleIdentifier,
+                           p->bundleVersion, p->uuid.string());
+    }
 }
 
 void TvdServer::unholdClient(const std::shared_ptr<TvdVynClient>& client)

@@ -55,6 +55,11 @@ public:
     // Schedules `work` on the "service" queue and returns at once.
     void submitWork(std::function<void()> work);
 
+    // TvDatabaseDelegate: asks the job manager to terminate the running
+    // instances of each uninstalled plug-in, in list order, without waiting;
+    // each completion logs one line on the "service" queue.
+    void removedPlugIns(const std::vector<platform::RegistryPlugInRecordPtr>& plugIns) override;
+
     // Releases every hold placed by `client`.
     void unholdClient(const std::shared_ptr<TvdVynClient>& client);
 

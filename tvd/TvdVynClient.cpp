@@ -1,5 +1,7 @@
 #include "tvd/TvdVynClient.h"
 
+#include "tvd/TvdPlugIn.h"
+
 #include "Tarvik/TvBundle.h"
 #include "Tarvik/TvLog.h"
 #include "platform/security/CodeSigningService.h"
@@ -99,14 +101,7 @@ Value TvdVynClient::entitlementValueForKey(std::string_view key) const
 
 bool TvdVynClient::hasEntitlement(std::string_view key) const
 {
-    Value v = entitlementValueForKey(key);
-    if (v.isNull())
-        return false;
-    if (auto b = v.asBool())
-        return *b;
-    if (v.isNumber())
-        return v.asDouble() ? *v.asDouble() != 0.0 : v.integerValue() != 0;
-    return true;
+    return entitlementIsGranted(entitlementValueForKey(key));
 }
 
 std::string TvdVynClient::description() const

@@ -1,11 +1,14 @@
 // FakeApplicationRegistry: an application registry that records what is
 // registered and unregistered by path. Paths in `refused` cannot be
-// registered; unregistering a path that is not registered fails.
+// registered; unregistering a path that is not registered fails. Tests put
+// plug-in and application records in `plugIns` and `applications` for the
+// lookups, and call the observers themselves (notifyInstall/notifyUninstall).
 #pragma once
 
 #include "platform/registry/ApplicationRegistry.h"
 #include "platform/PosixError.h"
 
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 #include <set>
@@ -24,13 +27,55 @@ public:
         return {paths_.begin(), paths_.end()};
     }
 
-    std::vector<platform::RegistryPlugInRecordPtr> allPlugIns() override { return {}; }
-    platform::RegistryPlugInRecordPtr plugInWithUuid(const Uuid&) override { return nullptr; }
-    platform::RegistryPlugInRecordPtr plugInAtPath(const std::string&) override { return nullptr; }
-    platform::RegistryApplicationRecordPtr applicationAtPath(const std::string&) override { return nullptr; }
-    std::vector<platform::RegistryPlugInRecordPtr> plugInsOfApplication(const platform::RegistryApplicationRecord&) override
+    // Lookups answer from these; guarded by the caller (set them up before use).
+    std::vector<platform::RegistryPlugInRecordPtr> plugIns;
+    std::vector<platform::RegistryApplicationRecordPtr> applications;
+    std::atomic<int> uuidLookups{0};
+    std::atomic<int> cacheDrops{0};
+
+    void notifyInstall(const std::vector<platform::RegistryPlugInRecordPtr>& records)
     {
-        return {};
+        for (auto& o : observers())
+            o->pluginsDidInstall(records);
+    }
+    void notifyUninstall(const std::vector<platform::RegistryPlugInRecordPtr>& records)
+    {
+        for (auto& o : observers())
+            o->pluginsWillUninstall(records);
+    }
+
+    std::vector<platform::RegistryPlugInRecordPtr> allPlugIns() override { return plugIns; }
+    platform::RegistryPlugInRecordPtr plugInWithUuid(const Uuid& uuid) override
+    {
+        ++uuidLookups;
+        for (const auto& p : plugIns)
+            if (p->uuid == uuid)
+                return p;
+        return nullptr;
+    }
+    platform::RegistryPlugInRecordPtr plugInAtPath(const std::string& path) override
+    {
+        for (const auto& p : plugIns)
+            if (p->bundlePath == path)
+                return p;
+        return nullptr;
+    }
+    platform::RegistryApplicationRecordPtr applicationAtPath(const std::string& path) override
+    {
+        for (const auto& a : applications)
+            if (a->bundlePath == path)
+                return a;
+        return nullptr;
+    }
+    std::vector<platform::RegistryPlugInRecordPtr> plugInsOfApplication(
+        const platform::RegistryApplicationRecord& application) override
+    {
+        std::vector<platform::RegistryPlugInRecordPtr> result;
+        for (const auto& uuid : application.plugInUuids)
+            for (const auto& p : plugIns)
+                if (p->uuid == uuid)
+                    result.push_back(p);
+        return result;
     }
     std::optional<std::vector<platform::RegistryPlugInRecordPtr>> queryPlugIns(
         const Value&, const platform::RegistryPlugInFilter&) override
@@ -53,12 +98,27 @@ public:
         return std::nullopt;
     }
     void rescan() override {}
-    void addObserver(std::weak_ptr<platform::ApplicationRegistryObserver>) override {}
-    void dropCaches() override {}
+    void addObserver(std::weak_ptr<platform::ApplicationRegistryObserver> observer) override
+    {
+        std::lock_guard lock(mutex_);
+        observers_.push_back(std::move(observer));
+    }
+    void dropCaches() override { ++cacheDrops; }
 
 private:
     mutable std::mutex mutex_;
     std::set<std::string> paths_;
+    std::vector<std::weak_ptr<platform::ApplicationRegistryObserver>> observers_;
+
+    std::vector<std::shared_ptr<platform::ApplicationRegistryObserver>> observers()
+    {
+        std::lock_guard lock(mutex_);
+        std::vector<std::shared_ptr<platform::ApplicationRegistryObserver>> live;
+        for (auto& w : observers_)
+            if (auto o = w.lock())
+                live.push_back(o);
+        return live;
+    }
 };
 
 } // namespace tv::test

@@ -1,0 +1,109 @@
+#include "tvd/Transaction.h"
+
+#include "tests/support/RegistryRecords.h"
+#include "tests/support/ServerHarness.h"
+#include "tvd/TvdPlugIn.h"
+#include "tvd/TvdVynClient.h"
+
+#include <gtest/gtest.h>
+
+namespace tv {
+namespace {
+
+using test::ServerHarness;
+
+// Walks the "uuids" of `body` for a client of `h`; records the plug-ins the
+// step saw, and stops after `stopAfter` of them when set.
+struct Walk {
+    bool result = false;
+    std::vector<Uuid> seen;
+    std::vector<platform::Message> replies;
+};
+
+Walk walk(ServerHarness& h, Value uuids, int stopAfter = -1)
+{
+    auto c = h.connect(42);
+    auto client = std::static_pointer_cast<TvdVynClient>(c->context());
+    Dictionary body{{"request", Value("ready")}, {"version", Value(std::uint64_t{3})}};
+    if (!uuids.isNull())
+        body["uuids"] = uuids;
+    platform::Message request{Value(std::move(body))};
+    request.setMessageId(7);
+    request.setExpectsReply(true);
+    Transaction t(request, client);
+    Walk w;
+    w.result = t.processUuidList([&](const std::shared_ptr<TvdPlugIn>& plugIn) {
+        w.seen.push_back(*plugIn->uuid());
+        if (static_cast<int>(w.seen.size()) == stopAfter) {
+            t.failMessage(4, "stopped by step");
+            return false;
+        }
+        return true;
+    });
+    w.replies = c->sent();
+    return w;
+}
+
+class TransactionUuidListTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        TvdPlugIn::setSystemVolumeRoot("/System");
+        a_ = test::makePlugInRecord("/apps/A.app/PlugIns/A.vext", "com.example.a");
+        b_ = test::makePlugInRecord("/apps/A.app/PlugIns/B.vext", "com.example.b");
+        h_.registry->plugIns = {a_, b_};
+    }
+    ServerHarness h_;
+    platform::RegistryPlugInRecordPtr a_, b_;
+};
+
+TEST_F(TransactionUuidListTest, WalksEveryUuidInOrderAndLeavesTheReplyToTheHandler)
+{
+    Walk w = walk(h_, Value(Array{Value(b_->uuid), Value(a_->uuid), Value(b_->uuid)}));
+    EXPECT_TRUE(w.result);
+    EXPECT_EQ(w.seen, (std::vector<Uuid>{b_->uuid, a_->uuid, b_->uuid}));
+    EXPECT_TRUE(w.replies.empty());
+
+    Walk empty = walk(h_, Value(Array{}));
+    EXPECT_TRUE(empty.result);
+    EXPECT_TRUE(empty.seen.empty());
+    EXPECT_TRUE(empty.replies.empty());
+}
+
+TEST_F(TransactionUuidListTest, RefusalsEndTheRequestAfterTheEarlierElements)
+{
+    struct Case {
+        Value uuids;
+        std::size_t seenBefore;
+        const char* error;
+    };
+    const Uuid unknown = Uuid::random();
+    const Case cases[] = {
+        {Value(), 0, "invalid request format (uuid)"},
+        {Value(a_->uuid), 0, "invalid request format (uuid)"},
+        {Value(Array{Value(a_->uuid), Value(a_->uuid.string())}), 1, "invalid request (bad uuid array)"},
+        {Value(Array{Value(a_->uuid), Value::data(Bytes(16, 1))}), 1, "invalid request (bad uuid array)"},
+        {Value(Array{Value(a_->uuid), Value(b_->uuid), Value(unknown)}), 2, "no such plugin (uuid not found)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.uuids.description());
+        Walk w = walk(h_, c.uuids);
+        EXPECT_FALSE(w.result);
+        EXPECT_EQ(w.seen.size(), c.seenBefore);
+        ASSERT_EQ(w.replies.size(), 1u);
+        EXPECT_EQ(w.replies[0].get("errorcode"), Value(std::uint64_t{4}));
+        EXPECT_EQ(w.replies[0].get("error"), Value(c.error));
+    }
+}
+
+TEST_F(TransactionUuidListTest, AStepThatStopsEndsTheWalkWithItsOwnReply)
+{
+    Walk w = walk(h_, Value(Array{Value(a_->uuid), Value(b_->uuid)}), 1);
+    EXPECT_FALSE(w.result);
+    EXPECT_EQ(w.seen.size(), 1u);
+    ASSERT_EQ(w.replies.size(), 1u);
+    EXPECT_EQ(w.replies[0].get("error"), Value("stopped by step"));
+}
+
+} // namespace
+} // namespace tv

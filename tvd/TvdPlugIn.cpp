@@ -1,0 +1,218 @@
+#include "tvd/TvdPlugIn.h"
+
+#include "Tarvik/TvFileReadGrant.h"
+#include "Tarvik/TvLog.h"
+
+#include <cerrno>
+#include <cstring>
+#include <mutex>
+
+namespace tv {
+
+namespace {
+
+constexpr const char* kHubProtocolVersionKey = "HubProtocolVersion";
+
+std::mutex gSystemRootMutex;
+std::string gSystemRoot = "/System";
+
+// `root` without trailing "/" (the file-system root stays "/").
+std::string withoutTrailingSlash(std::string root)
+{
+    while (root.size() > 1 && root.back() == '/')
+        root.pop_back();
+    return root;
+}
+
+} // namespace
+
+bool entitlementIsGranted(const Value& value)
+{
+    if (value.isNull())
+        return false;
+    if (auto b = value.asBool())
+        return *b;
+    if (auto d = value.asDouble())
+        return *d != 0.0;
+    if (value.isNumber())
+        return value.integerValue() != 0;
+    return true;
+}
+
+void TvdPlugIn::setSystemVolumeRoot(std::string root)
+{
+    std::lock_guard lock(gSystemRootMutex);
+    gSystemRoot = withoutTrailingSlash(std::move(root));
+}
+
+std::string TvdPlugIn::systemVolumeRoot()
+{
+    std::lock_guard lock(gSystemRootMutex);
+    return gSystemRoot;
+}
+
+std::shared_ptr<TvdPlugIn> TvdPlugIn::initWithRSData(platform::RegistryPlugInRecordPtr record)
+{
+    if (!record || record->bundleUrl.isNull())
+        return nullptr;
+    std::shared_ptr<TvdPlugIn> plugIn(new TvdPlugIn());
+    // rsproxy first: setup already reads the lookups (through normalize and
+    // the diagnosis) and they must see the registry's data.
+    plugIn->rsproxy_ = record;
+    if (!plugIn->constructWithNameUrlBundleInfoInfoUuid(record->plugInIdentifier, record->bundleUrl, Value(),
+                                                        record->plugInDictionary, record->uuid))
+        return nullptr;
+    plugIn->setEntitlements(record->entitlements);
+    plugIn->setOriginalIdentifier(record->originalIdentifier);
+    plugIn->setLastModified(record->registrationDate.microseconds() / 1000000); // toward zero
+    plugIn->setOnSystemVolume(record->onSystemVolume);
+
+    // A number is the plug-in's declared generation, whatever its value; any
+    // other kind counts as not declared.
+    const Value& hub = record->plugInValue(kHubProtocolVersionKey);
+    if (hub.isNumber())
+        plugIn->setHubProtocolVersion(static_cast<std::uint64_t>(hub.asUInt() ? *hub.asUInt() : hub.integerValue()));
+    else
+        plugIn->setHubProtocolVersion(plugIn->infoKey(kTarvikInfoKey).isNull() ? 2 : 1);
+
+    if (record->containingApplication)
+        plugIn->setContainingUrl(record->containingApplication->bundleUrl());
+
+    if (auto error = plugIn->diagnose()) {
+        TvLog::ops().info("ignoring mis-configured plug-in at %@: %{public}@", record->bundleUrl.urlPath(),
+                          error->localizedDescription());
+        return nullptr;
+    }
+    return plugIn;
+}
+
+Value TvdPlugIn::infoKey(std::string_view key) const
+{
+    return rsproxy_ ? rsproxy_->infoValue(key) : Value();
+}
+
+Value TvdPlugIn::pluginKey(std::string_view key) const
+{
+    return rsproxy_ ? rsproxy_->plugInValue(key) : Value();
+}
+
+Value TvdPlugIn::attribute(std::string_view key) const
+{
+    return rsproxy_ ? rsproxy_->attributeValue(key) : Value();
+}
+
+Value TvdPlugIn::bundleInfoDictionary() const
+{
+    return rsproxy_ ? rsproxy_->infoDictionary : Value();
+}
+
+std::optional<std::string> TvdPlugIn::localizedName() const
+{
+    if (auto cached = TvPlugInCore::localizedName())
+        return cached;
+    auto answer = rsproxy_ ? rsproxy_->localizedName : std::nullopt;
+    const_cast<TvdPlugIn*>(this)->setLocalizedName(answer);
+    return answer;
+}
+
+std::optional<std::string> TvdPlugIn::localizedShortName() const
+{
+    if (auto cached = TvPlugInCore::localizedShortName())
+        return cached;
+    auto answer = rsproxy_ ? rsproxy_->localizedShortName : std::nullopt;
+    const_cast<TvdPlugIn*>(this)->setLocalizedShortName(answer);
+    return answer;
+}
+
+std::optional<std::string> TvdPlugIn::localizedContainingName() const
+{
+    if (auto cached = TvPlugInCore::localizedContainingName())
+        return cached;
+    std::optional<std::string> answer;
+    if (rsproxy_ && rsproxy_->containingApplication)
+        answer = rsproxy_->containingApplication->localizedName;
+    const_cast<TvdPlugIn*>(this)->setLocalizedContainingName(answer);
+    return answer;
+}
+
+Value TvdPlugIn::valueForEntitlement(std::string_view name) const
+{
+    return entitlements()[name];
+}
+
+bool TvdPlugIn::hasEntitlement(std::string_view name) const
+{
+    return entitlementIsGranted(valueForEntitlement(name));
+}
+
+std::string TvdPlugIn::annotationKey() const
+{
+    Value replaced = valueForEntitlement(kReplacePlugInEntitlement);
+    if (auto s = replaced.asString())
+        return *s;
+    return identifier().value_or(std::string());
+}
+
+MaybeError TvdPlugIn::diagnose() const
+{
+    if (auto error = TvPlugInCore::diagnose())
+        return error;
+    if (!isData() && (!rsproxy_ || rsproxy_->dataContainerUrl().isNull()))
+        return makeError(kMisconfiguredPlugInErrorCode, "this plug-in has no sandbox data container");
+    if (containingUrl().isNull()) {
+        std::string root = systemVolumeRoot();
+        std::string prefix = root == "/" ? root : root + "/";
+        if (path().compare(0, prefix.size(), prefix) != 0)
+            return makeError(kMisconfiguredPlugInErrorCode, "plug-ins outside containing apps must be in /System");
+    }
+    return std::nullopt;
+}
+
+void TvdPlugIn::augmentForm(Value& form) const
+{
+    Value shared = pluginKey(kSharedKey);
+    if (isAppExtension())
+        shared = Value(Array{Value(".")});
+    if (shared.isNull())
+        return;
+    form = form.with("extensions", issueResourceExtensions(shared));
+}
+
+Value TvdPlugIn::prunedInfoDictionaryFor(const Value& dictionary)
+{
+    Dictionary pruned;
+    if (auto d = dictionary.asDictionary())
+        for (const auto& [key, value] : *d)
+            if (key.compare(0, 2, "DT") != 0)
+                pruned.emplace(key, value);
+    return Value(std::move(pruned));
+}
+
+Value TvdPlugIn::issueResourceExtensions(const Value& resources) const
+{
+    Array list;
+    if (resources.isString())
+        list.push_back(resources);
+    else if (auto a = resources.asArray())
+        list = *a;
+
+    Dictionary grants;
+    const Value bundle = url();
+    const std::string bundlePath = bundle.urlPath();
+    for (const Value& element : list) {
+        const std::string* name = element.asString();
+        if (!name)
+            continue;
+        Value resource = *name == "." ? bundle : Value::fileURL(bundlePath + "/" + *name);
+        if (auto token = fileReadGrant(resource)) {
+            grants.insert_or_assign(*name, Value(*token));
+        } else {
+            int error = errno;
+            TvLog::ops().info("failed to make extension for %@ in plug-in at %@: %{public}s", resource.urlPath(),
+                              path(), std::strerror(error));
+        }
+    }
+    return Value(std::move(grants));
+}
+
+} // namespace tv

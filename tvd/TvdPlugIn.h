@@ -1,0 +1,99 @@
+// TvdPlugIn: the daemon's record of one installed plug-in, built from the
+// application registry's record of it (its `rsproxy`).
+//
+// It answers every bundle-information question by asking the registry record
+// afresh (infoKey(), pluginKey(), attribute(), bundleInfoDictionary()), so
+// everything the base record derives from those lookups (classification, the
+// diagnosis, the exported form) rests on the registry's data. On top of the
+// base record it adds the plug-in's entitlements, localized names fetched
+// from the registry on first read, two daemon-only consistency rules, the key
+// of its stored annotation and the resource grants added to forms sent to
+// hosts.
+//
+// Only the registry database (TvDatabase) builds records, and only from
+// registry records; a record that exists has a bundle URL, an identifier and
+// has passed diagnose().
+//
+// Thread-safety: records are shared between the database queue and the
+// service queue. rsproxy and the fields set during construction are written
+// before the record is published; the localized names are atomic and filled
+// without a lock (two first readers may both ask the registry, both store the
+// same answer).
+#pragma once
+
+#include "Tarvik/TvPlugInCore.h"
+#include "platform/registry/RegistryPlugInRecord.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tv {
+
+// The entitlement a plug-in uses to take over the stored annotation (and the
+// place in match answers) of the plug-in whose identifier it names.
+inline constexpr const char* kReplacePlugInEntitlement = "com.veltra.developer.replace-plugin";
+
+// True when an entitlement value counts as granted: present and not equal to
+// false (a boolean false or any number equal to 0).
+bool entitlementIsGranted(const Value& value);
+
+class TvdPlugIn : public TvPlugInCore {
+public:
+    // A record built from the registry record, or null: when the registry
+    // record has no bundle URL (silently), when base setup fails, or when
+    // diagnose() fails ("ignoring mis-configured plug-in at %@: %{public}@").
+    static std::shared_ptr<TvdPlugIn> initWithRSData(platform::RegistryPlugInRecordPtr record);
+
+    // Registry-backed lookups, asked afresh on every call.
+    Value infoKey(std::string_view key) const override;
+    Value pluginKey(std::string_view key) const override;
+    Value attribute(std::string_view key) const override;
+    Value bundleInfoDictionary() const override;
+
+    // Filled from the registry on first read; an absent answer is not
+    // remembered, so the next read asks again. The setters replace the
+    // cached value.
+    std::optional<std::string> localizedName() const override;
+    std::optional<std::string> localizedShortName() const override;
+    std::optional<std::string> localizedContainingName() const override;
+
+    Value valueForEntitlement(std::string_view name) const;
+    bool hasEntitlement(std::string_view name) const;
+
+    // The key of this plug-in's stored annotation: its replace-plugin
+    // entitlement when that is a string, else its identifier.
+    std::string annotationKey() const;
+
+    // The base diagnosis, then: a code plug-in needs a data container, and a
+    // plug-in outside any application must lie below the system volume root.
+    MaybeError diagnose() const override;
+
+    // Adds "extensions" (resource name to read-only token) to a form about to
+    // be sent to a host: for an app extension the bundle itself ("."),
+    // otherwise the plug-in dictionary's "Shared" list; nothing when there is
+    // no list.
+    void augmentForm(Value& form) const;
+    // `dictionary` without the keys that begin with "DT".
+    static Value prunedInfoDictionaryFor(const Value& dictionary);
+    // Read-only tokens for resources relative to the bundle ("." is the
+    // bundle): a string or an array of strings; other elements are skipped.
+    // A resource whose token cannot be issued is logged and left out.
+    Value issueResourceExtensions(const Value& resources) const;
+
+    const platform::RegistryPlugInRecordPtr& rsproxy() const { return rsproxy_; }
+
+    // The root below which plug-ins outside applications must lie ("/System"
+    // unless the platform configures another). Set once at process start.
+    static void setSystemVolumeRoot(std::string root);
+    static std::string systemVolumeRoot();
+
+protected:
+    TvdPlugIn() = default;
+
+private:
+    platform::RegistryPlugInRecordPtr rsproxy_;
+};
+
+} // namespace tv
