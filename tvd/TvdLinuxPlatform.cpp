@@ -14,6 +14,9 @@
 #include "platform/process/LinuxProcessInfo.h"
 #include "platform/lifecycle/LinuxServiceLifecycle.h"
 #include "platform/ipc/LinuxVynService.h"
+#include "platform/activation/LinuxActivationRuleEvaluator.h"
+#include "platform/types/LinuxTypeIdentifierService.h"
+#include "tvd/TvdMatchRules.h"
 #include "tvd/TvdPlugIn.h"
 #include "tvd/TvdServer.h"
 
@@ -38,6 +41,19 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
     TvBundle::setBundleService(bundles);
     TvdPlugIn::setSystemVolumeRoot(config.systemVolumeRoot);
     TvPlugInCore::setSdkRegistry(sdks);
+    auto types = std::make_shared<platform::LinuxTypeIdentifierService>(config.typesDir);
+    // Elections come from the process-wide server's annotation store; match
+    // rules are never evaluated on the database queue, so the synchronous
+    // read there cannot re-enter it.
+    auto annotationForPlugIn = [](const TvPlugInCore& plugIn) -> Value {
+        auto server = TvdServer::server();
+        auto daemonPlugIn = dynamic_cast<const TvdPlugIn*>(&plugIn);
+        if (!server || !daemonPlugIn)
+            return Value();
+        return server->annotationForPlugIn(*daemonPlugIn);
+    };
+    TvdMatchRules::setShared(std::make_shared<const TvdMatchRules>(TvdMatchServices{
+        types, std::make_shared<platform::LinuxActivationRuleEvaluator>(types), annotationForPlugIn}));
 
     TvdPlatform platform;
     platform.vyn = vyn;

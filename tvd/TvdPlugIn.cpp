@@ -2,6 +2,8 @@
 
 #include "Tarvik/TvFileReadGrant.h"
 #include "Tarvik/TvLog.h"
+#include "tvd/TvdMatchPattern.h"
+#include "tvd/TvdMatchRules.h"
 
 #include <cerrno>
 #include <cstring>
@@ -213,6 +215,33 @@ Value TvdPlugIn::issueResourceExtensions(const Value& resources) const
         }
     }
     return Value(std::move(grants));
+}
+
+// --- Match rules ------------------------------------------------------------
+
+bool TvdPlugIn::match(const Value& rules) const
+{
+    return TvdMatchRules::shared()->match(*this, rules);
+}
+
+bool TvdPlugIn::matchKeyPattern(std::string_view key, const Value& pattern) const
+{
+    return TvdMatchRules::shared()->matchKeyPattern(*this, key, pattern);
+}
+
+bool TvdPlugIn::matchValuePatterns(std::string_view value, const Value& patterns) const
+{
+    return tv::matchValuePatterns(value, patterns, TvdMatchRules::shared()->services().types.get());
+}
+
+bool TvdPlugIn::matchValuePattern(std::string_view value, std::string_view pattern) const
+{
+    return tv::matchValuePattern(value, pattern, TvdMatchRules::shared()->services().types.get());
+}
+
+bool TvdPlugIn::matchDictionaryPattern(const Value& value, const Value& pattern) const
+{
+    return TvdMatchRules::shared()->matchDictionaryPattern(value, pattern);
 }
 
 } // namespace tv

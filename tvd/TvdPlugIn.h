@@ -82,6 +82,16 @@ public:
     // A resource whose token cannot be issued is logged and left out.
     Value issueResourceExtensions(const Value& resources) const;
 
+    // Match rules (docs/match-rules.md), evaluated with the process-wide
+    // TvdMatchRules. Never fail; an unusable rule or pattern does not match.
+    // Must not run on the database queue: "KoUserElection" reads the
+    // annotation there.
+    bool match(const Value& rules) const;
+    bool matchKeyPattern(std::string_view key, const Value& pattern) const;
+    bool matchValuePatterns(std::string_view value, const Value& patterns) const;
+    bool matchValuePattern(std::string_view value, std::string_view pattern) const;
+    bool matchDictionaryPattern(const Value& value, const Value& pattern) const;
+
     const platform::RegistryPlugInRecordPtr& rsproxy() const { return rsproxy_; }
 
     // The root below which plug-ins outside applications must lie ("/System"

@@ -1,0 +1,226 @@
+#include "tvd/TvdMatchRules.h"
+
+#include "Tarvik/TvPlugInCore.h"
+#include "platform/activation/ActivationRuleEvaluator.h"
+#include "platform/activation/LinuxActivationRuleEvaluator.h"
+#include "tests/support/FakeTypeIdentifierService.h"
+#include "tests/support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+
+namespace tv {
+namespace {
+
+const Uuid kUuid = *Uuid::parse("6F1C2A3B-4D5E-4F60-8172-93A4B5C6D7E8");
+
+// Records what it was asked and answers from a fixed reply.
+class RecordingEvaluator final : public platform::ActivationRuleEvaluator {
+public:
+    bool evaluate(const Value& rule, const Value& items) override
+    {
+        rule_ = rule;
+        items_ = items;
+        return answer_;
+    }
+    bool answer_ = true;
+    Value rule_, items_;
+};
+
+class TvdMatchRulesTest : public ::testing::Test {
+protected:
+    std::shared_ptr<TvPlugInCore> makePlugIn(bool contained = true)
+    {
+        Value attributes{{"KoExtensionPointIdentifier", "com.example.point"},
+                         {"KoExtensionVersion", "1.10"},
+                         {"Formats", Value(Array{"x", "y"})},
+                         {"Mixed", Value(Array{Value(7), "public.jpeg"})},
+                         {"Count", Value(7)},
+                         {"Off", Value(false)},
+                         {"Zero", Value(0)},
+                         {"Shadowed", "from attributes"},
+                         {"Rule", Value{{"Type", "public.image"}}}};
+        Value info{{"KbBundleIdentifier", "com.example.share"},
+                   {"Shadowed", "from info"},
+                   {"InfoOnly", "here"},
+                   {"KoExtension", Value{{"KoExtensionAttributes", attributes}}}};
+        auto plugIn = TvPlugInCore::initWithNameUrlBundleInfoInfoUuid(
+            "com.example.share", Value::fileURL("/Applications/Notes.app/PlugIns/Share.vext"), info, Value(), kUuid);
+        EXPECT_TRUE(plugIn);
+        plugIn->setEntitlements(Value{{"com.example.yes", true},
+                                      {"com.example.no", false},
+                                      {"com.example.text", "any"},
+                                      {"", "empty name"}});
+        if (contained)
+            plugIn->setContainingUrl(Value::fileURL("/Applications/Notes.app"));
+        return plugIn;
+    }
+
+    TvdMatchRules rules(Value annotation = Value())
+    {
+        return TvdMatchRules(TvdMatchServices{
+            types_, evaluator_, [this, annotation](const TvPlugInCore&) {
+                ++annotationLookups_;
+                return annotation;
+            }});
+    }
+
+    std::shared_ptr<test::FakeTypeIdentifierService> types_ = std::make_shared<test::FakeTypeIdentifierService>(
+        std::vector<platform::TypeDeclaration>{{"public.jpeg", {"public.image"}}});
+    std::shared_ptr<RecordingEvaluator> evaluator_ = std::make_shared<RecordingEvaluator>();
+    int annotationLookups_ = 0;
+};
+
+TEST_F(TvdMatchRulesTest, KeysSelectTheirValuesAndPatternsApplyInOrder)
+{
+    auto plugIn = makePlugIn();
+    TvdMatchRules r = rules();
+    struct Case {
+        const char* key;
+        Value pattern;
+        bool matches;
+    } cases[] = {
+        {"KoExtensionIdentifier", "com.example.share", true},
+        {"KoExtensionIdentifier", "com.example.Share", false},
+        {"com.veltra.uuid", "6F1C2A3B-4D5E-4F60-8172-93A4B5C6D7E8", true},
+        {"KoExtensionContainingApp", "/Applications/Notes.app", true},
+        {"KoExtensionVersion", ">=1.9", true},            // attribute, numeric-aware
+        {"Shadowed", "from attributes", true},             // attributes before bundle information
+        {"InfoOnly", "here", true},                        // falls back to bundle information
+        {"ENTITLEMENT:com.example.yes", Value(true), true},
+        {"ENTITLEMENT:com.example.text", Value(true), true},
+        {"ENTITLEMENT:com.example.no", Value(true), false},
+        {"ENTITLEMENT:com.example.no", Value(false), true},
+        {"ENTITLEMENT:com.example.absent", Value(false), true},
+        {"ENTITLEMENT:", "empty name", true},              // the empty entitlement name
+        {"ENTITLEMENT:KoExtensionVersion", Value(true), false}, // no fallback to attributes
+        {"Absent", Value(true), false},
+        {"Absent", Value(false), true},
+        {"Absent", Value(1), false},                       // the number 1 is true
+        {"Absent", Value(0), true},                        // the number 0 is false
+        {"Absent", "x", false},
+        {"Off", Value(false), true},
+        {"Zero", Value(false), true},                      // a zero value counts as false
+        {"Zero", Value(true), false},
+        {"Count", Value(true), true},
+        {"Count", "7", false},                             // numbers are not compared with strings
+        {"Count", Value(Array{"7"}), false},
+        {"Formats", Value(Array{"z", "y"}), true},         // any element against any pattern
+        {"Formats", "z", false},
+        {"Formats", ">=y", true},
+        {"Mixed", "?TY-CONFORMS:public.image", true},      // non-string elements are skipped
+        {"KoExtensionVersion", Value(2.5), false},         // a pattern of no usable kind
+        {"KoExtensionVersion", Value::data({1, 2}), false},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(r.matchKeyPattern(*plugIn, c.key, c.pattern), c.matches) << c.key << " " << c.pattern.description();
+}
+
+TEST_F(TvdMatchRulesTest, WithoutAContainingApplicationThatKeyFailsWhateverThePattern)
+{
+    auto plugIn = makePlugIn(false);
+    TvdMatchRules r = rules();
+    for (const Value& pattern : {Value(false), Value(true), Value("x"), Value(Array{}), Value(0)})
+        EXPECT_FALSE(r.matchKeyPattern(*plugIn, "KoExtensionContainingApp", pattern)) << pattern.description();
+}
+
+TEST_F(TvdMatchRulesTest, ElectionIsTheAnnotationsIntegerWithBitsEightToFifteenCleared)
+{
+    auto plugIn = makePlugIn();
+    struct Case {
+        Value annotation;
+        const char* election;
+    } cases[] = {
+        {Value(), "0"},
+        {Value{{"other", 5}}, "0"},
+        {Value{{"election", 1}}, "1"},
+        {Value{{"election", 0x102}}, "2"},
+        {Value{{"election", 0x10001}}, "65537"},
+        {Value{{"election", Value(std::int64_t{-1})}}, "-65281"},
+    };
+    for (const Case& c : cases) {
+        TvdMatchRules r = rules(c.annotation);
+        EXPECT_EQ(r.valueForKey(*plugIn, "KoUserElection"), Value(c.election)) << c.annotation.description();
+        EXPECT_TRUE(r.matchKeyPattern(*plugIn, "KoUserElection", Value(c.election)));
+    }
+    TvdMatchRules withoutDatabase{TvdMatchServices{}};
+    EXPECT_TRUE(withoutDatabase.matchKeyPattern(*plugIn, "KoUserElection", "0"));
+}
+
+TEST_F(TvdMatchRulesTest, WholeRulesNeedEveryEntryAndStopAtTheFirstFailure)
+{
+    auto plugIn = makePlugIn();
+    TvdMatchRules r = rules(Value{{"election", 1}});
+    EXPECT_TRUE(r.match(*plugIn, Value()));
+    EXPECT_TRUE(r.match(*plugIn, Value::emptyDictionary()));
+    EXPECT_TRUE(r.match(*plugIn, Value{{"KoExtensionIdentifier", "com.example.share"}, {"KoUserElection", "1"}}));
+    EXPECT_EQ(annotationLookups_, 1);
+    // "A..." sorts first and fails, so the election is never looked up.
+    EXPECT_FALSE(r.match(*plugIn, Value{{"AAbsent", Value(true)}, {"KoUserElection", "1"}}));
+    EXPECT_EQ(annotationLookups_, 1);
+    EXPECT_FALSE(r.match(*plugIn, Value("not rules")));
+}
+
+TEST_F(TvdMatchRulesTest, DictionaryPatternsGoToTheActivationEvaluatorWithTheRuleFirst)
+{
+    auto plugIn = makePlugIn();
+    TvdMatchRules r = rules();
+    test::LogCapture log;
+    Value offer{{"public.jpeg", 2u}};
+    EXPECT_TRUE(r.matchKeyPattern(*plugIn, "Rule", offer));
+    EXPECT_EQ(evaluator_->rule_, (Value{{"Type", "public.image"}}));
+    EXPECT_EQ(evaluator_->items_, offer);
+    auto line = log.find("evaluating KoExtension filter: {\"public.jpeg\" = 2} value: {\"Type\" = \"public.image\"}");
+    ASSERT_TRUE(line);
+    EXPECT_EQ(line->category, "extension");
+    EXPECT_EQ(line->level, platform::LogLevel::Debug);
+
+    evaluator_->answer_ = false;
+    EXPECT_FALSE(r.matchKeyPattern(*plugIn, "Rule", offer));
+    // The value need not be a dictionary: the evaluator judges it.
+    evaluator_->rule_ = Value();
+    r.matchKeyPattern(*plugIn, "KoExtensionVersion", offer);
+    EXPECT_EQ(evaluator_->rule_, Value("1.10"));
+    // Absent values fail before the evaluator is asked.
+    evaluator_->rule_ = Value();
+    EXPECT_FALSE(r.matchKeyPattern(*plugIn, "Absent", offer));
+    EXPECT_TRUE(evaluator_->rule_.isNull());
+}
+
+TEST_F(TvdMatchRulesTest, HostileRulesAreNonMatchesNeverFailures)
+{
+    auto plugIn = makePlugIn();
+    TvdMatchRules r(TvdMatchServices{types_, std::make_shared<platform::LinuxActivationRuleEvaluator>(types_), {}});
+    test::LogCapture log;
+
+    Value deep{{"public.jpeg", 1u}};
+    for (int i = 0; i < 64; ++i)
+        deep = Value{{"x", deep}};
+    Value deepRule{{"Type", "public.image"}};
+    for (int i = 0; i < 64; ++i)
+        deepRule = Value{{"AnyOf", Value(Array{deepRule})}};
+    Array huge(100000, Value("<0"));
+
+    struct Case {
+        const char* what;
+        const char* key;
+        Value pattern;
+    } cases[] = {
+        {"deep host description", "Rule", deep},
+        {"deep pattern of every kind", "KoExtensionVersion", Value(Array{deep, Value(1.5), Value(Array{"1.10"})})},
+        {"huge pattern array", "KoExtensionVersion", Value(huge)},
+        {"unknown operator", "KoExtensionVersion", "?REGEX:.*"},
+        {"uuid pattern", "KoExtensionVersion", Value(kUuid)},
+        {"date pattern", "KoExtensionVersion", Value(Date())},
+    };
+    for (const Case& c : cases)
+        EXPECT_FALSE(r.match(*plugIn, Value{{c.key, c.pattern}})) << c.what;
+
+    plugIn->setPlugInDictionary(Value{{"KoExtensionAttributes", Value{{"Rule", deepRule}}}});
+    EXPECT_FALSE(r.match(*plugIn, Value{{"Rule", Value{{"public.jpeg", 1u}}}}));
+    EXPECT_EQ(log.countContaining("activation rule not understood (nested deeper than 32)"), 1u);
+}
+
+} // namespace
+} // namespace tv
