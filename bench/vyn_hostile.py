@@ -2,15 +2,15 @@
 """Hostile local client: runs memory probes against a real tvd and reports
 its resident memory (VmRSS) before, during (peak) and after each probe.
 
-    bench/vyn_hostile.py path/to/tvd
+    bench/vyn_hostile.py path/to/tvd [--keep]
 
 The daemon runs in a temporary directory with its own configuration. Probes:
   oneway   one connection floods one-way requests of 256 KiB of short strings
   claim    250 connections each announce a 4 MiB frame and send one byte
   amplify  8 connections each send 16 frames of 1 MiB of booleans, and one
            sends a 4 MiB frame of booleans
-  after    all attack connections closed; 64 ordinary clients, one request
-           each
+  after    all attack connections closed (kept open with --keep); 64
+           ordinary clients, one request each
 Figures are in MiB. Timing-dependent: a measurement, not a test.
 """
 import os
@@ -164,8 +164,9 @@ def main():
 
         held += probe(pid, "amplify", amplify)
 
-        for s in held:
-            s.close()
+        if "--keep" not in sys.argv:
+            for s in held:
+                s.close()
         time.sleep(3)
 
         def after():
