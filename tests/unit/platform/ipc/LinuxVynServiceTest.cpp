@@ -172,14 +172,16 @@ private:
         peer->connection = connection;
         std::weak_ptr<VynConnection> weak = connection;
         connection->setEventHandler([state, peer, weak](const VynEvent& e) {
-            peer->events.add(e);
+            // Held before it is recorded: a test that sees the event also
+            // sees the request held.
             auto m = eventMessage(e);
             if (m && !state->echo) {
                 std::lock_guard lock(peer->mutex);
                 peer->held.push_back(*m);
-            } else if (auto c = weak.lock(); m && c) {
-                answer(*c, *m);
             }
+            peer->events.add(e);
+            if (auto c = weak.lock(); m && c && state->echo)
+                answer(*c, *m);
         });
         connection->resume();
         std::lock_guard lock(state->mutex);
