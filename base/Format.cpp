@@ -140,7 +140,12 @@ std::string formatStringArgs(std::string_view fmt, std::span<const FormatArg> ar
         switch (conv) {
         case 'd':
         case 'i':
-            appendPrintf(out, spec + "lld", static_cast<long long>(arg ? argInt(*arg) : 0));
+            // Arguments carry their type: an unsigned value is printed as
+            // the value it is, never reinterpreted as negative.
+            if (const auto* u = arg ? std::get_if<std::uint64_t>(&arg->rep()) : nullptr)
+                appendPrintf(out, spec + "llu", static_cast<unsigned long long>(*u));
+            else
+                appendPrintf(out, spec + "lld", static_cast<long long>(arg ? argInt(*arg) : 0));
             break;
         case 'u':
         case 'o':

@@ -10,6 +10,26 @@ namespace {
 // Codec errors use code 4, the "malformed request" code of the protocol.
 constexpr std::int64_t kMalformed = 4;
 
+// Heap cost of one shared allocation (control block, object, allocator
+// header) and of one dictionary node (tree links, key, value, header).
+constexpr std::size_t kSharedCost = 64;
+constexpr std::size_t kNodeCost = 96;
+constexpr std::size_t kShortString = 15; // held inside the string object
+static_assert(kNodeCost / 5 <= kMaxDecodedCostPerByte && sizeof(Value) <= kMaxDecodedCostPerByte,
+              "an entry takes at least 5 encoded bytes, an element at least 1");
+
+const Value& emptyString()
+{
+    static const Value v{std::string()};
+    return v;
+}
+
+const Value& emptyData()
+{
+    static const Value v = Value::data({});
+    return v;
+}
+
 void putU32(Bytes& out, std::uint32_t v)
 {
     for (int i = 0; i < 4; ++i)
@@ -32,7 +52,9 @@ void putBlob(Bytes& out, ValueTag tag, const void* p, std::size_t n)
 
 MaybeError encode(const Value& v, Bytes& out, const ValueCodecOptions& opt, std::size_t depth)
 {
-    if (depth > opt.maxDepth)
+    // Depth counts containers: a scalar inside the deepest container allowed
+    // adds no level.
+    if ((v.isArray() || v.isDictionary()) && depth > opt.maxDepth)
         return makeError(kMalformed, "value nested deeper than " + std::to_string(opt.maxDepth));
     switch (v.kind()) {
     case ValueKind::Null: out.push_back(static_cast<std::uint8_t>(ValueTag::Null)); break;
@@ -113,13 +135,26 @@ class Decoder {
 public:
     Decoder(std::span<const std::uint8_t> in, const ValueCodecOptions& opt) : in_(in), opt_(opt) {}
 
+    std::size_t cost() const { return cost_; }
+
+    // Counts `bytes` of decoded memory; false past the limit.
+    bool spend(std::size_t bytes)
+    {
+        if (bytes > opt_.maxDecodedBytes - cost_)
+            return false;
+        cost_ += bytes;
+        return true;
+    }
+
     Result<Value> value(std::size_t depth)
     {
-        if (depth > opt_.maxDepth)
-            return fail("nesting deeper than " + std::to_string(opt_.maxDepth));
         std::uint8_t tag;
         if (!byte(tag))
             return fail("truncated value");
+        // Depth counts containers only (see encode()).
+        auto t = static_cast<ValueTag>(tag);
+        if ((t == ValueTag::Array || t == ValueTag::Dictionary) && depth > opt_.maxDepth)
+            return fail("nesting deeper than " + std::to_string(opt_.maxDepth));
         switch (static_cast<ValueTag>(tag)) {
         case ValueTag::Null: return Value();
         case ValueTag::False: return Value(false);
@@ -151,6 +186,10 @@ public:
                 return fail("truncated string");
             if (!isValidUtf8(s))
                 return fail("string is not valid UTF-8");
+            if (static_cast<ValueTag>(tag) == ValueTag::String && s.empty())
+                return emptyString();
+            if (!spend(kSharedCost + (s.size() > kShortString ? s.size() : 0)))
+                return tooLarge();
             if (static_cast<ValueTag>(tag) == ValueTag::String)
                 return Value(std::move(s));
             if (!opt_.allowUrl)
@@ -161,6 +200,10 @@ public:
             std::uint32_t n;
             if (!u32(n) || n > remaining())
                 return fail("truncated data");
+            if (n == 0)
+                return emptyData();
+            if (!spend(kSharedCost + n))
+                return tooLarge();
             Bytes b(in_.begin() + static_cast<std::ptrdiff_t>(pos_), in_.begin() + static_cast<std::ptrdiff_t>(pos_ + n));
             pos_ += n;
             return Value::data(std::move(b));
@@ -185,6 +228,10 @@ public:
             // remains is refused before reserving anything.
             if (!u32(n) || n > remaining())
                 return fail("truncated array");
+            if (n == 0)
+                return Value::emptyArray();
+            if (!spend(kSharedCost + n * sizeof(Value)))
+                return tooLarge();
             Array a;
             a.reserve(n);
             for (std::uint32_t i = 0; i < n; ++i) {
@@ -200,11 +247,17 @@ public:
             // Every entry takes at least five bytes (key length and a tag).
             if (!u32(n) || n > remaining() / 5)
                 return fail("truncated dictionary");
+            if (n == 0)
+                return Value::emptyDictionary();
+            if (!spend(kSharedCost))
+                return tooLarge();
             Dictionary d;
             for (std::uint32_t i = 0; i < n; ++i) {
                 std::string key;
                 if (!blobBody(key))
                     return fail("truncated dictionary key");
+                if (!spend(kNodeCost + (key.size() > kShortString ? key.size() : 0)))
+                    return tooLarge();
                 if (!isValidUtf8(key))
                     return fail("dictionary key is not valid UTF-8");
                 auto e = value(depth + 1);
@@ -225,6 +278,10 @@ public:
 
 private:
     Result<Value> fail(const std::string& why) { return makeError(kMalformed, "malformed value: " + why); }
+    Result<Value> tooLarge()
+    {
+        return makeError(kMalformed, "decoded value larger than " + std::to_string(opt_.maxDecodedBytes) + " bytes");
+    }
 
     bool byte(std::uint8_t& b)
     {
@@ -267,6 +324,7 @@ private:
     std::span<const std::uint8_t> in_;
     const ValueCodecOptions& opt_;
     std::size_t pos_ = 0;
+    std::size_t cost_ = 0;
 };
 
 } // namespace
@@ -280,12 +338,17 @@ MaybeError encodeValue(const Value& value, Bytes& out, const ValueCodecOptions& 
     return err;
 }
 
-Result<Value> decodeValue(std::span<const std::uint8_t> bytes, const ValueCodecOptions& options)
+Result<Value> decodeValue(std::span<const std::uint8_t> bytes, const ValueCodecOptions& options,
+                          std::size_t* decodedBytes)
 {
     Decoder d(bytes, options);
+    if (!d.spend(sizeof(Value)))
+        return makeError(kMalformed, "decoded value larger than " + std::to_string(options.maxDecodedBytes) + " bytes");
     auto v = d.value(1);
     if (v && d.remaining() != 0)
         return makeError(kMalformed, "malformed value: trailing bytes");
+    if (v && decodedBytes)
+        *decodedBytes = d.cost();
     return v;
 }
 

@@ -36,16 +36,32 @@ enum class ValueTag : std::uint8_t {
 struct ValueCodecOptions {
     // IPC messages carry no URLs; the message encoding of whole values does.
     bool allowUrl = true;
-    // Nesting depth: the top-level value is depth 1.
+    // Nesting depth in containers: a top-level array or dictionary is depth
+    // 1; scalars add no level.
     std::size_t maxDepth = 64;
+    // Decoding fails once the decoded form would take more than this many
+    // bytes of memory (decodedCost() of every value made so far).
+    std::size_t maxDecodedBytes = SIZE_MAX;
 };
+
+// What a decoded value costs in memory, as decodeValue() counts it: the
+// value's own slot, plus its heap storage (shared strings, data, arrays and
+// dictionary nodes). An estimate of the allocator's footprint, meant for
+// quotas; it never exceeds kMaxDecodedCostPerByte times the encoded size
+// plus kDecodedCostOverhead.
+inline constexpr std::size_t kMaxDecodedCostPerByte = 24;
+inline constexpr std::size_t kDecodedCostOverhead = 256;
 
 // Appends the encoding of `value` to `out`. Fails only for a URL when
 // !options.allowUrl, or for nesting deeper than options.maxDepth.
 MaybeError encodeValue(const Value& value, Bytes& out, const ValueCodecOptions& options = {});
 
-// Decodes exactly one value that must span all of `bytes`.
-Result<Value> decodeValue(std::span<const std::uint8_t> bytes, const ValueCodecOptions& options = {});
+// Decodes exactly one value that must span all of `bytes`. Empty strings,
+// data, arrays and dictionaries share one stored instance each, so that a
+// hostile run of empty values costs no heap. When `decodedBytes` is given it
+// receives the cost of the value (see options.maxDecodedBytes).
+Result<Value> decodeValue(std::span<const std::uint8_t> bytes, const ValueCodecOptions& options = {},
+                          std::size_t* decodedBytes = nullptr);
 
 // True when `text` is well-formed UTF-8 (no overlongs, surrogates or code
 // points above U+10FFFF).

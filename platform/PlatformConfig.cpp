@@ -1,11 +1,14 @@
 #include "platform/PlatformConfig.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace tv::platform {
@@ -35,7 +38,9 @@ PlatformConfig PlatformConfig::defaults()
         c.privacyGrantsFile = "/var/lib/tvd/privacy-grants.vlist";
     } else {
         std::string home = envOr("HOME", "/tmp");
-        std::string runtime = envOr("XDG_RUNTIME_DIR", "/tmp/tvd-" + std::to_string(::getuid()));
+        std::string runtime = envOr("XDG_RUNTIME_DIR", "");
+        if (runtime.empty())
+            runtime = c.fallbackRuntimeRoot = "/tmp/tvd-" + std::to_string(::getuid());
         std::string data = envOr("XDG_DATA_HOME", home + "/.local/share");
         std::string config = envOr("XDG_CONFIG_HOME", home + "/.config");
         c.socketDir = runtime + "/vyn";
@@ -52,9 +57,44 @@ PlatformConfig PlatformConfig::defaults()
 Result<PlatformConfig> PlatformConfig::load()
 {
     const char* path = std::getenv("TVD_CONFIG");
-    if (!path || !*path)
-        return defaults();
-    return loadFile(path);
+    Result<PlatformConfig> r = path && *path ? loadFile(path) : Result<PlatformConfig>(defaults());
+    if (!r || r->fallbackRuntimeRoot.empty())
+        return r;
+    std::string prefix = r->fallbackRuntimeRoot + "/";
+    if (r->socketDir.rfind(prefix, 0) == 0 || r->runtimeDir.rfind(prefix, 0) == 0)
+        if (auto err = ensurePrivateDirectory(r->fallbackRuntimeRoot))
+            return *err;
+    return r;
+}
+
+MaybeError PlatformConfig::ensurePrivateDirectory(const std::string& path)
+{
+    if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+        return makeError(errno, "cannot create " + path + ": " + std::strerror(errno));
+    struct stat st{};
+    if (::lstat(path.c_str(), &st) != 0)
+        return makeError(errno, "cannot examine " + path + ": " + std::strerror(errno));
+    if (!S_ISDIR(st.st_mode) || st.st_uid != ::geteuid() || (st.st_mode & 07777) != 0700) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+        return makeError(EPERM, path + " is not a private directory of uid " + std::to_string(::geteuid()) +
+                                    " (owner " + std::to_string(st.st_uid) + ", mode " + mode +
+                                    (S_ISDIR(st.st_mode) ? "" : ", not a directory") + "): refusing to use it");
+    }
+    return std::nullopt;
+}
+
+VynLimits VynLimits::fittedToDescriptors(std::uint64_t descriptors) const
+{
+    VynLimits fitted = *this;
+    std::uint64_t budget = descriptors > kReservedDescriptors
+                               ? (descriptors - kReservedDescriptors) / 2
+                               : 1;
+    fitted.maxConnections = static_cast<std::size_t>(std::min<std::uint64_t>(maxConnections, std::max<std::uint64_t>(budget, 1)));
+    if (fitted.maxConnections < maxConnections)
+        fitted.maxConnectionsPerUid =
+            std::min(maxConnectionsPerUid, std::max<std::size_t>(fitted.maxConnections / 8, 1));
+    return fitted;
 }
 
 Result<PlatformConfig> PlatformConfig::loadFile(const std::string& path)
@@ -157,6 +197,10 @@ Result<PlatformConfig> PlatformConfig::parse(std::string_view text, const std::s
             err = number(n, 1u << 20), c.limits.maxConnections = n;
         else if (key == "max_in_flight")
             err = number(n, 1u << 20), c.limits.maxInFlight = n;
+        else if (key == "max_queued_per_connection")
+            err = number(n, 1ull << 32), c.limits.maxQueuedPerConnection = n;
+        else if (key == "max_queued_per_uid")
+            err = number(n, 1ull << 34), c.limits.maxQueuedPerUid = n;
         else if (key == "max_unsent_output")
             err = number(n, 1ull << 32), c.limits.maxUnsentOutput = n;
         else if (key == "incomplete_frame_timeout_ms")

@@ -34,6 +34,19 @@ struct VynLimits {
     std::size_t maxConnectionsPerUid = 256;
     std::size_t maxConnections = 2048;
     std::uint32_t incompleteFrameTimeoutMs = 30000;
+    // Decoded memory of the requests received and not yet run, per
+    // connection and per peer uid; past either, reading stops (backpressure).
+    // A frame whose decoded form would exceed the smaller one is cut.
+    std::size_t maxQueuedPerConnection = 32u << 20;
+    std::size_t maxQueuedPerUid = 64u << 20;
+
+    // These limits with the connection caps cut to what `descriptors` open
+    // files allow: each connection costs two (socket and pidfd) and a
+    // reserve is kept for the rest of the process. When the total has to be
+    // cut, one uid may take at most an eighth of it, so that one uid never
+    // starves the others.
+    VynLimits fittedToDescriptors(std::uint64_t descriptors) const;
+    static constexpr std::uint64_t kReservedDescriptors = 128;
 };
 
 struct PlatformConfig {
@@ -53,11 +66,19 @@ struct PlatformConfig {
     VynLimits limits;
     std::uint32_t idleExitSeconds = 60;        // socket-activated daemon: exit after this long idle
     std::string configFile;                    // the file read, empty for pure defaults
+    // Without XDG_RUNTIME_DIR a non-root user's runtime files live under
+    // /tmp/tvd-<uid>, named here; load() makes it or refuses it unless it is
+    // a directory of this user with mode 0700.
+    std::string fallbackRuntimeRoot;
 
     // Defaults for the calling user.
     static PlatformConfig defaults();
     // Defaults, overridden by the file that TVD_CONFIG names (if set).
     static Result<PlatformConfig> load();
+    // Makes `path` (mode 0700) when missing; fails unless it then is a
+    // directory (not a link) owned by this user with mode 0700, so that no
+    // other user can have placed it to take the names inside.
+    static MaybeError ensurePrivateDirectory(const std::string& path);
     // Defaults overridden by the given file.
     static Result<PlatformConfig> loadFile(const std::string& path);
     // Defaults overridden by configuration text; relative paths are taken

@@ -82,6 +82,18 @@ void Transaction::dispatch()
                            type ? type->c_str() : "untyped", client_->pid(), e.what());
         if (!replied_)
             failMessage(4, "internal error");
+    } catch (const std::exception& e) {
+        // Anything else a handler throws (allocation failure, a library
+        // error) also ends only this request, with its one reply.
+        TvLog::ops().error("exception while serving %{public}s request of client %d: %{public}s",
+                           type ? type->c_str() : "untyped", client_->pid(), e.what());
+        if (!replied_)
+            failMessage(4, "internal error");
+    } catch (...) {
+        TvLog::ops().error("unknown exception while serving %{public}s request of client %d",
+                           type ? type->c_str() : "untyped", client_->pid());
+        if (!replied_)
+            failMessage(4, "internal error");
     }
 }
 
@@ -150,6 +162,12 @@ bool Transaction::marshalPaths(const PathStep& step)
         }
         if (path->empty() || (*path)[0] != '/') {
             failMessage(9, formatString("absolute path required: %s", *path));
+            return false;
+        }
+        // The file system would read such a path only up to its NUL: a
+        // different file from the one named.
+        if (path->find('\0') != std::string::npos) {
+            failMessage(9, formatString("invalid path: %@", *path));
             return false;
         }
         std::error_code ec;

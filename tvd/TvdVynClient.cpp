@@ -58,7 +58,13 @@ void TvdVynClient::handleEvent(const platform::VynEvent& event)
             return;
         }
     }
-    handleRequest(*platform::eventMessage(event));
+    const platform::Message& message = *platform::eventMessage(event);
+    if (!message.body().isDictionary()) {
+        // Not a request: logged and dropped; the connection stays.
+        TvLog::ops().error("unexpected message: %{public}@ from: %d", message.description(), pid_);
+        return;
+    }
+    handleRequest(message);
 }
 
 void TvdVynClient::handleRequest(const platform::Message& message)

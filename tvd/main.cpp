@@ -1,6 +1,7 @@
 // tvd: the plug-in registry daemon.
 #include "Tarvik/TvLog.h"
 #include "platform/PlatformConfig.h"
+#include "platform/process/ProcessResources.h"
 #include "tvd/TvdCommandLine.h"
 #include "tvd/TvdLinuxPlatform.h"
 #include "tvd/TvdServer.h"
@@ -43,6 +44,13 @@ int main(int argc, char** argv)
         TvLog::ops().error("invalid platform configuration: %{public}@", config.error().localizedDescription());
         return unableToConstruct();
     }
+    // Every connection costs two descriptors: take what the hard limit
+    // allows and fit the connection caps to it.
+    std::uint64_t descriptors = platform::ProcessResources::raiseDescriptorLimit();
+    config->limits = config->limits.fittedToDescriptors(descriptors);
+    TvLog::ops().info("descriptor limit %llu: at most %zu connections, %zu per uid", descriptors,
+                      config->limits.maxConnections, config->limits.maxConnectionsPerUid);
+    platform::ProcessResources::returnFreedMemoryPromptly();
     auto platform = makeLinuxPlatform(*config);
     if (!platform) {
         TvLog::ops().error("%{public}@", platform.error().localizedDescription());

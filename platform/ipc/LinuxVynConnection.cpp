@@ -1,11 +1,14 @@
 #include "platform/ipc/LinuxVynConnection.h"
 
+#include "base/ValueCodec.h"
+
 #include "platform/log/PlatformLog.h"
 #include "platform/PosixError.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <malloc.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -15,12 +18,13 @@ namespace tv::platform {
 
 namespace {
 
-constexpr std::size_t kReadChunk = 64u << 10;
+// The smallest read; larger frames get room as their bytes arrive.
+constexpr std::size_t kReadChunk = 16u << 10;
 // Bytes read from one connection per wake-up, so that a fast sender cannot
 // starve the other connections of the runtime.
 constexpr std::size_t kReadBudget = 1u << 20;
 // A read buffer larger than this is given back once it drains.
-constexpr std::size_t kKeepBuffer = 1u << 20;
+constexpr std::size_t kKeepBuffer = 64u << 10;
 constexpr int kMaxIov = 64;
 constexpr int kMaxPassedFds = 32;
 
@@ -56,6 +60,69 @@ int closePassedDescriptors(msghdr& msg)
 }
 
 } // namespace
+
+// What one received request holds against its connection and uid: a place
+// among the requests in flight and its decoded memory. Given back once:
+// when its reply is handed to send() or when the last copy of the request's
+// message is gone, whichever comes first.
+class LinuxVynConnection::Ticket {
+public:
+    Ticket(std::weak_ptr<LinuxVynConnection> connection, std::shared_ptr<VynRuntime> runtime,
+           std::shared_ptr<VynConnectionTable> table, uid_t uid, std::uint64_t requestId, std::size_t bytes)
+        : connection_(std::move(connection)),
+          runtime_(std::move(runtime)),
+          table_(std::move(table)),
+          uid_(uid),
+          requestId_(requestId),
+          bytes_(bytes)
+    {
+    }
+    ~Ticket() { release(); }
+    Ticket(const Ticket&) = delete;
+    Ticket& operator=(const Ticket&) = delete;
+
+    bool released() const { return released_.load(); }
+
+    // Any thread.
+    void release()
+    {
+        if (released_.exchange(true))
+            return;
+        VynConnectionTable::Released freed;
+        if (table_)
+            freed = table_->release(uid_, bytes_);
+        // The address only identifies this ticket; it is never followed.
+        runtime_->post([connection = connection_, id = requestId_, who = this, bytes = bytes_,
+                        freed = std::move(freed)] {
+            if (auto c = connection.lock())
+                c->requestDone(id, who, bytes);
+            afterRelease(freed);
+        });
+    }
+
+private:
+    const std::weak_ptr<LinuxVynConnection> connection_;
+    const std::shared_ptr<VynRuntime> runtime_;
+    const std::shared_ptr<VynConnectionTable> table_;
+    const uid_t uid_;
+    const std::uint64_t requestId_; // 0: no reply expected
+    const std::size_t bytes_;
+    std::atomic<bool> released_{false};
+};
+
+void LinuxVynConnection::afterRelease(const VynConnectionTable::Released& freed)
+{
+    for (const auto& waiter : freed.waiters)
+        if (auto c = waiter.lock())
+            c->resumeReading();
+    if (freed.trimMemory)
+        ::malloc_trim(0);
+}
+
+std::size_t LinuxVynConnection::readRoom(std::size_t buffered, std::size_t frameMissing)
+{
+    return std::max(kReadChunk, std::min(frameMissing, buffered));
+}
 
 LinuxVynConnection::LinuxVynConnection(Setup setup)
     : runtime_(std::move(setup.runtime)),
@@ -283,9 +350,9 @@ void LinuxVynConnection::readAvailable()
 {
     std::size_t budget = kReadBudget;
     while (reading_ && !closed_ && budget > 0) {
-        std::size_t want = kReadChunk;
-        if (header_)
-            want = std::max(want, header_->frameSize() - (inEnd_ - inStart_));
+        std::size_t buffered = inEnd_ - inStart_;
+        std::size_t missing = header_ && header_->frameSize() > buffered ? header_->frameSize() - buffered : 0;
+        std::size_t want = readRoom(buffered, missing);
         if (inStart_ == inEnd_)
             inStart_ = inEnd_ = 0;
         if (in_.size() - inEnd_ < want) {
@@ -294,8 +361,10 @@ void LinuxVynConnection::readAvailable()
                 inEnd_ -= inStart_;
                 inStart_ = 0;
             }
-            if (in_.size() - inEnd_ < want)
+            if (in_.size() - inEnd_ < want) {
                 in_.resize(inEnd_ + want);
+                readBufferSize_ = in_.capacity();
+            }
         }
 
         alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxPassedFds)];
@@ -333,6 +402,7 @@ void LinuxVynConnection::readAvailable()
     if (inStart_ == inEnd_ && in_.size() > kKeepBuffer) {
         Bytes().swap(in_);
         inStart_ = inEnd_ = 0;
+        readBufferSize_ = 0;
     }
     updateIncompleteFrameTimer();
 }
@@ -340,7 +410,7 @@ void LinuxVynConnection::readAvailable()
 void LinuxVynConnection::processFrames()
 {
     while (!closed_) {
-        if (role_ == Role::Accepted && unanswered_.size() >= limits_.maxInFlight) {
+        if (role_ == Role::Accepted && inFlight_ >= limits_.maxInFlight) {
             setReading(false);
             return;
         }
@@ -364,21 +434,54 @@ void LinuxVynConnection::processFrames()
         }
         if (available < header_->frameSize())
             return;
+        // A request reserves the most its decoded form can cost before it is
+        // decoded, and keeps what it turned out to cost.
+        bool request = role_ == Role::Accepted && header_->replyTo == 0;
+        std::size_t reserve = SIZE_MAX;
+        if (request) {
+            reserve = std::min({limits_.maxQueuedPerConnection, limits_.maxQueuedPerUid,
+                                header_->bodyLength * kMaxDecodedCostPerByte + kDecodedCostOverhead});
+            if (!mayDecode(reserve)) {
+                setReading(false);
+                return;
+            }
+        }
+        std::size_t cost = 0;
         auto message = VynFrame::decodeBody(
             *header_, std::span<const std::uint8_t>(in_.data() + inStart_ + VynFrame::kHeaderSize, header_->bodyLength),
-            limits_.maxDepth);
+            limits_.maxDepth, reserve, &cost);
         inStart_ += header_->frameSize();
         header_.reset();
         ++framesRead_;
+        if (request) {
+            auto freed = slot_->table()->release(auditToken_.uid, message ? reserve - cost : reserve);
+            if (!freed.waiters.empty() || freed.trimMemory)
+                runtime_->post([freed = std::move(freed)] { afterRelease(freed); });
+        }
         if (!message) {
             close("garbled frame: " + message.error().localizedDescription(), true);
             return;
         }
-        dispatch(std::move(message).value());
+        dispatch(std::move(message).value(), cost);
     }
 }
 
-void LinuxVynConnection::dispatch(Message message)
+bool LinuxVynConnection::mayDecode(std::size_t reserve)
+{
+    if (queuedBytes_ > 0 && queuedBytes_ + reserve > limits_.maxQueuedPerConnection) {
+        platformLog(LogLevel::Debug, "vyn", "%{public}s: reading paused: %zu bytes of requests queued", description_,
+                    queuedBytes_);
+        return false;
+    }
+    if (!slot_->table()->reserve(auditToken_.uid, reserve, weak_from_this())) {
+        platformLog(LogLevel::Debug, "vyn", "%{public}s: reading paused: quota of uid %u full", description_,
+                    auditToken_.uid);
+        return false;
+    }
+    return true;
+}
+
+void LinuxVynConnection::dispatch(Message message, std::size_t cost)
 {
     if (message.isReply()) {
         auto it = pending_.find(message.replyTo());
@@ -392,16 +495,57 @@ void LinuxVynConnection::dispatch(Message message)
         pending->queue->async([pending, message = std::move(message)] { pending->handler(message); });
         return;
     }
-    if (role_ == Role::Accepted && message.expectsReply() && !unanswered_.insert(message.messageId()).second) {
-        close("message id " + std::to_string(message.messageId()) + " reused while its request is unanswered", true);
-        return;
+    if (role_ == Role::Accepted) {
+        std::uint64_t id = message.expectsReply() ? message.messageId() : 0;
+        auto ticket =
+            std::make_shared<Ticket>(weak_from_this(), runtime_, slot_->table(), auditToken_.uid, id, cost);
+        ++inFlight_;
+        queuedBytes_ += cost;
+        if (id != 0) {
+            auto [it, inserted] = unanswered_.try_emplace(id, ticket);
+            if (!inserted) {
+                auto earlier = it->second.lock();
+                if (earlier && !earlier->released()) {
+                    close("message id " + std::to_string(id) + " reused while its request is unanswered", true);
+                    return;
+                }
+                it->second = ticket;
+            }
+        }
+        message.setTicket(std::move(ticket));
     }
     deliverEvent(std::move(message));
 }
 
 void LinuxVynConnection::markAnswered(std::uint64_t requestId)
 {
-    if (!unanswered_.erase(requestId) || closed_ || reading_ || unanswered_.size() >= limits_.maxInFlight)
+    auto it = unanswered_.find(requestId);
+    if (it == unanswered_.end())
+        return;
+    auto ticket = it->second.lock();
+    unanswered_.erase(it);
+    if (ticket)
+        ticket->release();
+}
+
+void LinuxVynConnection::requestDone(std::uint64_t requestId, const Ticket* ticket, std::size_t bytes)
+{
+    inFlight_ -= std::min<std::size_t>(inFlight_, 1);
+    queuedBytes_ -= std::min(queuedBytes_, bytes);
+    if (requestId != 0) {
+        auto it = unanswered_.find(requestId);
+        if (it != unanswered_.end()) {
+            auto held = it->second.lock();
+            if (!held || held.get() == ticket)
+                unanswered_.erase(it);
+        }
+    }
+    resumeReading();
+}
+
+void LinuxVynConnection::resumeReading()
+{
+    if (closed_ || reading_)
         return;
     setReading(true);
     processFrames();
@@ -476,6 +620,7 @@ void LinuxVynConnection::close(const std::string& reason, bool cut)
     outPending_ = 0;
     outOffset_ = 0;
     Bytes().swap(in_);
+    readBufferSize_ = 0;
     inStart_ = inEnd_ = 0;
     header_.reset();
     unanswered_.clear();

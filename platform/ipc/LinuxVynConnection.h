@@ -15,10 +15,19 @@
 // Limits (VynLimits) and what happens past them:
 //  - a frame longer than maxRequestFrame (daemon side) or maxReplyFrame
 //    (client side) cuts the connection, decided from its header alone;
-//  - a garbled frame (header, body encoding, nesting deeper than maxDepth,
-//    body not a dictionary) cuts the connection;
-//  - daemon side: with maxInFlight requests unanswered, reading stops until
-//    replies are sent (send() of a reply counts it answered);
+//  - a garbled frame (header, body encoding, nesting deeper than maxDepth)
+//    cuts the connection; a well-formed body of another kind than a
+//    dictionary is delivered like any message;
+//  - daemon side: every request (one-way or not) holds a ticket from the
+//    frame's decoding until it has run (the last copy of its message is
+//    gone) or its reply is handed to send(). Reading stops while maxInFlight
+//    tickets are out, or while the decoded memory they hold would pass
+//    maxQueuedPerConnection or the uid's maxQueuedPerUid (shared by all
+//    connections of the uid, VynConnectionTable), and resumes as tickets
+//    come back;
+//  - a frame whose decoded form would take more than the smaller quota is
+//    cut; read buffers grow with the bytes that arrive, never to the size a
+//    header announces;
 //  - daemon side: more than maxUnsentOutput bytes queued behind the frame
 //    being written cuts a peer that does not read;
 //  - a frame left incomplete for incompleteFrameTimeoutMs while reading
@@ -39,7 +48,6 @@
 #include <deque>
 #include <mutex>
 #include <unordered_map>
-#include <unordered_set>
 
 namespace tv::platform {
 
@@ -85,11 +93,18 @@ public:
     void handleEvents(std::uint32_t events) override;
     void shutdown() override;
 
+    // Bytes of the read buffer, for diagnostics and tests. Any thread.
+    std::size_t readBufferSize() const { return readBufferSize_.load(); }
+    // Room made for the next read: what has arrived of the frame so far
+    // (at least one chunk), never more than the frame still misses.
+    static std::size_t readRoom(std::size_t buffered, std::size_t frameMissing);
+
 private:
     struct PendingReply {
         std::shared_ptr<SerialQueue> queue;
         ReplyHandler handler;
     };
+    class Ticket;
 
     // Runtime's thread.
     void start();
@@ -97,8 +112,14 @@ private:
     void flush();
     void readAvailable();
     void processFrames();
-    void dispatch(Message message);
+    void dispatch(Message message, std::size_t cost);
     void markAnswered(std::uint64_t requestId);
+    void requestDone(std::uint64_t requestId, const Ticket* ticket, std::size_t bytes);
+    void resumeReading();
+    // Wakes connections that waited for their uid's quota and gives freed
+    // memory back to the system when the table asks for it.
+    static void afterRelease(const VynConnectionTable::Released& freed);
+    bool mayDecode(std::size_t reserve);
     void setReading(bool reading);
     void updateInterest();
     void updateIncompleteFrameTimer();
@@ -148,7 +169,12 @@ private:
 
     std::uint64_t nextMessageId_ = 1;
     std::unordered_map<std::uint64_t, std::shared_ptr<PendingReply>> pending_;
-    std::unordered_set<std::uint64_t> unanswered_; // daemon side: requests expecting a reply
+    // Daemon side: tickets of requests expecting a reply, by message id, and
+    // what all tickets out hold.
+    std::unordered_map<std::uint64_t, std::weak_ptr<Ticket>> unanswered_;
+    std::size_t inFlight_ = 0;
+    std::size_t queuedBytes_ = 0;
+    std::atomic<std::size_t> readBufferSize_{0};
 };
 
 } // namespace tv::platform

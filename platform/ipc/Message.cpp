@@ -9,7 +9,7 @@ Message::Message(Value body)
 
 void Message::setBody(Value body)
 {
-    body_ = body.isDictionary() ? std::move(body) : Value::emptyDictionary();
+    body_ = std::move(body);
 }
 
 std::optional<Message> Message::createReply(const Message& request)

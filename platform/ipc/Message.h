@@ -1,7 +1,9 @@
 // Message: the IPC service's typed dictionary, one per frame.
 //
 // The body is a Value dictionary whose values are of the IPC kinds (every
-// Value kind but URL). A message also carries its transport identity: the id
+// Value kind but URL). A received message may carry a body of another kind;
+// it reads as a dictionary without keys, and its receiver decides whether it
+// is one it understands. A message also carries its transport identity: the id
 // the sender gave it, whether the sender expects a reply, and for a reply the
 // id of the request it answers. Replies are made from their request with
 // createReply(), which is how the IPC service routes them to the requester's
@@ -14,6 +16,7 @@
 #include "base/Value.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -54,11 +57,20 @@ public:
     // The text form of the body (used by logs and tracing).
     std::string description() const { return body_.description(); }
 
+    // The transport's claim on a received request: what the request counts
+    // against its connection (a place among the requests in flight, its
+    // decoded memory) stays taken while any copy of the message holds the
+    // ticket, i.e. until the request has run. Replies made from the request
+    // do not hold it. A copy kept for longer may drop it with setTicket({}).
+    const std::shared_ptr<void>& ticket() const { return ticket_; }
+    void setTicket(std::shared_ptr<void> ticket) { ticket_ = std::move(ticket); }
+
 private:
     Value body_ = Value::emptyDictionary();
     std::uint64_t messageId_ = 0;
     std::uint64_t replyTo_ = 0;
     bool expectsReply_ = false;
+    std::shared_ptr<void> ticket_;
 };
 
 } // namespace tv::platform

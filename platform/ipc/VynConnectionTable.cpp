@@ -2,6 +2,8 @@
 
 #include "platform/ipc/LinuxVynConnection.h"
 
+#include <algorithm>
+
 namespace tv::platform {
 
 VynConnectionTable::Slot::~Slot()
@@ -39,6 +41,56 @@ void VynConnectionTable::release(Slot* slot)
     auto it = perUid_.find(slot->uid_);
     if (it != perUid_.end() && --it->second == 0)
         perUid_.erase(it);
+}
+
+namespace {
+// Freed memory is handed back to the system when all queued requests have
+// run after at least this much was queued at once.
+constexpr std::size_t kTrimAfter = 4u << 20;
+} // namespace
+
+bool VynConnectionTable::reserve(uid_t uid, std::size_t bytes, std::weak_ptr<LinuxVynConnection> waiter)
+{
+    std::lock_guard lock(mutex_);
+    std::size_t& held = queuedBytes_[uid];
+    if (bytes > limits_.maxQueuedPerUid || held > limits_.maxQueuedPerUid - bytes) {
+        waiters_[uid].push_back(std::move(waiter));
+        return false;
+    }
+    held += bytes;
+    totalQueued_ += bytes;
+    peakSinceTrim_ = std::max(peakSinceTrim_, totalQueued_);
+    return true;
+}
+
+VynConnectionTable::Released VynConnectionTable::release(uid_t uid, std::size_t bytes)
+{
+    Released out;
+    std::lock_guard lock(mutex_);
+    auto it = queuedBytes_.find(uid);
+    if (it == queuedBytes_.end())
+        return out;
+    bytes = std::min(bytes, it->second);
+    it->second -= bytes;
+    totalQueued_ -= bytes;
+    if (it->second == 0)
+        queuedBytes_.erase(it);
+    if (auto w = waiters_.find(uid); w != waiters_.end()) {
+        out.waiters = std::move(w->second);
+        waiters_.erase(w);
+    }
+    if (totalQueued_ == 0 && peakSinceTrim_ >= kTrimAfter) {
+        peakSinceTrim_ = 0;
+        out.trimMemory = true;
+    }
+    return out;
+}
+
+std::size_t VynConnectionTable::queuedBytes(uid_t uid) const
+{
+    std::lock_guard lock(mutex_);
+    auto it = queuedBytes_.find(uid);
+    return it == queuedBytes_.end() ? 0 : it->second;
 }
 
 std::size_t VynConnectionTable::count() const

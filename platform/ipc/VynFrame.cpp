@@ -78,13 +78,14 @@ void VynFrame::setMessageId(Bytes& frame, std::uint64_t id)
     writeLE(frame.data() + 8, id, 8);
 }
 
-Result<Message> VynFrame::decodeBody(const Header& header, std::span<const std::uint8_t> body, std::size_t maxDepth)
+Result<Message> VynFrame::decodeBody(const Header& header, std::span<const std::uint8_t> body, std::size_t maxDepth,
+                                     std::size_t maxDecodedBytes, std::size_t* decodedBytes)
 {
-    auto value = decodeValue(body, ValueCodecOptions{.allowUrl = false, .maxDepth = maxDepth});
+    auto value = decodeValue(
+        body, ValueCodecOptions{.allowUrl = false, .maxDepth = maxDepth, .maxDecodedBytes = maxDecodedBytes},
+        decodedBytes);
     if (!value)
         return value.error();
-    if (!value->isDictionary())
-        return makeError(kMalformed, "message body is not a dictionary");
     Message m(std::move(value).value());
     m.setMessageId(header.messageId);
     m.setExpectsReply(header.replyExpected);

@@ -11,7 +11,7 @@
 //   8      8     message id, chosen by the sender, never 0
 //   16     8     for a reply, the message id of the request it answers; else 0
 //
-// The body is one dictionary in the binary value encoding (ValueCodec) with
+// The body is one value (a dictionary, as a rule) in the binary value encoding (ValueCodec) with
 // URLs refused. docs/wire-format.md describes the whole layout.
 //
 // Parsing treats its input as hostile: any deviation is an error value, and
@@ -57,8 +57,13 @@ public:
     static void setMessageId(Bytes& frame, std::uint64_t id);
 
     // The message a frame carries. Fails when the body is not exactly one
-    // well-formed dictionary within `maxDepth`.
-    static Result<Message> decodeBody(const Header& header, std::span<const std::uint8_t> body, std::size_t maxDepth);
+    // well-formed value within `maxDepth`. A body of another kind than a
+    // dictionary is well-formed: the receiver's handler decides what to do
+    // with it.
+    // `maxDecodedBytes` bounds the memory of the decoded message; its cost
+    // (ValueCodec's decodedCost) goes to `decodedBytes` when given.
+    static Result<Message> decodeBody(const Header& header, std::span<const std::uint8_t> body, std::size_t maxDepth,
+                                      std::size_t maxDecodedBytes = SIZE_MAX, std::size_t* decodedBytes = nullptr);
 };
 
 } // namespace tv::platform

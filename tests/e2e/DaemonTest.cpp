@@ -6,7 +6,10 @@
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -139,9 +142,6 @@ TEST(DaemonTest, HostilePeersAreCutWhileOthersStayConnected)
     auto garbled = header(5, 1);
     garbled.insert(garbled.end(), {0xEE, 0xEE, 0xEE, 0xEE, 0xEE});
     cases.push_back({"garbled body", garbled});
-    auto notDict = header(1, 1);
-    notDict.push_back(0x02); // true
-    cases.push_back({"body not a dictionary", notDict});
     auto deep = header(0, 1);
     std::vector<std::uint8_t> body;
     body.insert(body.end(), {0x0B, 1, 0, 0, 0, 1, 0, 0, 0, 'k'});
@@ -161,6 +161,13 @@ TEST(DaemonTest, HostilePeersAreCutWhileOthersStayConnected)
         EXPECT_TRUE(closedByPeer(fd, std::chrono::seconds(5)));
         ::close(fd);
     }
+    // A well-formed body that is not a dictionary is logged, not cut.
+    auto notDict = header(1, 1);
+    notDict.push_back(0x02); // true
+    ASSERT_EQ(::write(bystander, notDict.data(), notDict.size()), static_cast<ssize_t>(notDict.size()));
+    EXPECT_TRUE(d.waitForLog("unexpected message: ")) << d.log();
+    EXPECT_NE(d.log().find(" from: " + std::to_string(::getpid())), std::string::npos);
+
     // The bystander was never cut, and the daemon still accepts and serves.
     pollfd p{bystander, POLLIN, 0};
     EXPECT_EQ(::poll(&p, 1, 100), 0);
@@ -169,6 +176,33 @@ TEST(DaemonTest, HostilePeersAreCutWhileOthersStayConnected)
                         d.clientEnv());
     EXPECT_EQ(r.exitStatus, 0) << r.err;
     ::close(bystander);
+    EXPECT_EQ(d.stop(), 0);
+}
+
+TEST(DaemonTest, RaisesItsDescriptorLimitToTheHardLimit)
+{
+    // The daemon inherits a low soft limit, as from a login session.
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    if (saved.rlim_max < 4224)
+        GTEST_SKIP() << "hard descriptor limit too low to tell";
+    rlimit low = saved;
+    low.rlim_cur = 1024;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    TestDaemon d;
+    bool started = d.start();
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+    ASSERT_TRUE(started) << d.log();
+
+    std::ifstream limits("/proc/" + std::to_string(d.pid()) + "/limits");
+    std::string line;
+    while (std::getline(limits, line) && line.rfind("Max open files", 0) != 0) {
+    }
+    std::istringstream fields(line.substr(std::strlen("Max open files")));
+    std::string soft, hard;
+    fields >> soft >> hard;
+    EXPECT_EQ(soft, hard);
+    EXPECT_TRUE(d.waitForLog("at most 2048 connections, 256 per uid")) << d.log();
     EXPECT_EQ(d.stop(), 0);
 }
 

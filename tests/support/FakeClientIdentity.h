@@ -6,6 +6,7 @@
 #include "platform/process/ProcessInfo.h"
 
 #include <cerrno>
+#include <functional>
 #include <map>
 #include <string>
 
@@ -29,6 +30,8 @@ public:
     // Entitlements by pid; a pid listed in `broken` makes every lookup fail.
     std::map<pid_t, Value> entitlements;
     std::map<pid_t, bool> broken;
+    // Runs at every lookup when set (a test makes it throw).
+    std::function<void()> onLookup;
 
     std::shared_ptr<platform::CodeSigningTask> createTask(const platform::AuditToken& token) override
     {
@@ -39,6 +42,8 @@ public:
                                  MaybeError* error) override
     {
         pid_t pid = static_cast<const Task&>(task).pid;
+        if (onLookup)
+            onLookup();
         if (broken.count(pid)) {
             if (error)
                 *error = platform::posixError(ESRCH, "no signature");

@@ -112,15 +112,36 @@ TEST(ValueCodecTest, EveryTruncationAndHostileCountFailsCleanly)
     EXPECT_FALSE(decodeValue(unknownTag).ok());
 }
 
-TEST(ValueCodecTest, DepthIsLimited)
+TEST(ValueCodecTest, DepthCountsContainersOnly)
 {
-    Value v = Value(1);
-    for (int i = 0; i < 64; ++i)
-        v = Value(Array{v});
-    Bytes b;
-    EXPECT_TRUE(encodeValue(v, b)); // 65 levels
-    // A hand-made 100-deep nesting is refused by the decoder without recursion
-    // beyond the limit.
+    // `containers` arrays nested around `inner`; the limit is 64.
+    struct Case {
+        int containers;
+        Value inner;
+        bool accepted;
+    };
+    const Case cases[] = {
+        {64, Value(true), true},          // a scalar adds no level
+        {63, Value::emptyArray(), true},  // the 64th container
+        {64, Value::emptyArray(), false}, // the 65th
+        {65, Value(1), false},
+    };
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.containers);
+        Value v = tc.inner;
+        for (int i = 0; i < tc.containers; ++i)
+            v = Value(Array{v});
+        Bytes b;
+        EXPECT_EQ(!encodeValue(v, b), tc.accepted);
+        // The decoder decides alike on a hand-made encoding.
+        Bytes hand;
+        for (int i = 0; i < tc.containers; ++i)
+            hand.insert(hand.end(), {0x0A, 1, 0, 0, 0});
+        encodeValue(tc.inner, hand);
+        EXPECT_EQ(decodeValue(hand).ok(), tc.accepted);
+    }
+    // A hand-made 100-deep nesting is refused without recursion beyond the
+    // limit.
     Bytes deep;
     for (int i = 0; i < 100; ++i)
         deep.insert(deep.end(), {0x0A, 1, 0, 0, 0});

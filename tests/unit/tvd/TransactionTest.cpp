@@ -1,5 +1,6 @@
 #include "tvd/Transaction.h"
 
+#include "base/InternalInconsistency.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/ServerHarness.h"
 #include "tests/support/TestDaemon.h"
@@ -8,6 +9,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
+#include <new>
+#include <stdexcept>
 
 namespace tv {
 namespace {
@@ -31,9 +35,12 @@ TEST(TransactionTest, OnlyVersionsTwoAndThreeAreServed)
         h.send(*c, request("bulk", Value(v)));
     h.send(*c, request("bulk", Value(3))); // signed: reads as 0
     h.send(*c, request("bulk", Value()));  // absent: reads as 0
+    h.send(*c, request("bulk", Value(UINT64_MAX)));
     h.drain();
     auto r = h.replies(*c);
-    ASSERT_EQ(r.size(), 8u);
+    ASSERT_EQ(r.size(), 9u);
+    // The version is printed as received, never as a negative number.
+    EXPECT_EQ(r[8].get("error"), Value("unsupported protocol version 18446744073709551615 (current 3)"));
     for (std::uint64_t v = 0; v <= 5; ++v) {
         SCOPED_TRACE(v);
         if (v == 2 || v == 3) {
@@ -191,6 +198,14 @@ TEST(TransactionTest, PathWalkerCanonicalisesAndRefusesRelativePaths)
     EXPECT_TRUE(empty.run(Value(Array{})));
     EXPECT_TRUE(empty.seen.empty());
 
+    // A NUL byte would make the file system read a shorter, other path.
+    Walk nul;
+    std::string withNul = dir.file("real") + std::string("\0/x", 3);
+    EXPECT_FALSE(nul.run(Value(Array{Value(withNul)})));
+    EXPECT_TRUE(nul.seen.empty());
+    EXPECT_EQ(nul.lastReply().get("errorcode"), Value(std::uint64_t{9}));
+    EXPECT_EQ(nul.lastReply().get("error"), Value("invalid path: " + withNul));
+
     for (Value bad : {Value(), Value("/a/string"), Value(Array{Value(3)})}) {
         Walk w;
         EXPECT_FALSE(w.run(bad));
@@ -228,6 +243,37 @@ TEST(TransactionTest, ExactlyOneReplyAndErrorValuesPassedOn)
     silent.failError(4, makeError(12));
     EXPECT_EQ(c->sent().back().get("errorcode"), Value(std::uint64_t{12}));
     EXPECT_TRUE(c->sent().back().get("error").isNull());
+}
+
+TEST(TransactionTest, AnythingAHandlerThrowsEndsTheRequestWithOneReply)
+{
+    struct Case {
+        const char* name;
+        std::function<void()> thrower;
+        const char* logged;
+    };
+    const Case cases[] = {
+        {"inconsistency", [] { raiseInternalInconsistency("broken"); }, "internal inconsistency while serving"},
+        {"std::exception", [] { throw std::runtime_error("boom"); }, "exception while serving remove request"},
+        {"bad_alloc", [] { throw std::bad_alloc(); }, "exception while serving remove request"},
+        {"not an exception", [] { throw 42; }, "unknown exception while serving remove request"},
+    };
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.name);
+        test::LogCapture log;
+        ServerHarness h;
+        h.codeSigning->onLookup = tc.thrower;
+        auto c = h.connect(8);
+        h.send(*c, request("remove").with("paths", Value(Array{Value("/")})));
+        h.send(*c, request("bulk"));
+        h.drain();
+        auto r = h.replies(*c);
+        ASSERT_EQ(r.size(), 2u);
+        EXPECT_EQ(r[0].get("errorcode"), Value(std::uint64_t{4}));
+        EXPECT_EQ(r[0].get("error"), Value("internal error"));
+        EXPECT_EQ(r[1].body(), Value::emptyDictionary()); // the next request is served
+        EXPECT_EQ(log.countContaining(tc.logged), 1u);
+    }
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 #include "platform/ipc/LinuxVynService.h"
 
+#include "platform/ipc/LinuxVynConnection.h"
+
 #include "base/ValueCodec.h"
 #include "platform/ipc/VynFrame.h"
 #include "tests/support/LogCapture.h"
@@ -10,6 +12,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
@@ -36,13 +39,16 @@ bool eventually(Condition condition, std::chrono::milliseconds timeout = 5000ms)
     return true;
 }
 
-// Everything a handler was given, in order.
+// Everything a handler was given, in order. The copies kept do not hold
+// the requests' tickets: a recorded request counts as run.
 class Recorder : public std::enable_shared_from_this<Recorder> {
 public:
-    void add(const VynEvent& e)
+    void add(VynEvent e)
     {
+        if (auto m = std::get_if<Message>(&e))
+            m->setTicket({});
         std::lock_guard lock(mutex_);
-        events_.push_back(e);
+        events_.push_back(std::move(e));
     }
     std::vector<VynEvent> events() const
     {
@@ -96,11 +102,26 @@ void answer(VynConnection& connection, const Message& m)
 
 // A daemon side: a listener whose accepted connections record their events
 // and, unless told otherwise, answer every request with {"echo": body}.
+// Without echo, requests are held (unanswered, not run) until dropped.
 class Server {
 public:
     struct Peer {
         std::shared_ptr<VynConnection> connection;
         Recorder events;
+        std::mutex mutex;
+        std::deque<Message> held;
+
+        std::size_t heldCount()
+        {
+            std::lock_guard lock(mutex);
+            return held.size();
+        }
+        // The oldest held request has run.
+        void dropOldest()
+        {
+            std::lock_guard lock(mutex);
+            held.pop_front();
+        }
     };
 
     Server(const PlatformConfig& config, const std::string& name, SocketActivation activation = {})
@@ -151,8 +172,14 @@ private:
         peer->connection = connection;
         std::weak_ptr<VynConnection> weak = connection;
         connection->setEventHandler([state, peer, weak](const VynEvent& e) {
-            peer->events.add(e);
+            // Held before it is recorded: a test that sees the event also
+            // sees the request held.
             auto m = eventMessage(e);
+            if (m && !state->echo) {
+                std::lock_guard lock(peer->mutex);
+                peer->held.push_back(*m);
+            }
+            peer->events.add(e);
             if (auto c = weak.lock(); m && c && state->echo)
                 answer(*c, *m);
         });
@@ -402,6 +429,7 @@ TEST_F(LinuxVynServiceTest, MalformedFramesCutOnlyTheirOwnConnection)
 {
     config_.limits.maxRequestFrame = 4096;
     config_.limits.maxDepth = 8;
+    config_.limits.maxQueuedPerConnection = 64u << 10;
     Server server(config_, "svc");
     Client bystander(*clientService(), "svc");
 
@@ -414,6 +442,9 @@ TEST_F(LinuxVynServiceTest, MalformedFramesCutOnlyTheirOwnConnection)
     ASSERT_FALSE(encodeValue(Value::emptyArray(), arrayBody));
     Bytes urlBody;
     ASSERT_FALSE(encodeValue(Value::emptyDictionary().with("u", Value::url("file:///x")), urlBody));
+    // 4000 encoded bytes that would decode to about 96 KiB.
+    Message amplifying;
+    amplifying.set("b", Value(Array(4000, Value(true))));
 
     Bytes giant = rawFrame(1, {});
     giant[4] = 0xff, giant[5] = 0xff, giant[6] = 0xff, giant[7] = 0xff; // 4 GiB announced, nothing sent
@@ -438,7 +469,7 @@ TEST_F(LinuxVynServiceTest, MalformedFramesCutOnlyTheirOwnConnection)
         {"flags", badFlags, "unknown frame flags"},
         {"zero id", zeroId, "without a message id"},
         {"too deep", rawFrame(1, deepBody), "nesting deeper than 8"},
-        {"not a dictionary", rawFrame(1, arrayBody), "not a dictionary"},
+        {"amplifying", frame(amplifying, 1), "decoded value larger than 65536 bytes"},
         {"URL", rawFrame(1, urlBody), "URL values are not allowed"},
         {"undecodable", rawFrame(1, Bytes{0x0b, 0x05, 0x00}), "truncated"},
         {"reused id", reusedId, "reused while its request is unanswered"},
@@ -459,6 +490,23 @@ TEST_F(LinuxVynServiceTest, MalformedFramesCutOnlyTheirOwnConnection)
     EXPECT_EQ(echoed(bystander.call(request("unharmed"))), "unharmed");
     EXPECT_EQ(bystander.events->size(), 0u);
     EXPECT_TRUE(eventually([&] { return server.service().connectionCount() == 1; }));
+
+    // A well-formed body of another kind is the handler's to judge: it is
+    // delivered and the connection stays.
+    log_.clear();
+    std::size_t before = server.peerCount();
+    Bytes oddFrame = rawFrame(1, arrayBody);
+    Bytes after = frame(request("after"), 2);
+    oddFrame.insert(oddFrame.end(), after.begin(), after.end());
+    int fd = test::connectUnix(socketPath());
+    writeAll(fd, oddFrame.data(), oddFrame.size());
+    auto peer = server.peer(before);
+    ASSERT_TRUE(peer);
+    ASSERT_TRUE(eventually([&] { return peer->events.size() == 2; }));
+    EXPECT_TRUE(peer->events.messages()[0].body().isArray());
+    EXPECT_EQ(peer->events.invalid(), 0u);
+    EXPECT_EQ(log_.countContaining("cut"), 0u);
+    ::close(fd);
 }
 
 TEST_F(LinuxVynServiceTest, IncompleteFrameTimesOutButIdleConnectionStays)
@@ -489,34 +537,34 @@ TEST_F(LinuxVynServiceTest, IncompleteFrameTimesOutButIdleConnectionStays)
 
 TEST_F(LinuxVynServiceTest, ConnectionsPastTheLimitsAreRefusedAndSlotsComeBack)
 {
-    config_.limits.maxConnectionsPerUid = 2;
-    Server server(config_, "svc");
-    Client first(*clientService(), "svc");
-    Client second(*clientService(), "svc");
-    ASSERT_EQ(echoed(second.call(request("in"))), "in");
+    struct Case {
+        std::size_t perUid, total;
+        const char* logged;
+    };
+    for (const Case& tc : {Case{2, 10, "2 connections for uid"}, Case{10, 2, "2 connections in all (limit 2)"}}) {
+        SCOPED_TRACE(tc.logged);
+        log_.clear();
+        config_.limits.maxConnectionsPerUid = tc.perUid;
+        config_.limits.maxConnections = tc.total;
+        Server server(config_, "svc");
+        auto first = std::make_unique<Client>(*clientService(), "svc");
+        Client second(*clientService(), "svc");
+        ASSERT_EQ(echoed(second.call(request("in"))), "in");
 
-    int third = test::connectUnix(socketPath());
-    ASSERT_GE(third, 0);
-    EXPECT_TRUE(closedByPeer(third));
-    ::close(third);
-    EXPECT_EQ(log_.countContaining("refused connection from pid"), 1u);
-    EXPECT_EQ(log_.countContaining("connections for uid"), 1u);
-    EXPECT_EQ(server.peerCount(), 2u);
+        int third = test::connectUnix(socketPath());
+        ASSERT_GE(third, 0);
+        EXPECT_TRUE(closedByPeer(third));
+        ::close(third);
+        EXPECT_EQ(log_.countContaining("refused connection from pid"), 1u);
+        EXPECT_EQ(log_.countContaining(tc.logged), 1u);
+        EXPECT_EQ(server.peerCount(), 2u);
 
-    first.connection->cancel();
-    ASSERT_TRUE(eventually([&] { return server.service().connectionCount() == 1; }));
-    Client fourth(*clientService(), "svc");
-    EXPECT_EQ(echoed(fourth.call(request("admitted"))), "admitted");
-
-    config_.limits.maxConnectionsPerUid = 10;
-    config_.limits.maxConnections = 1;
-    Server small(config_, dir_.path() + "/small");
-    Client one(*clientService(), dir_.path() + "/small");
-    ASSERT_EQ(echoed(one.call(request("one"))), "one");
-    int two = test::connectUnix(dir_.path() + "/small");
-    EXPECT_TRUE(closedByPeer(two));
-    ::close(two);
-    EXPECT_EQ(log_.countContaining("connections in all (limit 1)"), 1u);
+        // A closed connection's place comes back.
+        first->connection->cancel();
+        ASSERT_TRUE(eventually([&] { return server.service().connectionCount() == 1; }));
+        Client fourth(*clientService(), "svc");
+        EXPECT_EQ(echoed(fourth.call(request("admitted"))), "admitted");
+    }
 }
 
 TEST_F(LinuxVynServiceTest, PeerThatDoesNotReadIsCutForUnsentOutput)
@@ -541,39 +589,102 @@ TEST_F(LinuxVynServiceTest, PeerThatDoesNotReadIsCutForUnsentOutput)
     ::close(deaf);
 }
 
-TEST_F(LinuxVynServiceTest, ReadingStopsAtTheInFlightLimitAndResumesWithReplies)
+TEST_F(LinuxVynServiceTest, EveryRequestCountsInFlightUntilAnsweredOrRun)
 {
     config_.limits.maxInFlight = 3;
     Server server(config_, "svc");
     server.setEcho(false);
     Client client(*clientService(), "svc");
-    // Messages without a reply expected do not count against the limit.
-    for (int i = 0; i < 3; ++i)
+    // One-way requests count too, until they have run.
+    for (int i = 0; i < 2; ++i)
         client.connection->send(request("one-way"));
     std::vector<std::shared_ptr<Recorder>> answers;
-    for (int i = 0; i < 5; ++i)
+    for (int i = 0; i < 4; ++i)
         answers.push_back(client.send(request("q" + std::to_string(i))));
     auto peer = server.peer(0);
     ASSERT_TRUE(peer);
-    ASSERT_TRUE(eventually([&] { return peer->events.size() == 6; }));
+    ASSERT_TRUE(eventually([&] { return peer->events.size() == 3; }));
     std::this_thread::sleep_for(100ms); // give a fourth request the chance to slip through
-    ASSERT_EQ(peer->events.size(), 6u);
+    ASSERT_EQ(peer->events.size(), 3u);
 
-    auto answerQ = [&](std::size_t i) { answer(*peer->connection, peer->events.messages().at(3 + i)); };
-    answerQ(1);
-    ASSERT_TRUE(eventually([&] { return peer->events.size() == 7; }));
+    peer->dropOldest(); // the first one-way request has run
+    ASSERT_TRUE(eventually([&] { return peer->events.size() == 4; }));
     std::this_thread::sleep_for(50ms);
-    EXPECT_EQ(peer->events.size(), 7u);
+    EXPECT_EQ(peer->events.size(), 4u);
+
+    // A reply handed to send() frees the place at once, even while the
+    // request is still held.
+    auto answerQ = [&](std::size_t i) { answer(*peer->connection, peer->events.messages().at(2 + i)); };
+    answerQ(1);
+    ASSERT_TRUE(eventually([&] { return peer->events.size() == 5; }));
     answerQ(0);
     answerQ(2);
-    ASSERT_TRUE(eventually([&] { return peer->events.size() == 8; }));
+    ASSERT_TRUE(eventually([&] { return peer->events.size() == 6; }));
     answerQ(3);
-    answerQ(4);
-    for (std::size_t i = 0; i < 5; ++i) {
+    for (std::size_t i = 0; i < 4; ++i) {
         ASSERT_TRUE(eventually([&] { return answers[i]->size() == 1; }));
         EXPECT_EQ(echoed(answers[i]->events().front()), "q" + std::to_string(i));
     }
     EXPECT_EQ(log_.countContaining("cut"), 0u);
+}
+
+TEST_F(LinuxVynServiceTest, DecodedRequestsAreBoundedPerConnectionAndPerUid)
+{
+    // Each request decodes to about 192 KiB: one fits a connection, and a
+    // second one from another connection of the same uid does not fit the
+    // uid's quota.
+    config_.limits.maxQueuedPerConnection = 256u << 10;
+    config_.limits.maxQueuedPerUid = 320u << 10;
+    Server server(config_, "svc");
+    server.setEcho(false);
+    Message big = request("big");
+    big.set("b", Value(Array(8000, Value(true))));
+    Client a(*clientService(), "svc");
+    for (int i = 0; i < 3; ++i)
+        a.connection->send(big);
+    auto peerA = server.peer(0);
+    ASSERT_TRUE(peerA);
+    ASSERT_TRUE(eventually([&] { return peerA->events.size() == 1; }));
+    Client b(*clientService(), "svc");
+    b.connection->send(big);
+    auto peerB = server.peer(1);
+    ASSERT_TRUE(peerB);
+    std::this_thread::sleep_for(100ms); // a second request would have arrived by now
+    EXPECT_EQ(peerA->events.size() + peerB->events.size(), 1u);
+    EXPECT_EQ(log_.countContaining("quota of uid"), 1u);
+
+    // Each request that has run lets exactly the next one in.
+    for (std::size_t delivered = 2; delivered <= 4; ++delivered) {
+        auto& holder = peerA->heldCount() ? *peerA : *peerB;
+        holder.dropOldest();
+        ASSERT_TRUE(eventually([&] { return peerA->events.size() + peerB->events.size() == delivered; }));
+        EXPECT_EQ(peerA->heldCount() + peerB->heldCount(), 1u);
+    }
+    EXPECT_EQ(peerB->events.size(), 1u);
+    EXPECT_EQ(log_.countContaining("cut"), 0u);
+}
+
+TEST_F(LinuxVynServiceTest, ReadBufferGrowsWithTheBytesThatArrive)
+{
+    config_.limits.incompleteFrameTimeoutMs = 30000;
+    Server server(config_, "svc");
+    int fd = test::connectUnix(socketPath());
+    Bytes claim = rawFrame(1, {});
+    std::uint32_t body = (4u << 20) - 24; // the whole limit, announced
+    std::memcpy(claim.data() + 4, &body, 4);
+    claim.push_back(0x0b);
+    writeAll(fd, claim.data(), claim.size());
+    auto peer = server.peer(0);
+    ASSERT_TRUE(peer);
+    auto connection = std::dynamic_pointer_cast<LinuxVynConnection>(peer->connection);
+    ASSERT_TRUE(eventually([&] { return connection->readBufferSize() > 0; }));
+    EXPECT_LE(connection->readBufferSize(), 64u << 10);
+
+    Bytes more(1u << 20, 0);
+    writeAll(fd, more.data(), more.size());
+    ASSERT_TRUE(eventually([&] { return connection->readBufferSize() > (1u << 20); }));
+    EXPECT_LE(connection->readBufferSize(), 3u << 20);
+    ::close(fd);
 }
 
 TEST_F(LinuxVynServiceTest, PassedFileDescriptorsAreClosedAtOnce)
@@ -653,10 +764,12 @@ TEST_F(LinuxVynServiceTest, InheritedSocketIsUsedInsteadOfBinding)
 
 TEST(SocketActivationTest, TakesOnlySocketsMeantForThisProcess)
 {
-    EXPECT_TRUE(SocketActivation::parse("41", "1", nullptr, 42).empty());
-    EXPECT_TRUE(SocketActivation::parse("42", "0", nullptr, 42).empty());
-    EXPECT_TRUE(SocketActivation::parse("42", "x", nullptr, 42).empty());
-    EXPECT_TRUE(SocketActivation::parse(nullptr, "1", nullptr, 42).empty());
+    struct Case {
+        const char *pid, *fds;
+    };
+    // Another process's sockets, none, a malformed count, no LISTEN_PID.
+    for (const Case& tc : {Case{"41", "1"}, Case{"42", "0"}, Case{"42", "x"}, Case{nullptr, "1"}})
+        EXPECT_TRUE(SocketActivation::parse(tc.pid, tc.fds, nullptr, 42).empty()) << (tc.pid ? tc.pid : "null");
     auto sockets = SocketActivation::parse("42", "3", "a:tvd.socket", 42);
     ASSERT_EQ(sockets.size(), 3u);
     EXPECT_EQ(sockets[0].fd, 3);

@@ -1,0 +1,82 @@
+#include "platform/PlatformConfig.h"
+
+#include "tests/support/TestDaemon.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <functional>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tv::platform {
+namespace {
+
+TEST(PlatformConfigTest, ConnectionCapsFitTheDescriptorBudget)
+{
+    struct Case {
+        std::uint64_t descriptors;
+        std::size_t total, perUid;
+    };
+    const Case cases[] = {
+        {1024, 448, 56},         // the usual soft limit: (1024 - 128) / 2
+        {4096, 1984, 248},       // just short of 2048 in all
+        {4224, 2048, 256},       // enough: the configured caps stand
+        {1048576, 2048, 256},
+        {100, 1, 1},             // below the reserve: still one
+    };
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.descriptors);
+        VynLimits fitted = VynLimits{}.fittedToDescriptors(tc.descriptors);
+        EXPECT_EQ(fitted.maxConnections, tc.total);
+        EXPECT_EQ(fitted.maxConnectionsPerUid, tc.perUid);
+    }
+    // A per-uid cap configured above an eighth is kept while nothing is cut.
+    VynLimits generous;
+    generous.maxConnectionsPerUid = 2048;
+    EXPECT_EQ(generous.fittedToDescriptors(1048576).maxConnectionsPerUid, 2048u);
+}
+
+TEST(PlatformConfigTest, RuntimeFallbackMustBeAPrivateDirectoryOfOurs)
+{
+    test::TempDir dir;
+    struct Case {
+        const char* name;
+        std::function<void(const std::string&)> prepare;
+        bool accepted;
+    };
+    const Case cases[] = {
+        {"missing: made 0700", [](const std::string&) {}, true},
+        {"ours, 0700", [](const std::string& p) { ::mkdir(p.c_str(), 0700); }, true},
+        {"ours, 0755", [](const std::string& p) { ::mkdir(p.c_str(), 0700), ::chmod(p.c_str(), 0755); }, false},
+        {"ours, 1777", [](const std::string& p) { ::mkdir(p.c_str(), 0700), ::chmod(p.c_str(), 01777); }, false},
+        {"link to ours", [&](const std::string& p) {
+             ::mkdir(dir.file("target").c_str(), 0700);
+             ::symlink(dir.file("target").c_str(), p.c_str());
+         }, false},
+        {"a file", [](const std::string& p) { ::close(::creat(p.c_str(), 0700)); }, false},
+    };
+    int n = 0;
+    for (const auto& tc : cases) {
+        SCOPED_TRACE(tc.name);
+        std::string path = dir.file("runtime" + std::to_string(n++));
+        tc.prepare(path);
+        EXPECT_EQ(!PlatformConfig::ensurePrivateDirectory(path), tc.accepted);
+        struct stat st{};
+        if (tc.accepted) {
+            EXPECT_TRUE(::lstat(path.c_str(), &st) == 0 && (st.st_mode & 07777) == 0700);
+        }
+    }
+    // Another user's directory, where this test may give one away.
+    if (::geteuid() == 0) {
+        std::string foreign = dir.file("foreign");
+        ::mkdir(foreign.c_str(), 0700);
+        ASSERT_EQ(::chown(foreign.c_str(), 4242, 4242), 0);
+        auto err = PlatformConfig::ensurePrivateDirectory(foreign);
+        ASSERT_TRUE(err);
+        EXPECT_NE(err->description->find("owner 4242"), std::string::npos);
+    }
+}
+
+} // namespace
+} // namespace tv::platform
