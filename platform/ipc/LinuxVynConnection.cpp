@@ -129,20 +129,20 @@ void LinuxVynConnection::send(Message message)
     if (!frame)
         platformLog(LogLevel::Error, "vyn", "%{public}s: message dropped: %{public}s", description_,
                     frame.error().localizedDescription());
-    auto self = shared_from_this();
-    std::optional<Bytes> bytes;
-    if (frame)
-        bytes = std::move(frame).value();
-    runtime_->post([self, bytes = std::move(bytes), replyTo]() mutable {
-        if (bytes && !self->closed_) {
-            VynFrame::setMessageId(*bytes, self->nextMessageId_++);
-            self->enqueueFrame(std::move(*bytes));
+    std::optional<Failure> failure;
+    bool resume = false;
+    {
+        std::lock_guard lock(outMutex_);
+        if (frame && !closed_) {
+            VynFrame::setMessageId(*frame, nextMessageId_++);
+            failure = enqueueLocked(std::move(frame).value());
         }
         // A reply that could not be encoded still answers its request, or
         // the connection would stop reading for good.
         if (replyTo != 0)
-            self->markAnswered(replyTo);
-    });
+            resume = answeredLocked(replyTo);
+    }
+    afterWrite(std::move(failure), resume);
 }
 
 void LinuxVynConnection::sendWithReply(Message message, std::shared_ptr<SerialQueue> queue, ReplyHandler handler)
@@ -160,19 +160,38 @@ void LinuxVynConnection::sendWithReply(Message message, std::shared_ptr<SerialQu
                                         std::to_string(limits_.maxRequestFrame) + " bytes"});
         return;
     }
-    auto self = shared_from_this();
-    bool posted = runtime_->post([self, bytes = std::move(frame).value(), pending]() mutable {
-        if (self->closed_) {
-            failReply(pending, invalidError());
-            return;
+    std::optional<Failure> failure;
+    bool gone = false;
+    {
+        std::lock_guard lock(outMutex_);
+        if (closed_) {
+            gone = true;
+        } else {
+            std::uint64_t id = nextMessageId_++;
+            VynFrame::setMessageId(*frame, id);
+            pending_.emplace(id, pending);
+            failure = enqueueLocked(std::move(frame).value());
         }
-        std::uint64_t id = self->nextMessageId_++;
-        VynFrame::setMessageId(bytes, id);
-        self->pending_.emplace(id, pending);
-        self->enqueueFrame(std::move(bytes));
-    });
-    if (!posted)
+    }
+    if (gone)
         failReply(pending, invalidError());
+    afterWrite(std::move(failure), false);
+}
+
+void LinuxVynConnection::afterWrite(std::optional<Failure> failure, bool resume)
+{
+    if (!failure && !resume)
+        return;
+    auto work = [self = shared_from_this(), failure = std::move(failure), resume] {
+        if (failure)
+            self->close(failure->reason, failure->cut);
+        if (resume)
+            self->resumeReading();
+    };
+    if (runtime_->isCurrent())
+        work();
+    else
+        runtime_->post(std::move(work)); // refused only while stopping, which closes the connection anyway
 }
 
 void LinuxVynConnection::announceTermination()
@@ -198,29 +217,39 @@ void LinuxVynConnection::start()
     }
     if (slot_)
         slot_->attach(weak_from_this());
-    writing_ = !out_.empty();
-    interest_ = (reading_ ? EPOLLIN | EPOLLRDHUP : 0u) | (writing_ ? EPOLLOUT : 0u);
-    runtime_->watch(fd_, interest_, shared_from_this());
-    watched_ = true;
-    flush();
+    std::optional<std::string> error;
+    {
+        std::lock_guard lock(outMutex_);
+        writing_ = !out_.empty();
+        interest_ = (reading_ ? EPOLLIN | EPOLLRDHUP : 0u) | (writing_ ? EPOLLOUT : 0u);
+        runtime_->watch(fd_, interest_, shared_from_this());
+        watched_ = true;
+        error = flushLocked();
+    }
+    if (error)
+        close(*error, false);
 }
 
-void LinuxVynConnection::enqueueFrame(Bytes frame)
+std::optional<LinuxVynConnection::Failure> LinuxVynConnection::enqueueLocked(Bytes frame)
 {
     outPending_ += frame.size();
     out_.push_back(std::move(frame));
-    if (watched_)
-        flush();
-    if (closed_ || role_ != Role::Accepted || out_.empty())
-        return;
+    // While earlier output waits for the socket, the runtime's thread writes
+    // this frame with it once the socket is writable.
+    if (watched_ && !writing_)
+        if (auto error = flushLocked())
+            return Failure{*error, false};
+    if (role_ != Role::Accepted || out_.empty())
+        return std::nullopt;
     std::size_t behind = outPending_ - (out_.front().size() - outOffset_);
     if (behind > limits_.maxUnsentOutput)
-        close(std::to_string(behind) + " bytes of unsent output exceed the limit of " +
-                  std::to_string(limits_.maxUnsentOutput) + " bytes",
-              true);
+        return Failure{std::to_string(behind) + " bytes of unsent output exceed the limit of " +
+                           std::to_string(limits_.maxUnsentOutput) + " bytes",
+                       true};
+    return std::nullopt;
 }
 
-void LinuxVynConnection::flush()
+std::optional<std::string> LinuxVynConnection::flushLocked()
 {
     while (!out_.empty()) {
         iovec iov[kMaxIov];
@@ -239,8 +268,7 @@ void LinuxVynConnection::flush()
                 continue;
             if (errno == EAGAIN || errno == EWOULDBLOCK)
                 break;
-            close(*posixError(errno, "write").description, false);
-            return;
+            return *posixError(errno, "write").description;
         }
         auto left = static_cast<std::size_t>(written);
         outPending_ -= left;
@@ -259,18 +287,26 @@ void LinuxVynConnection::flush()
     bool wantWrite = !out_.empty();
     if (wantWrite != writing_) {
         writing_ = wantWrite;
-        updateInterest();
+        updateInterestLocked();
     }
+    return std::nullopt;
 }
 
 void LinuxVynConnection::handleEvents(std::uint32_t events)
 {
     if (closed_)
         return;
-    if (events & EPOLLOUT)
-        flush();
-    if (closed_)
-        return;
+    if (events & EPOLLOUT) {
+        std::optional<std::string> error;
+        {
+            std::lock_guard lock(outMutex_);
+            error = flushLocked();
+        }
+        if (error) {
+            close(*error, false);
+            return;
+        }
+    }
     if (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) {
         if (reading_)
             readAvailable();
@@ -327,6 +363,9 @@ void LinuxVynConnection::readAvailable()
         inEnd_ += static_cast<std::size_t>(n);
         budget -= std::min(budget, static_cast<std::size_t>(n));
         processFrames();
+        // A short read emptied the socket: no need to ask again for EAGAIN.
+        if (static_cast<std::size_t>(n) < iov.iov_len)
+            break;
     }
     if (closed_)
         return;
@@ -340,9 +379,17 @@ void LinuxVynConnection::readAvailable()
 void LinuxVynConnection::processFrames()
 {
     while (!closed_) {
-        if (role_ == Role::Accepted && unanswered_.size() >= limits_.maxInFlight) {
-            setReading(false);
-            return;
+        if (role_ == Role::Accepted) {
+            bool full;
+            {
+                std::lock_guard lock(outMutex_);
+                full = unanswered_.size() >= limits_.maxInFlight;
+                readingPaused_ = full;
+            }
+            if (full) {
+                setReading(false);
+                return;
+            }
         }
         std::size_t available = inEnd_ - inStart_;
         if (!header_) {
@@ -381,28 +428,50 @@ void LinuxVynConnection::processFrames()
 void LinuxVynConnection::dispatch(Message message)
 {
     if (message.isReply()) {
-        auto it = pending_.find(message.replyTo());
-        if (it == pending_.end()) {
+        std::shared_ptr<PendingReply> pending;
+        {
+            std::lock_guard lock(outMutex_);
+            auto it = pending_.find(message.replyTo());
+            if (it != pending_.end()) {
+                pending = std::move(it->second);
+                pending_.erase(it);
+            }
+        }
+        if (!pending) {
             platformLog(LogLevel::Info, "vyn", "%{public}s: dropped a reply to unknown message %llu", description_,
                         message.replyTo());
             return;
         }
-        auto pending = std::move(it->second);
-        pending_.erase(it);
         pending->queue->async([pending, message = std::move(message)] { pending->handler(message); });
         return;
     }
-    if (role_ == Role::Accepted && message.expectsReply() && !unanswered_.insert(message.messageId()).second) {
+    bool reused = false;
+    if (role_ == Role::Accepted && message.expectsReply()) {
+        std::lock_guard lock(outMutex_);
+        reused = !unanswered_.insert(message.messageId()).second;
+    }
+    if (reused) {
         close("message id " + std::to_string(message.messageId()) + " reused while its request is unanswered", true);
         return;
     }
     deliverEvent(std::move(message));
 }
 
-void LinuxVynConnection::markAnswered(std::uint64_t requestId)
+bool LinuxVynConnection::answeredLocked(std::uint64_t requestId)
 {
-    if (!unanswered_.erase(requestId) || closed_ || reading_ || unanswered_.size() >= limits_.maxInFlight)
+    return unanswered_.erase(requestId) && readingPaused_ && !closed_ && unanswered_.size() < limits_.maxInFlight;
+}
+
+void LinuxVynConnection::resumeReading()
+{
+    if (closed_ || reading_)
         return;
+    {
+        std::lock_guard lock(outMutex_);
+        if (unanswered_.size() >= limits_.maxInFlight)
+            return;
+        readingPaused_ = false;
+    }
     setReading(true);
     processFrames();
     if (!closed_)
@@ -411,13 +480,16 @@ void LinuxVynConnection::markAnswered(std::uint64_t requestId)
 
 void LinuxVynConnection::setReading(bool reading)
 {
-    reading_ = reading;
-    updateInterest();
+    {
+        std::lock_guard lock(outMutex_);
+        reading_ = reading;
+        updateInterestLocked();
+    }
     if (!reading)
         updateIncompleteFrameTimer();
 }
 
-void LinuxVynConnection::updateInterest()
+void LinuxVynConnection::updateInterestLocked()
 {
     if (!watched_)
         return;
@@ -454,7 +526,25 @@ void LinuxVynConnection::close(const std::string& reason, bool cut)
 {
     if (closed_)
         return;
-    closed_ = true;
+    std::unordered_map<std::uint64_t, std::shared_ptr<PendingReply>> pending;
+    {
+        std::lock_guard lock(outMutex_);
+        closed_ = true;
+        if (watched_) {
+            watched_ = false;
+            runtime_->unwatch(fd_);
+        }
+        if (fd_ >= 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+        out_.clear();
+        outPending_ = 0;
+        outOffset_ = 0;
+        unanswered_.clear();
+        pending = std::move(pending_);
+        pending_.clear();
+    }
     if (cut)
         platformLog(LogLevel::Default, "vyn", "cut %{public}s: %{public}s", description_, reason);
     else
@@ -463,24 +553,10 @@ void LinuxVynConnection::close(const std::string& reason, bool cut)
         runtime_->cancelTimer(*incompleteTimer_);
         incompleteTimer_.reset();
     }
-    if (watched_) {
-        watched_ = false;
-        runtime_->unwatch(fd_);
-    }
-    if (fd_ >= 0) {
-        ::close(fd_);
-        fd_ = -1;
-    }
     slot_.reset();
-    out_.clear();
-    outPending_ = 0;
-    outOffset_ = 0;
     Bytes().swap(in_);
     inStart_ = inEnd_ = 0;
     header_.reset();
-    unanswered_.clear();
-    auto pending = std::move(pending_);
-    pending_.clear();
     for (auto& [id, p] : pending)
         failReply(p, invalidError());
     if (resumed_)
@@ -492,7 +568,7 @@ void LinuxVynConnection::close(const std::string& reason, bool cut)
 
 void LinuxVynConnection::deliverEvent(VynEvent event)
 {
-    queue_->async([self = shared_from_this(), event = std::move(event)] {
+    auto task = [self = shared_from_this(), event = std::move(event)] {
         std::shared_ptr<const EventHandler> handler;
         {
             std::lock_guard lock(self->mutex_);
@@ -500,7 +576,13 @@ void LinuxVynConnection::deliverEvent(VynEvent event)
         }
         if (handler && *handler)
             (*handler)(event);
-    });
+    };
+    // The daemon's handlers of connection events are short (they queue the
+    // request); a client's run its own code and keep their thread.
+    if (role_ == Role::Accepted)
+        queue_->runOrAsync(std::move(task));
+    else
+        queue_->async(std::move(task));
 }
 
 void LinuxVynConnection::deliverInvalidOnce()

@@ -2,8 +2,14 @@
 // accepted by a listener (daemon side) or made by VynService::connect
 // (client side).
 //
-// All socket work happens on the service's VynRuntime thread; the public
-// operations may be called from any thread and hand their work over to it.
+// Reading, decoding and connection state live on the service's VynRuntime
+// thread. Writing does not: send() and sendWithReply() encode and write the
+// frame on the calling thread when nothing is queued before it (the output
+// side is guarded by a mutex), and leave the rest to the runtime thread,
+// which writes when the socket can take more. A daemon-side connection runs
+// its event handler on the runtime thread when the connection's queue is
+// idle (SerialQueue::runOrAsync), so a request costs no thread hand-off
+// before it reaches the handler.
 // Events go to the event handler on the connection's queue, in the order
 // the frames arrived; replies go to their own handler on the queue given
 // with sendWithReply(). ConnectionInvalid is delivered exactly once and
@@ -38,6 +44,8 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -91,20 +99,31 @@ private:
         ReplyHandler handler;
     };
 
+    // A reason to close the connection found while writing.
+    struct Failure {
+        std::string reason;
+        bool cut = false;
+    };
+
     // Runtime's thread.
     void start();
-    void enqueueFrame(Bytes frame);
-    void flush();
     void readAvailable();
     void processFrames();
     void dispatch(Message message);
-    void markAnswered(std::uint64_t requestId);
+    void resumeReading();
     void setReading(bool reading);
-    void updateInterest();
     void updateIncompleteFrameTimer();
     void close(const std::string& reason, bool cut);
 
+    // Any thread, with outMutex_ held.
+    std::optional<Failure> enqueueLocked(Bytes frame);
+    std::optional<std::string> flushLocked();
+    void updateInterestLocked();
+    // Counts the request answered; true when reading should resume.
+    bool answeredLocked(std::uint64_t requestId);
+
     // Any thread.
+    void afterWrite(std::optional<Failure> failure, bool resume);
     void deliverEvent(VynEvent event);
     void deliverInvalidOnce();
     static void failReply(const std::shared_ptr<PendingReply>& pending, VynError error);
@@ -123,16 +142,15 @@ private:
     std::atomic<bool> invalidDelivered_{false};
     std::atomic<bool> resumeRequested_{false};
 
-    // Runtime's thread only.
-    int fd_;
+    // Runtime's thread only; the fields also under outMutex_ are written
+    // with it held, so that other threads may read them under it.
+    int fd_;                 // also outMutex_
     std::string failure_;
     std::unique_ptr<VynConnectionTable::Slot> slot_;
     bool resumed_ = false;
-    bool closed_ = false;
-    bool watched_ = false;
-    bool reading_ = true;
-    bool writing_ = false;
-    std::uint32_t interest_ = 0;
+    bool closed_ = false;    // also outMutex_
+    bool watched_ = false;   // also outMutex_
+    bool reading_ = true;    // also outMutex_
 
     Bytes in_;
     std::size_t inStart_ = 0;
@@ -142,13 +160,18 @@ private:
     std::optional<VynRuntime::TimerId> incompleteTimer_;
     std::uint64_t incompleteTimerFrame_ = 0;
 
+    // The output side and the request bookkeeping, shared by the writing
+    // threads and the runtime's thread.
+    std::mutex outMutex_;
+    bool writing_ = false;
+    std::uint32_t interest_ = 0;
     std::deque<Bytes> out_;
     std::size_t outOffset_ = 0;  // bytes of out_.front() already written
     std::size_t outPending_ = 0; // unwritten bytes in out_
-
     std::uint64_t nextMessageId_ = 1;
     std::unordered_map<std::uint64_t, std::shared_ptr<PendingReply>> pending_;
     std::unordered_set<std::uint64_t> unanswered_; // daemon side: requests expecting a reply
+    bool readingPaused_ = false; // reading stopped at maxInFlight
 };
 
 } // namespace tv::platform
