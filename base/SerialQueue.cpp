@@ -59,12 +59,48 @@ void SerialQueue::async(Task task)
     {
         std::lock_guard lock(mutex_);
         tasks_.push_back(std::move(task));
-        if (!manual_ && !threadStarted_) {
-            threadStarted_ = true;
-            thread_ = std::thread([this] { workerLoop(); });
-        }
+        startWorkerLocked();
     }
     cv_.notify_one();
+}
+
+void SerialQueue::runOrAsync(Task task)
+{
+    bool here = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (!manual_ && !running_ && tasks_.empty() && !stopping_ && !isCurrent()) {
+            running_ = true;
+            here = true;
+        } else {
+            tasks_.push_back(std::move(task));
+            startWorkerLocked();
+        }
+    }
+    if (!here) {
+        cv_.notify_one();
+        return;
+    }
+    // The task may drop the last outside reference to this queue.
+    std::shared_ptr<SerialQueue> keep = weak_from_this().lock();
+    runTask(task);
+    task = nullptr; // what it captured goes before the next task starts
+    bool more;
+    {
+        std::lock_guard lock(mutex_);
+        running_ = false;
+        more = !tasks_.empty();
+    }
+    if (more)
+        cv_.notify_one();
+}
+
+void SerialQueue::startWorkerLocked()
+{
+    if (!manual_ && !threadStarted_) {
+        threadStarted_ = true;
+        thread_ = std::thread([this] { workerLoop(); });
+    }
 }
 
 void SerialQueue::runTask(Task& task)
@@ -109,11 +145,13 @@ void SerialQueue::workerLoop()
         Task task;
         {
             std::unique_lock lock(mutex_);
-            cv_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
+            // A task run inline by another thread excludes the worker.
+            cv_.wait(lock, [this] { return !running_ && (stopping_ || !tasks_.empty()); });
             if (tasks_.empty())
                 return; // stopping and drained
             task = std::move(tasks_.front());
             tasks_.pop_front();
+            running_ = true;
         }
         // A task (or what it captured) may hold the last reference to this
         // queue. Keep the queue alive until the task is gone, so that the
@@ -121,6 +159,10 @@ void SerialQueue::workerLoop()
         std::shared_ptr<SerialQueue> keep = weak_from_this().lock();
         runTask(task);
         task = nullptr;
+        {
+            std::lock_guard lock(mutex_);
+            running_ = false;
+        }
         keep.reset();
         if (tQueueReleasedByOwnWorker)
             return;
@@ -183,6 +225,22 @@ std::size_t SerialQueue::runUntilIdle()
         runTask(task);
         ++ran;
     }
+}
+
+bool SerialQueue::runOne()
+{
+    if (!manual_)
+        raiseInternalInconsistency("runOne on threaded queue \"" + label_ + "\"");
+    Task task;
+    {
+        std::lock_guard lock(mutex_);
+        if (tasks_.empty())
+            return false;
+        task = std::move(tasks_.front());
+        tasks_.pop_front();
+    }
+    runTask(task);
+    return true;
 }
 
 std::size_t SerialQueue::pending() const

@@ -51,6 +51,13 @@ public:
     // Schedules the task and returns at once.
     void async(Task task);
 
+    // Runs the task at once on the calling thread, as a task of this queue,
+    // when the queue is idle (nothing queued, nothing running); otherwise
+    // like async(). Saves the thread hand-off for cheap tasks submitted from
+    // a thread that may run them (the IPC thread). Order and mutual
+    // exclusion are those of async(). A manual queue always queues.
+    void runOrAsync(Task task);
+
     // Runs the task on the queue and returns when it has run. An exception
     // thrown by the task is rethrown here.
     // REQUIRES: not called from a task of this queue (raised otherwise).
@@ -68,6 +75,8 @@ public:
     // Manual mode: runs queued tasks (including those they submit) until none
     // is left; returns how many ran. REQUIRES: manual queue.
     std::size_t runUntilIdle();
+    // Manual mode: runs the oldest queued task, if any; true when one ran.
+    bool runOne();
 
     // Number of tasks submitted but not yet started.
     std::size_t pending() const;
@@ -82,6 +91,7 @@ public:
 private:
     SerialQueue(std::string label, QoS qos, bool manual);
     void workerLoop();
+    void startWorkerLocked();
     void runTask(Task& task);
 
     const std::string label_;
@@ -92,6 +102,7 @@ private:
     std::condition_variable cv_;
     std::deque<Task> tasks_;
     bool stopping_ = false;
+    bool running_ = false; // a task runs, on the worker or inline
     bool threadStarted_ = false;
     std::thread thread_;
     // Held while a task runs, so that sync() on a manual queue from another

@@ -38,6 +38,15 @@ const std::array<Route, 9> kRoutes{{
 
 } // namespace
 
+// A walk over "paths" that may span several slices.
+struct Transaction::PathWalk {
+    PathStep step;
+    std::function<void()> walked;
+    std::size_t next = 0;
+};
+
+Transaction::~Transaction() = default;
+
 Transaction::Transaction(platform::Message request, std::shared_ptr<TvdVynClient> client)
     : client_(std::move(client)), request_(std::move(request))
 {
@@ -70,31 +79,66 @@ void Transaction::dispatch()
     TvLog::ops().debug("client %d requested %{public}s", client_->pid(), type ? type->c_str() : nullptr);
     TvdTrace::request(client_->pid(), type ? type->c_str() : nullptr);
 
-    try {
+    startSlice();
+    guarded(type ? type->c_str() : "untyped", [&] {
         if (!type)
             failMessage(4, "invalid request format (missing type)");
         else
             route(*type);
+    });
+}
+
+bool Transaction::resume()
+{
+    if (!walk_)
+        return true;
+    if (!client_->acceptWork()) {
+        // The client died while its request was suspended: nobody waits for
+        // the rest.
+        walk_.reset();
+        return true;
+    }
+    startSlice();
+    const std::string* type = request_.stringForKey("request");
+    guarded(type ? type->c_str() : "untyped", [&] { continueWalk(); });
+    return !walk_;
+}
+
+void Transaction::guarded(const char* type, const std::function<void()>& serve)
+{
+    try {
+        serve();
     } catch (const TvInternalInconsistency& e) {
         // A broken invariant ends this request only; the client learns that
         // it failed, not why.
-        TvLog::ops().error("internal inconsistency while serving %{public}s request of client %d: %{public}s",
-                           type ? type->c_str() : "untyped", client_->pid(), e.what());
+        walk_.reset();
+        TvLog::ops().error("internal inconsistency while serving %{public}s request of client %d: %{public}s", type,
+                           client_->pid(), e.what());
         if (!replied_)
             failMessage(4, "internal error");
     } catch (const std::exception& e) {
         // Anything else a handler throws (allocation failure, a library
         // error) also ends only this request, with its one reply.
-        TvLog::ops().error("exception while serving %{public}s request of client %d: %{public}s",
-                           type ? type->c_str() : "untyped", client_->pid(), e.what());
+        walk_.reset();
+        TvLog::ops().error("exception while serving %{public}s request of client %d: %{public}s", type,
+                           client_->pid(), e.what());
         if (!replied_)
             failMessage(4, "internal error");
     } catch (...) {
-        TvLog::ops().error("unknown exception while serving %{public}s request of client %d",
-                           type ? type->c_str() : "untyped", client_->pid());
+        walk_.reset();
+        TvLog::ops().error("unknown exception while serving %{public}s request of client %d", type,
+                           client_->pid());
         if (!replied_)
             failMessage(4, "internal error");
     }
+}
+
+void Transaction::startSlice()
+{
+    auto slice = std::chrono::steady_clock::duration::zero();
+    if (auto s = server())
+        slice = s->requestTimeSlice();
+    sliceEnd_ = std::chrono::steady_clock::now() + slice;
 }
 
 void Transaction::route(const std::string& type)
@@ -147,20 +191,33 @@ void Transaction::failError(std::uint64_t code, const TvError& error)
     failMessage(code, error.localizedDescription());
 }
 
-bool Transaction::marshalPaths(const PathStep& step)
+bool Transaction::marshalPaths(PathStep step, std::function<void()> walked)
 {
-    const Array* paths = request_.arrayForKey("paths");
-    if (!paths) {
+    if (!request_.arrayForKey("paths")) {
         failMessage(4, "invalid request format");
         return false;
     }
-    for (const Value& element : *paths) {
-        const std::string* path = element.asString();
+    walk_ = std::make_unique<PathWalk>(PathWalk{std::move(step), std::move(walked), 0});
+    if (sliceEnd_ == std::chrono::steady_clock::time_point{})
+        startSlice(); // walked outside dispatch()
+    return continueWalk();
+}
+
+bool Transaction::continueWalk()
+{
+    const Array& paths = *request_.arrayForKey("paths");
+    // At least one element per slice, so that a walk always advances.
+    for (std::size_t inSlice = 0; walk_->next < paths.size(); ++inSlice) {
+        if (inSlice > 0 && std::chrono::steady_clock::now() >= sliceEnd_)
+            return true; // yield: the rest runs on the client's next turn
+        const std::string* path = paths[walk_->next++].asString();
         if (!path) {
+            walk_.reset();
             failMessage(4, "invalid request format");
             return false;
         }
         if (path->empty() || (*path)[0] != '/') {
+            walk_.reset();
             failMessage(9, formatString("absolute path required: %s", *path));
             return false;
         }
@@ -172,19 +229,21 @@ bool Transaction::marshalPaths(const PathStep& step)
         }
         std::error_code ec;
         auto canonical = std::filesystem::canonical(*path, ec);
-        bool goOn = ec ? step(*path, false) : step(canonical.string(), true);
-        if (!goOn)
+        bool goOn = ec ? walk_->step(*path, false) : walk_->step(canonical.string(), true);
+        if (!goOn) {
+            walk_.reset();
             return false;
+        }
     }
+    auto walk = std::move(walk_);
+    if (walk->walked)
+        walk->walked();
     return true;
 }
 
-bool Transaction::processPaths(const PathStep& step)
+bool Transaction::processPaths(PathStep step)
 {
-    bool walked = marshalPaths(step);
-    if (walked)
-        done();
-    return walked;
+    return marshalPaths(std::move(step), [this] { done(); });
 }
 
 bool Transaction::processUuidList(const UuidStep& step)
@@ -218,7 +277,7 @@ bool Transaction::processUuidList(const UuidStep& step)
 void Transaction::addPlugIns()
 {
     auto db = server();
-    processPaths([&](const std::string& path, bool resolved) {
+    processPaths([this, db](const std::string& path, bool resolved) {
         if (!resolved) {
             failMessage(9, formatString("invalid plugin path: %@", path));
             return false;
@@ -236,7 +295,7 @@ void Transaction::addPlugIns()
 void Transaction::removePlugIns()
 {
     auto db = server();
-    processPaths([&](const std::string& path, bool resolved) {
+    processPaths([this, db](const std::string& path, bool resolved) {
         TvdTrace::pluginRemove(path, resolved);
         if (!client_->hasEntitlement(kManagerEntitlement)) {
             // Refusals of privileged requests go to the console log, where

@@ -14,12 +14,19 @@
 //    receive it); only the version refusal can get there, since it comes
 //    before the check for a dead client.
 //
+// Long requests yield: a walk over "paths" stops between elements once the
+// request has run for the server's request time slice, and resume() goes on
+// with it on the client's next turn (docs/requests.md, "Fairness"), so that
+// other clients' requests run in between. The request still ends with
+// exactly one reply.
+//
 // All transactions run one at a time on the server's "service" queue.
 #pragma once
 
 #include "base/TvError.h"
 #include "platform/ipc/Message.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -50,19 +57,30 @@ public:
     static constexpr const char* kManagerEntitlement = "com.veltra.private.tarvik.manager";
 
     Transaction(platform::Message request, std::shared_ptr<TvdVynClient> client);
+    ~Transaction();
 
-    // Serves the request. REQUIRES: on the "service" queue, called once.
+    // Serves the request, or its first slice. REQUIRES: on the "service"
+    // queue, called once.
     void dispatch();
+    // Serves the next slice of a request that yielded; true when nothing is
+    // left to do (also when it was already finished). A request whose client
+    // died meanwhile is dropped without a reply. REQUIRES: on "service".
+    bool resume();
+    // True while a walk is left to resume.
+    bool suspended() const { return walk_ != nullptr; }
 
     void done();
     void failMessage(std::uint64_t code, const std::string& message);
     void failError(std::uint64_t code, const TvError& error);
 
-    // Walks "paths": true when every path was walked (an empty array is walked
-    // at once); false after the request was ended with a failure.
-    bool marshalPaths(const PathStep& step);
-    // marshalPaths(), and the success reply when it returns true.
-    bool processPaths(const PathStep& step);
+    // Walks "paths", calling `walked` once every path was walked (at once for
+    // an empty array). The walk yields between elements when the time slice
+    // is used up; resume() continues it. Returns false when the walk has
+    // already ended the request with a failure, else true (walked, or
+    // suspended to be resumed).
+    bool marshalPaths(PathStep step, std::function<void()> walked);
+    // marshalPaths() with the success reply sent once every path was walked.
+    bool processPaths(PathStep step);
 
     // Walks "uuids", resolving each element to a registered plug-in through
     // the registry database: true when every element was walked (an empty
@@ -85,7 +103,14 @@ public:
     std::shared_ptr<platform::VynConnection> connection() const;
 
 private:
+    struct PathWalk;
+
     void route(const std::string& type);
+    // Runs `serve` with broken invariants ending this request only.
+    void guarded(const char* type, const std::function<void()>& serve);
+    void startSlice();
+    // Walks on from walk_; false when a step or check ended the request.
+    bool continueWalk();
 
     std::shared_ptr<TvdVynClient> client_;
     platform::Message request_;
@@ -93,6 +118,8 @@ private:
     bool replyRoutable_ = false;
     bool replied_ = false;
     std::uint64_t version_ = 0;
+    std::unique_ptr<PathWalk> walk_;
+    std::chrono::steady_clock::time_point sliceEnd_;
 };
 
 } // namespace tv

@@ -69,7 +69,7 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
     platform.runMainLoop = [config, vyn](TvdServer& server) {
         platform::LinuxServiceLifecycle lifecycle(
             config, vyn, server.mainQueue(),
-            std::vector<std::shared_ptr<SerialQueue>>{server.vynQueue(), server.syncQueue()});
+            std::vector<std::shared_ptr<SerialQueue>>{server.vynQueue(), server.syncQueue(), server.identifyQueue()});
         return lifecycle.run();
     };
     return platform;

@@ -34,6 +34,8 @@ std::shared_ptr<TvdServer> TvdServer::initForServiceDatabase(const char* service
     server->vynQueue_ = makeQueue("vyn", SerialQueue::QoS::Default);
     server->mainQueue_ = makeQueue("service", SerialQueue::QoS::UserInitiated);
     server->syncQueue_ = makeQueue("serverSync", SerialQueue::QoS::Default);
+    server->identifyQueue_ = makeQueue("identify", SerialQueue::QoS::Utility);
+    server->requestScheduler_ = RoundRobinScheduler::create(server->mainQueue_);
 
     auto listener = server->platform_.vyn->listen(server->serviceName_, server->vynQueue_);
     if (!listener) {

@@ -4,19 +4,26 @@
 //
 // Queues:
 //   "vyn"        the listener's events and every client connection's events;
-//   "service"    every request handler, one at a time in arrival order
-//                (user-initiated priority), and the job manager's completions;
+//   "service"    every request handler, one at a time (user-initiated
+//                priority), and the job manager's completions. Requests are
+//                served through a round-robin scheduler: clients take turns,
+//                each client's requests run in arrival order, and a long
+//                request yields after the request time slice;
 //   "serverSync" every read and change of the hold table, always entered
-//                synchronously.
+//                synchronously;
+//   "identify"   reading who a new client is (executable, bundle,
+//                entitlements), off the paths of established connections.
 //
 // Thread-safety: the accessors may be called from any thread. The hold table
 // is only touched on "serverSync".
 #pragma once
 
+#include "base/RoundRobinScheduler.h"
 #include "tvd/TvDatabase.h"
 #include "tvd/TvdPlatform.h"
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -61,6 +68,13 @@ public:
     // each completion logs one line on the "service" queue.
     void removedPlugIns(const std::vector<platform::RegistryPlugInRecordPtr>& plugIns) override;
 
+    // Serves clients' requests in turns on the "service" queue.
+    const std::shared_ptr<RoundRobinScheduler>& requestScheduler() const { return requestScheduler_; }
+    // How long one request runs before it yields to other clients' requests
+    // (between elements of the arrays it walks). 10 ms by default.
+    std::chrono::nanoseconds requestTimeSlice() const { return std::chrono::nanoseconds(requestTimeSlice_.load()); }
+    void setRequestTimeSlice(std::chrono::nanoseconds slice) { requestTimeSlice_.store(slice.count()); }
+
     // Releases every hold placed by `client`.
     void unholdClient(const std::shared_ptr<TvdVynClient>& client);
 
@@ -69,6 +83,7 @@ public:
     const std::shared_ptr<SerialQueue>& vynQueue() const { return vynQueue_; }
     const std::shared_ptr<SerialQueue>& mainQueue() const { return mainQueue_; }
     const std::shared_ptr<SerialQueue>& syncQueue() const { return syncQueue_; }
+    const std::shared_ptr<SerialQueue>& identifyQueue() const { return identifyQueue_; }
     const std::shared_ptr<platform::VynListener>& service() const { return service_; }
     const TvdPlatform& platform() const { return platform_; }
     // The daemon's preferences (global exclusions), made last at construction.
@@ -89,6 +104,9 @@ private:
     std::atomic<std::shared_ptr<TvdUserPrefs>> userPrefs_;
     std::vector<std::shared_ptr<TvdPlugInHold>> holds_; // only on syncQueue_
     std::shared_ptr<SerialQueue> syncQueue_;
+    std::shared_ptr<SerialQueue> identifyQueue_;
+    std::shared_ptr<RoundRobinScheduler> requestScheduler_;
+    std::atomic<std::int64_t> requestTimeSlice_{std::chrono::nanoseconds(std::chrono::milliseconds(10)).count()};
 };
 
 } // namespace tv

@@ -23,26 +23,41 @@ std::shared_ptr<TvdVynClient> TvdVynClient::initWithConnectionServer(
     client->server_ = std::move(server);
     client->acceptWork_ = true;
     client->pid_ = connection->pid();
-
-    const TvdPlatform& platform = client->server_->platform();
-    if (platform.processInfo) {
-        auto path = platform.processInfo->executablePath(client->pid_, connection->auditToken().pidfd);
-        if (path) {
-            client->path_ = *path;
-            if (!client->path_.empty() && client->path_.back() != '/')
-                client->bundle_ = TvBundle::initWithExecutableURL(Value::fileURL(client->path_));
-        }
-    }
-    TvLog::ops().debug("new client %d %s", client->pid_, client->path_);
     TvdTrace::clientNew(client->pid_);
 
-    if (platform.codeSigning)
-        client->task_ = platform.codeSigning->createTask(connection->auditToken());
-
+    // Requests wait, in order, until the client is identified; reading the
+    // executable and its bundle happens on the "identify" queue, so that a
+    // slow file system stalls neither the connection queue nor the requests
+    // of other clients.
+    const auto& scheduler = client->server_->requestScheduler();
+    scheduler->hold(client.get());
     connection->setContext(client);
     connection->setEventHandler([client](const platform::VynEvent& event) { client->handleEvent(event); });
     connection->resume();
+    // The task keeps the connection, and with it the pidfd, alive while the
+    // client is identified.
+    client->server_->identifyQueue()->async([client, connection] {
+        client->identify(*connection);
+        client->server_->requestScheduler()->release(client.get());
+    });
     return client;
+}
+
+void TvdVynClient::identify(const platform::VynConnection& connection)
+{
+    const TvdPlatform& platform = server_->platform();
+    if (platform.processInfo) {
+        auto path = platform.processInfo->executablePath(pid_, connection.auditToken().pidfd);
+        if (path) {
+            path_ = *path;
+            if (!path_.empty() && path_.back() != '/')
+                bundle_ = TvBundle::initWithExecutableURL(Value::fileURL(path_));
+        }
+    }
+    TvLog::ops().debug("new client %d %s", pid_, path_);
+    if (platform.codeSigning)
+        task_ = platform.codeSigning->createTask(connection.auditToken());
+    identified_.store(true, std::memory_order_release);
 }
 
 TvdVynClient::~TvdVynClient() = default;
@@ -72,11 +87,16 @@ void TvdVynClient::handleRequest(const platform::Message& message)
     if (TvdTrace::requestInputEnabled())
         TvdTrace::requestInput(pid_, message.description());
     auto transaction = std::make_shared<Transaction>(message, shared_from_this());
-    server_->submitWork([client = shared_from_this(), transaction] {
+    auto client = shared_from_this();
+    server_->requestScheduler()->submit(this, [client, transaction, started = false]() mutable {
+        if (started)
+            return transaction->resume();
+        started = true;
         ++client->requestCount_;
         if (client->requestCount_ % 1000 == 0)
             TvLog::ops().debug("client %d used %u requests so far", client->pid_, client->requestCount_);
         transaction->dispatch();
+        return !transaction->suspended();
     });
 }
 
@@ -112,8 +132,10 @@ bool TvdVynClient::hasEntitlement(std::string_view key) const
 
 std::string TvdVynClient::description() const
 {
+    static const std::string kNotYetRead;
+    const std::string& path = identified_.load(std::memory_order_acquire) ? path_ : kNotYetRead;
     if (auto c = connection())
-        return formatString("<TvdVynClient %p con=%@ pid=%d path=%@>", this, c->description(), pid_, path_);
+        return formatString("<TvdVynClient %p con=%@ pid=%d path=%@>", this, c->description(), pid_, path);
     return formatString("<TvdVynClient %p NO CONNECTION>", this);
 }
 

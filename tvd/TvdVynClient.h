@@ -9,8 +9,11 @@
 // event handler); the client refers to the connection weakly; a queued
 // request holds its client until it has run.
 //
-// Threads: connection events arrive on "vyn"; requestCount is only changed on
-// "service"; acceptWork is the one signal between the two.
+// Threads: connection events arrive on "vyn"; the client is identified
+// (path, bundle, code-signing task) on "identify" while its requests wait in
+// the server's request scheduler, which releases them once that is done, so
+// handlers always see an identified client; requestCount is only changed on
+// "service"; acceptWork is the one signal between "vyn" and "service".
 #pragma once
 
 #include "base/Value.h"
@@ -63,7 +66,7 @@ public:
     std::shared_ptr<platform::VynConnection> connection() const { return connection_.lock(); }
     const std::shared_ptr<TvdServer>& server() const { return server_; }
     // The executable path of the client process; empty when it could not be
-    // read.
+    // read. Read it from request handlers (which run after identification).
     const std::string& path() const { return path_; }
     const std::shared_ptr<TvBundle>& bundle() const { return bundle_; }
 
@@ -73,8 +76,11 @@ private:
     TvdVynClient() = default;
     void handleEvent(const platform::VynEvent& event);
     void handleRequest(const platform::Message& message);
+    // Reads the executable path, the bundle and the code-signing task.
+    void identify(const platform::VynConnection& connection);
 
     std::atomic<bool> acceptWork_{true};
+    std::atomic<bool> identified_{false};
     std::uint32_t requestCount_ = 0;
     std::weak_ptr<platform::VynConnection> connection_;
     std::shared_ptr<TvdServer> server_;

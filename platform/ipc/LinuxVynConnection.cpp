@@ -83,7 +83,10 @@ public:
 
     bool released() const { return released_.load(); }
 
-    // Any thread.
+    // Any thread, holding none of the connection's locks. The bookkeeping
+    // is done here; the runtime's thread is woken only when reading must
+    // resume, another connection waits for the uid's quota or memory is to
+    // be given back.
     void release()
     {
         if (released_.exchange(true))
@@ -91,11 +94,15 @@ public:
         VynConnectionTable::Released freed;
         if (table_)
             freed = table_->release(uid_, bytes_);
-        // The address only identifies this ticket; it is never followed.
-        runtime_->post([connection = connection_, id = requestId_, who = this, bytes = bytes_,
-                        freed = std::move(freed)] {
-            if (auto c = connection.lock())
-                c->requestDone(id, who, bytes);
+        bool resume = false;
+        if (auto c = connection_.lock())
+            resume = c->requestDone(requestId_, this, bytes_);
+        if (!resume && freed.waiters.empty() && !freed.trimMemory)
+            return;
+        runtime_->post([connection = connection_, resume, freed = std::move(freed)] {
+            if (resume)
+                if (auto c = connection.lock())
+                    c->resumeReading();
             afterRelease(freed);
         });
     }
@@ -196,20 +203,22 @@ void LinuxVynConnection::send(Message message)
     if (!frame)
         platformLog(LogLevel::Error, "vyn", "%{public}s: message dropped: %{public}s", description_,
                     frame.error().localizedDescription());
-    auto self = shared_from_this();
-    std::optional<Bytes> bytes;
-    if (frame)
-        bytes = std::move(frame).value();
-    runtime_->post([self, bytes = std::move(bytes), replyTo]() mutable {
-        if (bytes && !self->closed_) {
-            VynFrame::setMessageId(*bytes, self->nextMessageId_++);
-            self->enqueueFrame(std::move(*bytes));
+    std::optional<Failure> failure;
+    std::shared_ptr<Ticket> answered; // released after the lock
+    {
+        std::lock_guard lock(outMutex_);
+        if (frame && !closed_) {
+            VynFrame::setMessageId(*frame, nextMessageId_++);
+            failure = enqueueLocked(std::move(frame).value());
         }
         // A reply that could not be encoded still answers its request, or
         // the connection would stop reading for good.
         if (replyTo != 0)
-            self->markAnswered(replyTo);
-    });
+            answered = answeredLocked(replyTo);
+    }
+    afterWrite(std::move(failure), false);
+    if (answered)
+        answered->release();
 }
 
 void LinuxVynConnection::sendWithReply(Message message, std::shared_ptr<SerialQueue> queue, ReplyHandler handler)
@@ -227,19 +236,38 @@ void LinuxVynConnection::sendWithReply(Message message, std::shared_ptr<SerialQu
                                         std::to_string(limits_.maxRequestFrame) + " bytes"});
         return;
     }
-    auto self = shared_from_this();
-    bool posted = runtime_->post([self, bytes = std::move(frame).value(), pending]() mutable {
-        if (self->closed_) {
-            failReply(pending, invalidError());
-            return;
+    std::optional<Failure> failure;
+    bool gone = false;
+    {
+        std::lock_guard lock(outMutex_);
+        if (closed_) {
+            gone = true;
+        } else {
+            std::uint64_t id = nextMessageId_++;
+            VynFrame::setMessageId(*frame, id);
+            pending_.emplace(id, pending);
+            failure = enqueueLocked(std::move(frame).value());
         }
-        std::uint64_t id = self->nextMessageId_++;
-        VynFrame::setMessageId(bytes, id);
-        self->pending_.emplace(id, pending);
-        self->enqueueFrame(std::move(bytes));
-    });
-    if (!posted)
+    }
+    if (gone)
         failReply(pending, invalidError());
+    afterWrite(std::move(failure), false);
+}
+
+void LinuxVynConnection::afterWrite(std::optional<Failure> failure, bool resume)
+{
+    if (!failure && !resume)
+        return;
+    auto work = [self = shared_from_this(), failure = std::move(failure), resume] {
+        if (failure)
+            self->close(failure->reason, failure->cut);
+        if (resume)
+            self->resumeReading();
+    };
+    if (runtime_->isCurrent())
+        work();
+    else
+        runtime_->post(std::move(work)); // refused only while stopping, which closes the connection anyway
 }
 
 void LinuxVynConnection::announceTermination()
@@ -265,29 +293,39 @@ void LinuxVynConnection::start()
     }
     if (slot_)
         slot_->attach(weak_from_this());
-    writing_ = !out_.empty();
-    interest_ = (reading_ ? EPOLLIN | EPOLLRDHUP : 0u) | (writing_ ? EPOLLOUT : 0u);
-    runtime_->watch(fd_, interest_, shared_from_this());
-    watched_ = true;
-    flush();
+    std::optional<std::string> error;
+    {
+        std::lock_guard lock(outMutex_);
+        writing_ = !out_.empty();
+        interest_ = (reading_ ? EPOLLIN | EPOLLRDHUP : 0u) | (writing_ ? EPOLLOUT : 0u);
+        runtime_->watch(fd_, interest_, shared_from_this());
+        watched_ = true;
+        error = flushLocked();
+    }
+    if (error)
+        close(*error, false);
 }
 
-void LinuxVynConnection::enqueueFrame(Bytes frame)
+std::optional<LinuxVynConnection::Failure> LinuxVynConnection::enqueueLocked(Bytes frame)
 {
     outPending_ += frame.size();
     out_.push_back(std::move(frame));
-    if (watched_)
-        flush();
-    if (closed_ || role_ != Role::Accepted || out_.empty())
-        return;
+    // While earlier output waits for the socket, the runtime's thread writes
+    // this frame with it once the socket is writable.
+    if (watched_ && !writing_)
+        if (auto error = flushLocked())
+            return Failure{*error, false};
+    if (role_ != Role::Accepted || out_.empty())
+        return std::nullopt;
     std::size_t behind = outPending_ - (out_.front().size() - outOffset_);
     if (behind > limits_.maxUnsentOutput)
-        close(std::to_string(behind) + " bytes of unsent output exceed the limit of " +
-                  std::to_string(limits_.maxUnsentOutput) + " bytes",
-              true);
+        return Failure{std::to_string(behind) + " bytes of unsent output exceed the limit of " +
+                           std::to_string(limits_.maxUnsentOutput) + " bytes",
+                       true};
+    return std::nullopt;
 }
 
-void LinuxVynConnection::flush()
+std::optional<std::string> LinuxVynConnection::flushLocked()
 {
     while (!out_.empty()) {
         iovec iov[kMaxIov];
@@ -306,8 +344,7 @@ void LinuxVynConnection::flush()
                 continue;
             if (errno == EAGAIN || errno == EWOULDBLOCK)
                 break;
-            close(*posixError(errno, "write").description, false);
-            return;
+            return *posixError(errno, "write").description;
         }
         auto left = static_cast<std::size_t>(written);
         outPending_ -= left;
@@ -326,18 +363,26 @@ void LinuxVynConnection::flush()
     bool wantWrite = !out_.empty();
     if (wantWrite != writing_) {
         writing_ = wantWrite;
-        updateInterest();
+        updateInterestLocked();
     }
+    return std::nullopt;
 }
 
 void LinuxVynConnection::handleEvents(std::uint32_t events)
 {
     if (closed_)
         return;
-    if (events & EPOLLOUT)
-        flush();
-    if (closed_)
-        return;
+    if (events & EPOLLOUT) {
+        std::optional<std::string> error;
+        {
+            std::lock_guard lock(outMutex_);
+            error = flushLocked();
+        }
+        if (error) {
+            close(*error, false);
+            return;
+        }
+    }
     if (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) {
         if (reading_)
             readAvailable();
@@ -396,6 +441,9 @@ void LinuxVynConnection::readAvailable()
         inEnd_ += static_cast<std::size_t>(n);
         budget -= std::min(budget, static_cast<std::size_t>(n));
         processFrames();
+        // A short read emptied the socket: no need to ask again for EAGAIN.
+        if (static_cast<std::size_t>(n) < iov.iov_len)
+            break;
     }
     if (closed_)
         return;
@@ -410,9 +458,17 @@ void LinuxVynConnection::readAvailable()
 void LinuxVynConnection::processFrames()
 {
     while (!closed_) {
-        if (role_ == Role::Accepted && inFlight_ >= limits_.maxInFlight) {
-            setReading(false);
-            return;
+        if (role_ == Role::Accepted) {
+            bool full;
+            {
+                std::lock_guard lock(outMutex_);
+                full = inFlight_ >= limits_.maxInFlight;
+                readingPaused_ = full;
+            }
+            if (full) {
+                setReading(false);
+                return;
+            }
         }
         std::size_t available = inEnd_ - inStart_;
         if (!header_) {
@@ -442,6 +498,10 @@ void LinuxVynConnection::processFrames()
             reserve = std::min({limits_.maxQueuedPerConnection, limits_.maxQueuedPerUid,
                                 header_->bodyLength * kMaxDecodedCostPerByte + kDecodedCostOverhead});
             if (!mayDecode(reserve)) {
+                {
+                    std::lock_guard lock(outMutex_);
+                    readingPaused_ = true;
+                }
                 setReading(false);
                 return;
             }
@@ -468,9 +528,14 @@ void LinuxVynConnection::processFrames()
 
 bool LinuxVynConnection::mayDecode(std::size_t reserve)
 {
-    if (queuedBytes_ > 0 && queuedBytes_ + reserve > limits_.maxQueuedPerConnection) {
+    std::size_t queued;
+    {
+        std::lock_guard lock(outMutex_);
+        queued = queuedBytes_;
+    }
+    if (queued > 0 && queued + reserve > limits_.maxQueuedPerConnection) {
         platformLog(LogLevel::Debug, "vyn", "%{public}s: reading paused: %zu bytes of requests queued", description_,
-                    queuedBytes_);
+                    queued);
         return false;
     }
     if (!slot_->table()->reserve(auditToken_.uid, reserve, weak_from_this())) {
@@ -484,14 +549,20 @@ bool LinuxVynConnection::mayDecode(std::size_t reserve)
 void LinuxVynConnection::dispatch(Message message, std::size_t cost)
 {
     if (message.isReply()) {
-        auto it = pending_.find(message.replyTo());
-        if (it == pending_.end()) {
+        std::shared_ptr<PendingReply> pending;
+        {
+            std::lock_guard lock(outMutex_);
+            auto it = pending_.find(message.replyTo());
+            if (it != pending_.end()) {
+                pending = std::move(it->second);
+                pending_.erase(it);
+            }
+        }
+        if (!pending) {
             platformLog(LogLevel::Info, "vyn", "%{public}s: dropped a reply to unknown message %llu", description_,
                         message.replyTo());
             return;
         }
-        auto pending = std::move(it->second);
-        pending_.erase(it);
         pending->queue->async([pending, message = std::move(message)] { pending->handler(message); });
         return;
     }
@@ -499,54 +570,68 @@ void LinuxVynConnection::dispatch(Message message, std::size_t cost)
         std::uint64_t id = message.expectsReply() ? message.messageId() : 0;
         auto ticket =
             std::make_shared<Ticket>(weak_from_this(), runtime_, slot_->table(), auditToken_.uid, id, cost);
-        ++inFlight_;
-        queuedBytes_ += cost;
-        if (id != 0) {
-            auto [it, inserted] = unanswered_.try_emplace(id, ticket);
-            if (!inserted) {
-                auto earlier = it->second.lock();
-                if (earlier && !earlier->released()) {
-                    close("message id " + std::to_string(id) + " reused while its request is unanswered", true);
-                    return;
+        bool reused = false;
+        std::shared_ptr<Ticket> earlier; // dropped after the lock
+        {
+            std::lock_guard lock(outMutex_);
+            ++inFlight_;
+            queuedBytes_ += cost;
+            if (id != 0) {
+                auto [it, inserted] = unanswered_.try_emplace(id, ticket);
+                if (!inserted) {
+                    earlier = it->second.lock();
+                    reused = earlier && !earlier->released();
+                    if (!reused)
+                        it->second = ticket;
                 }
-                it->second = ticket;
             }
+        }
+        if (reused) {
+            close("message id " + std::to_string(id) + " reused while its request is unanswered", true);
+            return;
         }
         message.setTicket(std::move(ticket));
     }
     deliverEvent(std::move(message));
 }
 
-void LinuxVynConnection::markAnswered(std::uint64_t requestId)
+std::shared_ptr<LinuxVynConnection::Ticket> LinuxVynConnection::answeredLocked(std::uint64_t requestId)
 {
     auto it = unanswered_.find(requestId);
     if (it == unanswered_.end())
-        return;
+        return nullptr;
     auto ticket = it->second.lock();
     unanswered_.erase(it);
-    if (ticket)
-        ticket->release();
+    return ticket;
 }
 
-void LinuxVynConnection::requestDone(std::uint64_t requestId, const Ticket* ticket, std::size_t bytes)
+bool LinuxVynConnection::requestDone(std::uint64_t requestId, const Ticket* ticket, std::size_t bytes)
 {
+    std::shared_ptr<Ticket> held; // dropped after the lock
+    std::lock_guard lock(outMutex_);
     inFlight_ -= std::min<std::size_t>(inFlight_, 1);
     queuedBytes_ -= std::min(queuedBytes_, bytes);
     if (requestId != 0) {
         auto it = unanswered_.find(requestId);
         if (it != unanswered_.end()) {
-            auto held = it->second.lock();
+            held = it->second.lock();
             if (!held || held.get() == ticket)
                 unanswered_.erase(it);
         }
     }
-    resumeReading();
+    return readingPaused_ && !closed_;
 }
 
 void LinuxVynConnection::resumeReading()
 {
     if (closed_ || reading_)
         return;
+    {
+        std::lock_guard lock(outMutex_);
+        if (inFlight_ >= limits_.maxInFlight)
+            return;
+        readingPaused_ = false;
+    }
     setReading(true);
     processFrames();
     if (!closed_)
@@ -555,13 +640,16 @@ void LinuxVynConnection::resumeReading()
 
 void LinuxVynConnection::setReading(bool reading)
 {
-    reading_ = reading;
-    updateInterest();
+    {
+        std::lock_guard lock(outMutex_);
+        reading_ = reading;
+        updateInterestLocked();
+    }
     if (!reading)
         updateIncompleteFrameTimer();
 }
 
-void LinuxVynConnection::updateInterest()
+void LinuxVynConnection::updateInterestLocked()
 {
     if (!watched_)
         return;
@@ -598,7 +686,25 @@ void LinuxVynConnection::close(const std::string& reason, bool cut)
 {
     if (closed_)
         return;
-    closed_ = true;
+    std::unordered_map<std::uint64_t, std::shared_ptr<PendingReply>> pending;
+    {
+        std::lock_guard lock(outMutex_);
+        closed_ = true;
+        if (watched_) {
+            watched_ = false;
+            runtime_->unwatch(fd_);
+        }
+        if (fd_ >= 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+        out_.clear();
+        outPending_ = 0;
+        outOffset_ = 0;
+        unanswered_.clear();
+        pending = std::move(pending_);
+        pending_.clear();
+    }
     if (cut)
         platformLog(LogLevel::Default, "vyn", "cut %{public}s: %{public}s", description_, reason);
     else
@@ -607,25 +713,11 @@ void LinuxVynConnection::close(const std::string& reason, bool cut)
         runtime_->cancelTimer(*incompleteTimer_);
         incompleteTimer_.reset();
     }
-    if (watched_) {
-        watched_ = false;
-        runtime_->unwatch(fd_);
-    }
-    if (fd_ >= 0) {
-        ::close(fd_);
-        fd_ = -1;
-    }
     slot_.reset();
-    out_.clear();
-    outPending_ = 0;
-    outOffset_ = 0;
     Bytes().swap(in_);
     readBufferSize_ = 0;
     inStart_ = inEnd_ = 0;
     header_.reset();
-    unanswered_.clear();
-    auto pending = std::move(pending_);
-    pending_.clear();
     for (auto& [id, p] : pending)
         failReply(p, invalidError());
     if (resumed_)
@@ -637,7 +729,7 @@ void LinuxVynConnection::close(const std::string& reason, bool cut)
 
 void LinuxVynConnection::deliverEvent(VynEvent event)
 {
-    queue_->async([self = shared_from_this(), event = std::move(event)] {
+    auto task = [self = shared_from_this(), event = std::move(event)] {
         std::shared_ptr<const EventHandler> handler;
         {
             std::lock_guard lock(self->mutex_);
@@ -645,7 +737,13 @@ void LinuxVynConnection::deliverEvent(VynEvent event)
         }
         if (handler && *handler)
             (*handler)(event);
-    });
+    };
+    // The daemon's handlers of connection events are short (they queue the
+    // request); a client's run its own code and keep their thread.
+    if (role_ == Role::Accepted)
+        queue_->runOrAsync(std::move(task));
+    else
+        queue_->async(std::move(task));
 }
 
 void LinuxVynConnection::deliverInvalidOnce()

@@ -2,8 +2,14 @@
 // accepted by a listener (daemon side) or made by VynService::connect
 // (client side).
 //
-// All socket work happens on the service's VynRuntime thread; the public
-// operations may be called from any thread and hand their work over to it.
+// Reading, decoding and connection state live on the service's VynRuntime
+// thread. Writing does not: send() and sendWithReply() encode and write the
+// frame on the calling thread when nothing is queued before it (the output
+// side is guarded by a mutex), and leave the rest to the runtime thread,
+// which writes when the socket can take more. A daemon-side connection runs
+// its event handler on the runtime thread when the connection's queue is
+// idle (SerialQueue::runOrAsync), so a request costs no thread hand-off
+// before it reaches the handler.
 // Events go to the event handler on the connection's queue, in the order
 // the frames arrived; replies go to their own handler on the queue given
 // with sendWithReply(). ConnectionInvalid is delivered exactly once and
@@ -47,6 +53,8 @@
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <unordered_map>
 
 namespace tv::platform {
@@ -104,28 +112,42 @@ private:
         std::shared_ptr<SerialQueue> queue;
         ReplyHandler handler;
     };
+
+    // A reason to close the connection found while writing.
+    struct Failure {
+        std::string reason;
+        bool cut = false;
+    };
     class Ticket;
 
     // Runtime's thread.
     void start();
-    void enqueueFrame(Bytes frame);
-    void flush();
     void readAvailable();
     void processFrames();
     void dispatch(Message message, std::size_t cost);
-    void markAnswered(std::uint64_t requestId);
-    void requestDone(std::uint64_t requestId, const Ticket* ticket, std::size_t bytes);
     void resumeReading();
+    bool mayDecode(std::size_t reserve);
     // Wakes connections that waited for their uid's quota and gives freed
     // memory back to the system when the table asks for it.
     static void afterRelease(const VynConnectionTable::Released& freed);
-    bool mayDecode(std::size_t reserve);
     void setReading(bool reading);
-    void updateInterest();
     void updateIncompleteFrameTimer();
     void close(const std::string& reason, bool cut);
 
+    // Any thread, with outMutex_ held.
+    std::optional<Failure> enqueueLocked(Bytes frame);
+    std::optional<std::string> flushLocked();
+    void updateInterestLocked();
+    // The ticket of an unanswered request, taken out of the table: its
+    // reply is being sent.
+    std::shared_ptr<Ticket> answeredLocked(std::uint64_t requestId);
+
+    // Any thread: a ticket came back (its request ran or was answered).
+    // Counts the request done; true when reading waits to resume.
+    bool requestDone(std::uint64_t requestId, const Ticket* ticket, std::size_t bytes);
+
     // Any thread.
+    void afterWrite(std::optional<Failure> failure, bool resume);
     void deliverEvent(VynEvent event);
     void deliverInvalidOnce();
     static void failReply(const std::shared_ptr<PendingReply>& pending, VynError error);
@@ -144,16 +166,15 @@ private:
     std::atomic<bool> invalidDelivered_{false};
     std::atomic<bool> resumeRequested_{false};
 
-    // Runtime's thread only.
-    int fd_;
+    // Runtime's thread only; the fields also under outMutex_ are written
+    // with it held, so that other threads may read them under it.
+    int fd_;                 // also outMutex_
     std::string failure_;
     std::unique_ptr<VynConnectionTable::Slot> slot_;
     bool resumed_ = false;
-    bool closed_ = false;
-    bool watched_ = false;
-    bool reading_ = true;
-    bool writing_ = false;
-    std::uint32_t interest_ = 0;
+    bool closed_ = false;    // also outMutex_
+    bool watched_ = false;   // also outMutex_
+    bool reading_ = true;    // also outMutex_
 
     Bytes in_;
     std::size_t inStart_ = 0;
@@ -163,10 +184,14 @@ private:
     std::optional<VynRuntime::TimerId> incompleteTimer_;
     std::uint64_t incompleteTimerFrame_ = 0;
 
+    // The output side and the request bookkeeping, shared by the writing
+    // threads and the runtime's thread.
+    std::mutex outMutex_;
+    bool writing_ = false;
+    std::uint32_t interest_ = 0;
     std::deque<Bytes> out_;
     std::size_t outOffset_ = 0;  // bytes of out_.front() already written
     std::size_t outPending_ = 0; // unwritten bytes in out_
-
     std::uint64_t nextMessageId_ = 1;
     std::unordered_map<std::uint64_t, std::shared_ptr<PendingReply>> pending_;
     // Daemon side: tickets of requests expecting a reply, by message id, and
@@ -174,6 +199,7 @@ private:
     std::unordered_map<std::uint64_t, std::weak_ptr<Ticket>> unanswered_;
     std::size_t inFlight_ = 0;
     std::size_t queuedBytes_ = 0;
+    bool readingPaused_ = false; // reading stopped for tickets or quota
     std::atomic<std::size_t> readBufferSize_{0};
 };
 

@@ -60,6 +60,8 @@ bool VynRuntime::post(Task task)
             return false;
         posted_.push_back(std::move(task));
     }
+    if (wakePending_.exchange(true))
+        return true; // the loop has yet to take the tasks, this one among them
     std::uint64_t one = 1;
     ssize_t n;
     do
@@ -159,6 +161,7 @@ void VynRuntime::runPosted()
     std::uint64_t count;
     while (::read(wakeFd_, &count, sizeof count) > 0) {
     }
+    wakePending_.store(false);
     std::deque<Task> batch;
     {
         std::lock_guard lock(mutex_);

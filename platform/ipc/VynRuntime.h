@@ -82,6 +82,9 @@ private:
     std::mutex mutex_;
     std::deque<Task> posted_;
     bool stopping_ = false;
+    // Set by the post that wrote the wake-up, cleared by the loop before it
+    // takes the posted tasks: later posts until then need no system call.
+    std::atomic<bool> wakePending_{false};
 
     // Runtime's thread only.
     std::unordered_map<int, std::shared_ptr<Watcher>> watchers_;

@@ -55,6 +55,19 @@ bool isRegularFile(const fs::path& p)
     return ::stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
+// The walk that finds the bundle claiming an executable runs for every new
+// client, so its cost is bounded: an Info.vlist larger than this is not
+// read (no bundle has one that large; it cannot claim), and at most
+// kMaxClaimReads of them are read per walk.
+constexpr off_t kMaxClaimInfoBytes = 1 << 20;
+constexpr int kMaxClaimReads = 8;
+
+bool isClaimCandidate(const fs::path& p)
+{
+    struct stat st{};
+    return ::stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kMaxClaimInfoBytes;
+}
+
 // The executable a bundle's information dictionary declares, resolved
 // against the bundle directory; empty when it declares none that stays
 // inside the bundle.
@@ -103,9 +116,11 @@ std::shared_ptr<BundleHandle> LinuxBundleService::openBundleWithExecutable(const
         return nullptr;
     // Nearest claiming ancestor wins, so a plug-in's executable belongs to
     // the plug-in and not to the application that contains it.
-    for (fs::path dir = executable.parent_path();; dir = dir.parent_path()) {
+    int reads = 0;
+    for (fs::path dir = executable.parent_path(); reads < kMaxClaimReads; dir = dir.parent_path()) {
         const fs::path info = dir / kInfoFileName;
-        if (isRegularFile(info)) {
+        if (isClaimCandidate(info)) {
+            ++reads;
             Result<Value> read = readVlist_(info.string());
             if (read.ok() && claims(dir, *read, executable))
                 return std::make_shared<LinuxBundleHandle>(dir.string());

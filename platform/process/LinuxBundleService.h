@@ -12,7 +12,8 @@
 //
 // Opening by executable walks up from the executable's directory to the
 // nearest directory whose Info.vlist names the executable; nothing claims it
-// gives null. The running program's bundle is the one that claims the
+// gives null. The walk is bounded, since every new client costs one: an
+// Info.vlist over 1 MiB is skipped, and at most 8 are read. The running program's bundle is the one that claims the
 // target of /proc/self/exe.
 //
 // Thread-safe: the service holds no mutable state; Info.vlist is read again

@@ -32,6 +32,8 @@ ServerHarness::ServerHarness()
     server = TvdServer::initForServiceDatabase("/tmp/test.sock", nullptr, platform);
     if (!server)
         throw std::runtime_error("server construction failed");
+    // Every turn its own task, so that tests can step through them.
+    server->requestScheduler()->setBatch(std::chrono::microseconds(0));
     server->run();
 }
 
@@ -56,7 +58,12 @@ std::uint64_t ServerHarness::send(FakeVynConnection& connection, Value body, boo
 
 void ServerHarness::drain()
 {
-    while (queues["vyn"]->runUntilIdle() + queues["service"]->runUntilIdle() > 0) {
+    for (;;) {
+        std::size_t ran = 0;
+        for (auto& [label, queue] : queues)
+            ran += queue->runUntilIdle();
+        if (ran == 0)
+            return;
     }
 }
 

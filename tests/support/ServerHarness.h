@@ -1,7 +1,7 @@
 // ServerHarness: a TvdServer over fakes with manual queues, for unit tests of
 // the daemon's request path. connect() makes a client as the listener would;
-// send() delivers a request on it; drain() runs the "vyn" and "service"
-// queues until both are idle.
+// send() delivers a request on it; drain() runs every queue of the server
+// until all are idle.
 #pragma once
 
 #include "tests/support/FakeApplicationRegistry.h"

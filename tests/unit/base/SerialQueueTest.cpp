@@ -83,5 +83,57 @@ TEST(SerialQueueTest, OrderSyncReentryAndThrowingTasks)
     EXPECT_EQ(ran, 2);
 }
 
+
+TEST(SerialQueueTest, RunOrAsyncRunsHereOnlyWhenTheQueueIsIdle)
+{
+    auto queue = SerialQueue::create("inline");
+    // Idle: the task runs at once, on this thread, as a task of the queue.
+    std::thread::id ranOn;
+    bool current = false;
+    queue->runOrAsync([&] {
+        ranOn = std::this_thread::get_id();
+        current = queue->isCurrent();
+    });
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+    EXPECT_TRUE(current);
+
+    // Busy: queued behind the running task, in order, never beside it.
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::promise<void> started;
+    std::atomic<int> running{0}, overlaps{0};
+    std::vector<int> order;
+    auto track = [&](int n) {
+        if (running.fetch_add(1) != 0)
+            ++overlaps;
+        order.push_back(n);
+        running.fetch_sub(1);
+    };
+    queue->async([&, released] {
+        started.set_value();
+        released.wait();
+        track(0);
+    });
+    started.get_future().wait();
+    queue->runOrAsync([&] { track(1); });
+    queue->async([&] { track(2); });
+    EXPECT_TRUE(order.empty()); // did not run here
+    release.set_value();
+    queue->sync([] {});
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+    // Many threads at once: the queue's tasks still never overlap.
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 500; ++i)
+                queue->runOrAsync([&] { track(3); });
+        });
+    for (auto& t : threads)
+        t.join();
+    queue->sync([] {});
+    EXPECT_EQ(order.size(), 3u + 4u * 500u);
+    EXPECT_EQ(overlaps.load(), 0);
+}
+
 } // namespace
 } // namespace tv

@@ -160,8 +160,14 @@ struct Walk {
             }
             return true;
         });
+        while (!t.resume()) {
+        } // a walk that used up its time slice goes on
         EXPECT_TRUE(t.replied());
-        return result;
+        bool failed = !t.reply().get("errorcode").isNull();
+        if (!result) {
+            EXPECT_TRUE(failed); // a walker that returned false has ended the request
+        }
+        return !failed;
     }
     platform::Message lastReply() const { return c->sent().back(); }
 };
@@ -273,6 +279,83 @@ TEST(TransactionTest, AnythingAHandlerThrowsEndsTheRequestWithOneReply)
         EXPECT_EQ(r[0].get("error"), Value("internal error"));
         EXPECT_EQ(r[1].body(), Value::emptyDictionary()); // the next request is served
         EXPECT_EQ(log.countContaining(tc.logged), 1u);
+    }
+}
+
+// Long requests yield between elements: with a time slice of zero every
+// element is one turn, and other clients' requests run in between.
+struct Fairness {
+    test::TempDir dir;
+    ServerHarness h;
+    std::shared_ptr<test::FakeVynConnection> a = h.connect(21);
+    std::shared_ptr<test::FakeVynConnection> b = h.connect(22);
+    SerialQueue& service = *h.queues["service"];
+
+    Fairness() { h.server->setRequestTimeSlice(std::chrono::nanoseconds(0)); }
+    std::string plugIn(const std::string& name)
+    {
+        std::filesystem::create_directories(dir.file(name));
+        return std::filesystem::canonical(dir.file(name)).string();
+    }
+    std::uint64_t add(test::FakeVynConnection& c, Array paths)
+    {
+        auto id = h.send(c, request("add").with("paths", Value(std::move(paths))));
+        h.queues["vyn"]->runUntilIdle();
+        return id;
+    }
+};
+
+TEST(TransactionTest, ALongRequestYieldsToOtherClientsAndRepliesOnce)
+{
+    Fairness f;
+    std::string p1 = f.plugIn("P1.vext"), p2 = f.plugIn("P2.vext"), p3 = f.plugIn("P3.vext");
+    auto addId = f.add(*f.a, Array{Value(p1), Value(p2), Value(p3)});
+    f.h.send(*f.a, request("bulk"));
+    f.h.send(*f.b, request("bulk"));
+    f.h.queues["vyn"]->runUntilIdle();
+
+    ASSERT_TRUE(f.service.runOne()); // the first element of the add
+    EXPECT_EQ(f.h.registry->registered(), (std::vector<std::string>{p1}));
+    ASSERT_TRUE(f.service.runOne()); // the other client's turn
+    EXPECT_EQ(f.b->sent().size(), 1u);
+    EXPECT_TRUE(f.a->sent().empty());
+    f.h.drain();
+
+    // One reply to the add, after every element, then the client's next
+    // request: a client's own requests keep their order.
+    auto r = f.a->sent();
+    ASSERT_EQ(r.size(), 2u);
+    EXPECT_EQ(r[0].replyTo(), addId);
+    EXPECT_EQ(r[0].body(), Value::emptyDictionary());
+    EXPECT_EQ(f.h.registry->registered().size(), 3u);
+}
+
+TEST(TransactionTest, ASuspendedWalkEndsByItsFailureOrItsClientsDeath)
+{
+    struct Case {
+        const char* name;
+        bool clientDies;
+        std::size_t replies;
+        std::uint64_t errorcode;
+    };
+    for (const Case& c : {Case{"bad element after a yield", false, 1, 9}, Case{"client died", true, 0, 0}}) {
+        SCOPED_TRACE(c.name);
+        test::LogCapture log;
+        Fairness f;
+        std::string p1 = f.plugIn("P1.vext");
+        f.add(*f.a, Array{Value(p1), Value("relative"), Value(p1)});
+        ASSERT_TRUE(f.service.runOne());
+        if (c.clientDies) {
+            f.a->deliver(platform::VynError{platform::VynError::Kind::ConnectionInvalid, "gone"});
+            f.h.queues["vyn"]->runUntilIdle();
+        }
+        f.h.drain();
+        auto r = f.a->sent();
+        ASSERT_EQ(r.size(), c.replies);
+        if (c.replies) {
+            EXPECT_EQ(r[0].get("errorcode"), Value(c.errorcode));
+        }
+        EXPECT_EQ(f.h.registry->registered(), (std::vector<std::string>{p1})); // nothing after the end
     }
 }
 

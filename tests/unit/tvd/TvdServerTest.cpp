@@ -39,10 +39,12 @@ TEST(TvdServerTest, BuildsItsQueuesAndListenerAndBecomesTheProcessServer)
     ASSERT_TRUE(server);
     EXPECT_EQ(TvdServer::server(), server);
     EXPECT_EQ(server->delegate().get(), static_cast<TvDatabaseDelegate*>(server.get()));
-    ASSERT_EQ(made.size(), 3u);
+    ASSERT_EQ(made.size(), 4u);
     EXPECT_EQ(made["vyn"], SerialQueue::QoS::Default);
     EXPECT_EQ(made["service"], SerialQueue::QoS::UserInitiated);
     EXPECT_EQ(made["serverSync"], SerialQueue::QoS::Default);
+    EXPECT_EQ(made["identify"], SerialQueue::QoS::Utility);
+    EXPECT_EQ(server->requestScheduler()->queue(), server->mainQueue());
     EXPECT_EQ(server->mainQueue()->label(), "service");
     EXPECT_EQ(server->databaseLocation(), annotations);
     EXPECT_EQ(server->cacheLimit(), 0u); // until main sets it

@@ -82,5 +82,34 @@ TEST(TvdVynClientTest, ConnectionEventsAreHandledByKind)
     EXPECT_TRUE(log.contains("client 77 is dead"));
 }
 
+
+TEST(TvdVynClientTest, RequestsWaitForIdentificationWhileOtherClientsAreServed)
+{
+    test::LogCapture log;
+    ServerHarness h;
+    auto known = h.connect(40);
+    h.processInfo->paths[41] = "/opt/apps/Slow.app/slow";
+    platform::AuditToken token;
+    token.pid = 41;
+    auto slow = h.vyn->listener()->connect(token);
+    h.queues["vyn"]->runUntilIdle(); // made and resumed, not identified yet
+    EXPECT_TRUE(slow->resumed());
+    EXPECT_NE(clientOf(*slow)->description().find("path=>"), std::string::npos);
+
+    Value bulk{{"request", "bulk"}, {"version", Value(std::uint64_t{3})}};
+    h.send(*slow, bulk);
+    h.send(*known, bulk);
+    h.queues["vyn"]->runUntilIdle();
+    h.queues["service"]->runUntilIdle();
+    EXPECT_EQ(known->sent().size(), 1u);
+    EXPECT_TRUE(slow->sent().empty());
+    EXPECT_FALSE(log.contains("new client 41 /opt/apps/Slow.app/slow"));
+
+    h.queues["identify"]->runUntilIdle();
+    EXPECT_TRUE(log.contains("new client 41 /opt/apps/Slow.app/slow"));
+    h.queues["service"]->runUntilIdle();
+    EXPECT_EQ(slow->sent().size(), 1u);
+}
+
 } // namespace
 } // namespace tv

@@ -589,6 +589,33 @@ TEST_F(LinuxVynServiceTest, PeerThatDoesNotReadIsCutForUnsentOutput)
     ::close(deaf);
 }
 
+TEST_F(LinuxVynServiceTest, RequestsWrittenFromManyThreadsAtOnceArriveWholeAndAreAnswered)
+{
+    // Requests are written on the sending threads and replies on the
+    // daemon's; concurrent writers must never interleave their frames.
+    Server server(config_, "svc");
+    Client client(*clientService(), "svc");
+    constexpr int kThreads = 4, kEach = 150;
+    std::vector<std::vector<std::shared_ptr<Recorder>>> answers(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kEach; ++i)
+                answers[t].push_back(client.send(request(std::to_string(t) + "/" + std::to_string(i) +
+                                                         std::string(static_cast<std::size_t>(i) * 37, 'x'))));
+        });
+    for (auto& thread : threads)
+        thread.join();
+    for (int t = 0; t < kThreads; ++t)
+        for (int i = 0; i < kEach; ++i) {
+            ASSERT_TRUE(eventually([&] { return answers[t][i]->size() == 1; })) << t << "/" << i;
+            EXPECT_EQ(echoed(answers[t][i]->events().front()),
+                      std::to_string(t) + "/" + std::to_string(i) + std::string(static_cast<std::size_t>(i) * 37, 'x'));
+        }
+    EXPECT_EQ(server.peer(0)->events.size(), static_cast<std::size_t>(kThreads * kEach));
+    EXPECT_EQ(log_.countContaining("cut "), 0u);
+}
+
 TEST_F(LinuxVynServiceTest, EveryRequestCountsInFlightUntilAnsweredOrRun)
 {
     config_.limits.maxInFlight = 3;

@@ -75,6 +75,37 @@ TEST(LinuxBundleServiceTest, ExecutableBelongsToTheNearestBundleThatNamesIt)
     EXPECT_EQ(bundlePathOf(service, service.openBundleWithExecutable(files.path("example-link"))), app);
 }
 
+TEST(LinuxBundleServiceTest, TheWalkUpFromAnExecutableIsBounded)
+{
+    // Every new client costs one walk, so a hostile layout must not make it
+    // expensive: an oversized Info.vlist is skipped unread, and at most 8
+    // are read however deep the executable sits.
+    FakeVlistFiles files;
+    const std::string big = files.makeDirectory("Big.app");
+    std::string padding((std::size_t{1} << 20) + 1, ' ');
+    files.writeText("Big.app/Info.vlist", padding, 0644);
+    files.writeText("Big.app/big", "x", 0755);
+    std::string deep = "Deep";
+    for (int i = 0; i < 12; ++i) {
+        files.makeDirectory(deep);
+        files.writeValue(deep + "/Info.vlist", info("com.example.level" + std::to_string(i), "other"));
+        deep += "/d";
+    }
+    files.makeDirectory(deep);
+    files.writeText(deep + "/tool", "x", 0755);
+
+    std::vector<std::string> read;
+    auto reader = FakeVlistFiles::reader();
+    LinuxBundleService service([&](const std::string& path) {
+        read.push_back(path);
+        return reader(path);
+    });
+    EXPECT_EQ(service.openBundleWithExecutable(big + "/big"), nullptr);
+    EXPECT_TRUE(read.empty());
+    EXPECT_EQ(service.openBundleWithExecutable(files.path(deep + "/tool")), nullptr);
+    EXPECT_EQ(read.size(), 8u);
+}
+
 TEST(LinuxBundleServiceTest, DeclaredExecutableMustStayInsideTheBundle)
 {
     FakeVlistFiles files;

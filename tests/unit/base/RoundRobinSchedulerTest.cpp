@@ -1,0 +1,117 @@
+#include "base/RoundRobinScheduler.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+#include <string>
+#include <vector>
+
+namespace tv {
+namespace {
+
+struct Fixture {
+    std::shared_ptr<SerialQueue> queue = SerialQueue::createManual("service");
+    std::shared_ptr<RoundRobinScheduler> scheduler = RoundRobinScheduler::create(queue);
+    std::vector<std::string> ran;
+    int a = 0, b = 0, c = 0; // owners
+
+    Fixture() { scheduler->setBatch(std::chrono::microseconds(0)); }
+
+    // A step that records `name` and finishes after `slices` runs.
+    RoundRobinScheduler::Step step(std::string name, int slices = 1)
+    {
+        return [this, name, slices, left = slices]() mutable {
+            ran.push_back(slices > 1 ? name + "." + std::to_string(slices - left) : name);
+            return --left == 0;
+        };
+    }
+};
+
+TEST(RoundRobinSchedulerTest, OwnersTakeTurnsAndEachKeepsItsOrder)
+{
+    Fixture f;
+    for (int i = 1; i <= 4; ++i)
+        f.scheduler->submit(&f.a, f.step("a" + std::to_string(i)));
+    f.scheduler->submit(&f.b, f.step("b1"));
+    f.scheduler->submit(&f.c, f.step("c1"));
+    f.scheduler->submit(&f.b, f.step("b2"));
+    EXPECT_EQ(f.scheduler->pending(), 7u);
+    f.queue->runUntilIdle();
+    EXPECT_EQ(f.ran, (std::vector<std::string>{"a1", "b1", "c1", "a2", "b2", "a3", "a4"}));
+    EXPECT_EQ(f.scheduler->pending(), 0u);
+}
+
+TEST(RoundRobinSchedulerTest, AYieldingStepResumesBeforeItsOwnersLaterStepsAndLetsOthersIn)
+{
+    Fixture f;
+    f.scheduler->submit(&f.a, f.step("long", 3));
+    f.scheduler->submit(&f.a, f.step("a2"));
+    f.scheduler->submit(&f.b, f.step("b1"));
+    f.scheduler->submit(&f.b, f.step("b2"));
+    f.queue->runUntilIdle();
+    EXPECT_EQ(f.ran, (std::vector<std::string>{"long.0", "b1", "long.1", "b2", "long.2", "a2"}));
+}
+
+TEST(RoundRobinSchedulerTest, OtherTasksOfTheQueueWaitForOneTurnAtMost)
+{
+    Fixture f;
+    f.scheduler->submit(&f.a, f.step("long", 5));
+    f.queue->async([&] { f.ran.push_back("ping"); });
+    f.queue->runUntilIdle();
+    EXPECT_EQ(f.ran, (std::vector<std::string>{"long.0", "ping", "long.1", "long.2", "long.3", "long.4"}));
+    // One turn task at a time, whatever is submitted.
+    for (int i = 0; i < 10; ++i)
+        f.scheduler->submit(&f.b, f.step("b"));
+    EXPECT_EQ(f.queue->pending(), 1u);
+    // With a batch time, turns run back to back in one task.
+    f.queue->runUntilIdle();
+    f.ran.clear();
+    f.scheduler->setBatch(std::chrono::seconds(10));
+    f.scheduler->submit(&f.c, f.step("c", 3));
+    f.scheduler->submit(&f.a, f.step("a1"));
+    f.queue->async([&] { f.ran.push_back("ping"); });
+    f.queue->runUntilIdle();
+    EXPECT_EQ(f.ran, (std::vector<std::string>{"c.0", "a1", "c.1", "c.2", "ping"}));
+}
+
+TEST(RoundRobinSchedulerTest, AHeldOwnersStepsWaitInOrderUntilReleased)
+{
+    Fixture f;
+    f.scheduler->hold(&f.a);
+    f.scheduler->submit(&f.a, f.step("a1"));
+    f.scheduler->submit(&f.a, f.step("a2"));
+    f.scheduler->submit(&f.b, f.step("b1"));
+    f.queue->runUntilIdle();
+    EXPECT_EQ(f.ran, (std::vector<std::string>{"b1"}));
+    EXPECT_EQ(f.scheduler->pending(), 2u);
+    f.scheduler->release(&f.a);
+    f.scheduler->release(&f.a); // a second release is harmless
+    f.queue->runUntilIdle();
+    EXPECT_EQ(f.ran, (std::vector<std::string>{"b1", "a1", "a2"}));
+    // Released with nothing queued: later steps run at once.
+    f.scheduler->hold(&f.c);
+    f.scheduler->release(&f.c);
+    f.scheduler->submit(&f.c, f.step("c1"));
+    f.queue->runUntilIdle();
+    EXPECT_EQ(f.ran.back(), "c1");
+}
+
+TEST(RoundRobinSchedulerTest, AStepThatThrowsEndsOnlyItself)
+{
+    Fixture f;
+    f.scheduler->submit(&f.a, [] () -> bool { throw std::runtime_error("boom"); });
+    f.scheduler->submit(&f.a, f.step("a2"));
+    f.scheduler->submit(&f.b, f.step("b1"));
+    std::string caught;
+    SerialQueue::setUncaughtExceptionHandler([&](const std::string&, const std::exception& e) { caught = e.what(); });
+    f.queue->runUntilIdle();
+    SerialQueue::setUncaughtExceptionHandler(nullptr);
+    EXPECT_EQ(caught, "boom");
+    EXPECT_EQ(f.ran, (std::vector<std::string>{"b1", "a2"}));
+    EXPECT_EQ(f.scheduler->pending(), 0u);
+}
+
+} // namespace
+} // namespace tv
