@@ -63,11 +63,14 @@ TEST_F(TransactionUuidListTest, WalksEveryUuidInOrderAndLeavesTheReplyToTheHandl
     EXPECT_TRUE(w.result);
     EXPECT_EQ(w.seen, (std::vector<Uuid>{b_->uuid, a_->uuid, b_->uuid}));
     EXPECT_TRUE(w.replies.empty());
+    EXPECT_TRUE(walk(h_, Value(Array{})).replies.empty());
 
-    Walk empty = walk(h_, Value(Array{}));
-    EXPECT_TRUE(empty.result);
-    EXPECT_TRUE(empty.seen.empty());
-    EXPECT_TRUE(empty.replies.empty());
+    // A step that stops ends the walk with its own reply.
+    Walk stopped = walk(h_, Value(Array{Value(a_->uuid), Value(b_->uuid)}), 1);
+    EXPECT_FALSE(stopped.result);
+    EXPECT_EQ(stopped.seen.size(), 1u);
+    ASSERT_EQ(stopped.replies.size(), 1u);
+    EXPECT_EQ(stopped.replies[0].get("error"), Value("stopped by step"));
 }
 
 TEST_F(TransactionUuidListTest, RefusalsEndTheRequestAfterTheEarlierElements)
@@ -94,15 +97,6 @@ TEST_F(TransactionUuidListTest, RefusalsEndTheRequestAfterTheEarlierElements)
         EXPECT_EQ(w.replies[0].get("errorcode"), Value(std::uint64_t{4}));
         EXPECT_EQ(w.replies[0].get("error"), Value(c.error));
     }
-}
-
-TEST_F(TransactionUuidListTest, AStepThatStopsEndsTheWalkWithItsOwnReply)
-{
-    Walk w = walk(h_, Value(Array{Value(a_->uuid), Value(b_->uuid)}), 1);
-    EXPECT_FALSE(w.result);
-    EXPECT_EQ(w.seen.size(), 1u);
-    ASSERT_EQ(w.replies.size(), 1u);
-    EXPECT_EQ(w.replies[0].get("error"), Value("stopped by step"));
 }
 
 } // namespace

@@ -23,8 +23,6 @@ TEST(TvdVynClientTest, IdentifiesTheClientAndResumesItsConnection)
     auto client = clientOf(*c);
     ASSERT_TRUE(client);
     EXPECT_TRUE(c->resumed());
-    EXPECT_EQ(client->pid(), 1234);
-    EXPECT_EQ(client->path(), "/opt/apps/Host.app/host");
     EXPECT_TRUE(client->acceptWork());
     EXPECT_TRUE(log.contains("new client 1234 /opt/apps/Host.app/host"));
     EXPECT_NE(client->description().find("pid=1234 path=/opt/apps/Host.app/host>"), std::string::npos);
@@ -43,9 +41,8 @@ TEST(TvdVynClientTest, EntitlementsCountUnlessFalseOrZero)
 {
     test::LogCapture log;
     ServerHarness h;
-    h.codeSigning->entitlements[10] = Value{{"false", false}, {"zero", 0},         {"uzero", 0u},
-                                            {"dzero", 0.0},  {"true", true},       {"string", "no"},
-                                            {"one", 1},      {"list", Value(Array{})}};
+    h.codeSigning->entitlements[10] = Value{{"false", false}, {"zero", 0},      {"uzero", 0u},     {"dzero", 0.0},
+                                            {"true", true},   {"string", "no"}, {"one", 1}, {"list", Value(Array{})}};
     auto client = clientOf(*h.connect(10));
     for (const char* absent : {"false", "zero", "uzero", "dzero", "missing"})
         EXPECT_FALSE(client->hasEntitlement(absent)) << absent;
@@ -81,7 +78,6 @@ TEST(TvdVynClientTest, ConnectionEventsAreHandledByKind)
     EXPECT_FALSE(client->acceptWork());
     EXPECT_TRUE(log.contains("client 77 is dead"));
 }
-
 
 TEST(TvdVynClientTest, RequestsWaitForIdentificationWhileOtherClientsAreServed)
 {
