@@ -49,6 +49,13 @@ protected:
         registry->plugIns.push_back(r);
         return r;
     }
+    // A record the database cannot build a plug-in from.
+    RegistryPlugInRecordPtr addBroken()
+    {
+        auto r = add();
+        std::const_pointer_cast<platform::RegistryPlugInRecord>(r)->dataContainerPath.clear();
+        return r;
+    }
 
     test::TempDir dir;
     std::shared_ptr<platform::LinuxNotificationService> notifications =
@@ -110,8 +117,7 @@ TEST_F(TvDatabaseTest, UnknownPlugInsAreLoggedAndAbsent)
     EXPECT_EQ(log.count("Rostra cannot find plug-in at path:/nowhere/X.vext"), 1u);
 
     // A record that cannot be built is not cached.
-    auto broken = add();
-    std::const_pointer_cast<platform::RegistryPlugInRecord>(broken)->dataContainerPath.clear();
+    auto broken = addBroken();
     EXPECT_FALSE(db->findPlugIn(broken->uuid));
     EXPECT_EQ(db->cachedCount(), 0u);
 }
@@ -119,8 +125,7 @@ TEST_F(TvDatabaseTest, UnknownPlugInsAreLoggedAndAbsent)
 TEST_F(TvDatabaseTest, PlugInsWithinApplication)
 {
     auto good = add();
-    auto broken = add();
-    std::const_pointer_cast<platform::RegistryPlugInRecord>(broken)->dataContainerPath.clear();
+    auto broken = addBroken();
     auto app = std::make_shared<platform::RegistryApplicationRecord>();
     app->bundlePath = "/apps/A.app";
     app->plugInUuids = {broken->uuid, good->uuid};
@@ -233,9 +238,9 @@ TEST_F(TvDatabaseTest, AutoElectionStoresAChoiceOnlyWhereNoneStandsAndPostsNothi
     EXPECT_EQ(notifications->state(kAnnotationChangeNotification), 0u);
 
     // Without the entitlement nothing is stored.
-    auto plain = add();
-    ASSERT_TRUE(db->findPlugIn(plain->uuid));
-    EXPECT_TRUE(db->annotationForPlugIn(*db->findPlugIn(plain->uuid)).isNull());
+    auto plain = db->findPlugIn(add()->uuid);
+    ASSERT_TRUE(plain);
+    EXPECT_TRUE(db->annotationForPlugIn(*plain).isNull());
 
     db->notifyAnnotationChange();
     db->notifyAnnotationChange();

@@ -54,15 +54,6 @@ std::string document(const Value& root)
     return text.ok() ? *text : std::string();
 }
 
-std::string repeat(const std::string& s, std::size_t n)
-{
-    std::string out;
-    out.reserve(s.size() * n);
-    while (n-- > 0)
-        out += s;
-    return out;
-}
-
 class TvdAnnotationStoreTest : public ::testing::Test {
 protected:
     TvdAnnotationStore::Services services(bool multiUser)
@@ -105,13 +96,7 @@ TEST_F(TvdAnnotationStoreTest, SavedFileHoldsExactlyVersionAndDataAndReloads)
     }
     const Value root{{"version", 16}, {"data", table}};
     EXPECT_EQ(readAll(file()), document(root)) << "the file is the XML vlist of the root, byte for byte";
-    auto parsed = platform::readVlistFile(file());
-    ASSERT_TRUE(parsed.ok());
-    EXPECT_EQ(*parsed, root);
-
-    auto reopened = open();
-    EXPECT_EQ(Value(reopened->annotations()), table);
-    EXPECT_EQ(reopened->annotationForPlugIn(PlugIn{"com.example.a"})["election"], Value(1));
+    EXPECT_EQ(Value(open()->annotations()), table);
     EXPECT_EQ(log.countContaining("unable"), 0u);
 }
 
@@ -155,6 +140,9 @@ TEST_F(TvdAnnotationStoreTest, UnwritableAnnotationsAreRefusedAndDoNotBlockLater
 TEST_F(TvdAnnotationStoreTest, BadFilesResetWithALogLineAndAreReplacedAtTheFirstChange)
 {
     const std::string good = document(Value{{"version", 16}, {"data", Value{{"k", Value{{"election", 1}}}}}});
+    std::string deep;
+    for (int i = 0; i < 200; ++i)
+        deep = "<array>" + deep + "</array>";
     struct Case {
         const char* name;
         std::string text;
@@ -167,7 +155,7 @@ TEST_F(TvdAnnotationStoreTest, BadFilesResetWithALogLineAndAreReplacedAtTheFirst
         {"empty", ""},
         {"truncated", good.substr(0, good.size() / 2)},
         {"deeply nested", "<?xml version=\"1.0\"?><vlist version=\"1.0\"><dict><key>version</key><integer>16</integer>"
-                          "<key>data</key>" + repeat("<array>", 200) + repeat("</array>", 200) + "</dict></vlist>"},
+                          "<key>data</key>" + deep + "</dict></vlist>"},
         {"doctype", "<?xml version=\"1.0\"?><!DOCTYPE x [<!ENTITY a \"b\">]><vlist version=\"1.0\"><dict/></vlist>"},
         {"oversized", good.substr(0, good.size() - 9) + std::string(17u << 20, ' ') + "</vlist>\n"},
     };
@@ -268,28 +256,27 @@ TEST_F(TvdAnnotationStoreTest, SingleUserDaemonUsesTheDeviceWideFile)
 TEST_F(TvdAnnotationStoreTest, DefaultLocationFailuresStopTheDaemonWithTheirMessage)
 {
     auto s = services(true);
+    // The message the daemon stops with, or "not stopped".
+    auto stopMessage = [&] {
+        try {
+            TvdAnnotationStore::initWithDatabase(std::nullopt, s);
+        } catch (const Stopped& e) {
+            return std::string(e.what());
+        }
+        return std::string("not stopped");
+    };
     s.containers = test::FakeContainerService::failing(ENOSPC);
-    try {
-        TvdAnnotationStore::initWithDatabase(std::nullopt, s);
-        FAIL() << "not stopped";
-    } catch (const Stopped& e) {
-        EXPECT_EQ(std::string(e.what()), "unable to locate user container: error " + std::to_string(ENOSPC));
-    }
+    EXPECT_EQ(stopMessage(), "unable to locate user container: error " + std::to_string(ENOSPC));
     EXPECT_TRUE(log.contains("failed to get storage container: error=" + std::to_string(ENOSPC)));
 
     auto fake = std::make_shared<test::FakeContainerService>();
     fake->path = dir.path() + "/";
     writeText(dir.file("com.veltra.tarvik"), "a file where the directory goes");
     s.containers = fake;
-    try {
-        TvdAnnotationStore::initWithDatabase(std::nullopt, s);
-        FAIL() << "not stopped";
-    } catch (const Stopped& e) {
-        EXPECT_EQ(std::string(e.what()).rfind("unable to create plugin annotations directory:" + dir.path() +
-                                              "/com.veltra.tarvik/ error:", 0),
-                  0u)
-            << e.what();
-    }
+    const std::string message = stopMessage();
+    EXPECT_EQ(message.rfind("unable to create plugin annotations directory:" + dir.path() + "/com.veltra.tarvik/ error:", 0),
+              0u)
+        << message;
     EXPECT_EQ(log.countContaining("failed to create storage directory at file://" + dir.path() +
                                   "/com.veltra.tarvik/ - error="),
               1u);

@@ -13,13 +13,8 @@
 namespace tv {
 namespace {
 
-using platform::RegistryPlugInRecord;
 using test::LogCapture;
-
-std::shared_ptr<RegistryPlugInRecord> makeRecord(const std::string& path = "/apps/A.app/PlugIns/P.vext")
-{
-    return test::makePlugInRecord(path);
-}
+using test::makePlugInRecord;
 
 class TvdPlugInTest : public ::testing::Test {
 protected:
@@ -29,12 +24,10 @@ protected:
 
 TEST_F(TvdPlugInTest, ConstructionTakesTheRegistryFacts)
 {
-    auto r = makeRecord();
+    auto r = makePlugInRecord();
     r->onSystemVolume = true;
     auto p = TvdPlugIn::initWithRSData(r);
     ASSERT_TRUE(p);
-    EXPECT_EQ(p->uuid(), r->uuid);
-    EXPECT_EQ(p->identifier(), "com.example.p");
     EXPECT_EQ(p->originalIdentifier(), "com.example.p.orig");
     EXPECT_EQ(p->lastModified(), 1'700'000'000);
     EXPECT_TRUE(p->onSystemVolume());
@@ -47,12 +40,12 @@ TEST_F(TvdPlugInTest, ConstructionTakesTheRegistryFacts)
 TEST_F(TvdPlugInTest, ConstructionRefusals)
 {
     LogCapture log;
-    auto noUrl = makeRecord();
+    auto noUrl = makePlugInRecord();
     noUrl->bundleUrl = Value();
     EXPECT_FALSE(TvdPlugIn::initWithRSData(noUrl));
     EXPECT_EQ(log.countContaining("ignoring"), 0u);
 
-    auto noAttributes = makeRecord();
+    auto noAttributes = makePlugInRecord();
     noAttributes->plugInDictionary = Value{{"KoExtensionPointIdentifier", Value("x")}};
     EXPECT_FALSE(TvdPlugIn::initWithRSData(noAttributes));
     EXPECT_EQ(log.countContaining("ignoring mis-configured plug-in at /apps/A.app/PlugIns/P.vext: missing"), 1u);
@@ -83,7 +76,7 @@ TEST_F(TvdPlugInTest, DaemonConsistencyRules)
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.root) + " " + c.path);
         TvdPlugIn::setSystemVolumeRoot(c.root);
-        auto r = makeRecord(c.path);
+        auto r = makePlugInRecord(c.path);
         if (!c.contained)
             r->containingApplication = nullptr;
         if (!c.container)
@@ -113,7 +106,7 @@ TEST_F(TvdPlugInTest, HubProtocolVersion)
         {Value(), true, 1},                  {Value(), false, 2},                {Value("5"), false, 2},
     };
     for (const auto& c : cases) {
-        auto r = makeRecord();
+        auto r = makePlugInRecord();
         if (!c.declared.isNull())
             r->plugInDictionary = r->plugInDictionary.with("HubProtocolVersion", c.declared);
         if (c.tarvikKey)
@@ -142,7 +135,7 @@ TEST_F(TvdPlugInTest, EntitlementsAndAnnotationKey)
         {Value(), false, "com.example.p"},
     };
     for (const auto& c : cases) {
-        auto r = makeRecord();
+        auto r = makePlugInRecord();
         r->entitlements = r->entitlements.with(kReplacePlugInEntitlement, c.replace);
         auto p = TvdPlugIn::initWithRSData(r);
         ASSERT_TRUE(p);
@@ -153,7 +146,7 @@ TEST_F(TvdPlugInTest, EntitlementsAndAnnotationKey)
 
 TEST_F(TvdPlugInTest, LookupsAskTheRegistryRecordEveryTime)
 {
-    auto r = makeRecord();
+    auto r = makePlugInRecord();
     auto p = TvdPlugIn::initWithRSData(r);
     ASSERT_TRUE(p);
     // The registry record is immutable to everyone else; here it stands in
@@ -201,7 +194,7 @@ protected:
     }
     std::shared_ptr<TvdPlugIn> plugIn(const std::string& suffix, Value shared)
     {
-        auto r = makeRecord(bundle_ + suffix);
+        auto r = makePlugInRecord(bundle_ + suffix);
         if (!shared.isNull())
             r->plugInDictionary = r->plugInDictionary.with("Shared", shared);
         return TvdPlugIn::initWithRSData(r);
@@ -250,23 +243,19 @@ TEST_F(TvdPlugInGrantsTest, AugmentForm)
 
     // A plug-in that is not an app extension shares its list; no list, no key.
     std::filesystem::create_directories(bundle_ + ".plugin");
-    auto other = TvdPlugIn::initWithRSData([&] {
-        auto r = makeRecord(bundle_ + ".plugin");
-        r->plugInDictionary = r->plugInDictionary.with("KoExtensionProtocol", Value("P")).with("Shared", Value("gone"));
-        return r;
-    }());
-    ASSERT_TRUE(other);
-    Value otherForm(Dictionary{});
-    other->augmentForm(otherForm);
-    EXPECT_EQ(otherForm["extensions"], Value(Dictionary{})); // set even when empty
-    auto none = TvdPlugIn::initWithRSData([&] {
-        auto r = makeRecord(bundle_ + ".plugin");
+    for (const Value& list : {Value("gone"), Value()}) {
+        SCOPED_TRACE(list.description());
+        auto r = makePlugInRecord(bundle_ + ".plugin");
         r->plugInDictionary = r->plugInDictionary.with("KoExtensionProtocol", Value("P"));
-        return r;
-    }());
-    Value noneForm(Dictionary{});
-    none->augmentForm(noneForm);
-    EXPECT_TRUE(noneForm["extensions"].isNull());
+        if (!list.isNull())
+            r->plugInDictionary = r->plugInDictionary.with("Shared", list);
+        auto other = TvdPlugIn::initWithRSData(r);
+        ASSERT_TRUE(other);
+        Value otherForm(Dictionary{});
+        other->augmentForm(otherForm);
+        // Set even when empty.
+        EXPECT_EQ(otherForm["extensions"], list.isNull() ? Value() : Value(Dictionary{}));
+    }
 }
 
 } // namespace
