@@ -115,14 +115,10 @@ TEST_F(TvdMatchRulesTest, KeysSelectTheirValuesAndPatternsApplyInOrder)
     };
     for (const Case& c : cases)
         EXPECT_EQ(r.matchKeyPattern(*plugIn, c.key, c.pattern), c.matches) << c.key << " " << c.pattern.description();
-}
-
-TEST_F(TvdMatchRulesTest, WithoutAContainingApplicationThatKeyFailsWhateverThePattern)
-{
-    auto plugIn = makePlugIn(false);
-    TvdMatchRules r = rules();
+    // Without a containing application that key fails whatever the pattern.
+    auto bare = makePlugIn(false);
     for (const Value& pattern : {Value(false), Value(true), Value("x"), Value(Array{}), Value(0)})
-        EXPECT_FALSE(r.matchKeyPattern(*plugIn, "KoExtensionContainingApp", pattern)) << pattern.description();
+        EXPECT_FALSE(r.matchKeyPattern(*bare, "KoExtensionContainingApp", pattern)) << pattern.description();
 }
 
 TEST_F(TvdMatchRulesTest, ElectionIsTheAnnotationsIntegerWithBitsEightToFifteenCleared)
