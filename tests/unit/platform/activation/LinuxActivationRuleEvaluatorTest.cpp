@@ -82,8 +82,7 @@ TEST_F(LinuxActivationRuleEvaluatorTest, MalformedRulesAndOffersNeverMatchAndAre
         {Value{{"AtLeast", 3u}, {"AtMost", 2u}}, Value(), "AtLeast is greater than AtMost"},
         // A malformed branch refuses even where AnyOf would stop before it.
         {Value{{"AnyOf", Value(Array{Value::emptyDictionary(), Value(7)})}}, Value(), "not int"},
-        {deep, Value(), "nested deeper than 32"},
-        {Value{{"AllOf", Value(many)}}, Value(), "more than 256 rules"},
+        {deep, Value(), "nested deeper than 32"}, {Value{{"AllOf", Value(many)}}, Value(), "more than 256 rules"},
         {Value::emptyDictionary(), Value(Array{}), "the offered items must be a dictionary, not array"},
         {Value::emptyDictionary(), Value{{"public.url", Value(-2)}},
          "the count of offered items of public.url is not a non-negative integer"},
