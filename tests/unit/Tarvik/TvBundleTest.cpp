@@ -72,7 +72,6 @@ TEST_F(TvBundleTest, UnreadableInformationIsLoggedAndNeverCached)
     auto line = log.find("failed to retrieve Info.vlist for " + app_ + " through <bundle " + app_ + ">");
     ASSERT_NE(line, nullptr);
     EXPECT_EQ(line->level, platform::LogLevel::Info);
-    EXPECT_EQ(line->subsystem, "com.veltra.Tarvik");
     EXPECT_EQ(line->category, "ops");
 
     files_.writeValue("Example.app/Info.vlist", Value(Array{Value("x")}));

@@ -114,7 +114,6 @@ TEST_F(TvInterfaceSpecTest, UnknownDescriptorIsCodeTwelveAndAlwaysLogged)
     auto line = log.find(text);
     ASSERT_TRUE(line);
     EXPECT_EQ(line->level, platform::LogLevel::Default);
-    EXPECT_EQ(line->subsystem, "com.veltra.Tarvik");
     EXPECT_EQ(line->category, "ops");
 
     TvError error = makeError(99, "untouched");

@@ -51,8 +51,7 @@ TEST(TvLogTest, CategoriesLogUnderTheSubsystemAtTheirLevels)
         {LogLevel::Error, "com.veltra.Tarvik", "ops", "e 1"},
         {LogLevel::Default, "com.veltra.Tarvik", "traffic", "n two"},
         {LogLevel::Info, "com.veltra.Tarvik", "extension", "i three"},
-        {LogLevel::Debug, "com.veltra.Tarvik", "rs", "d"},
-        {LogLevel::Default, "", "", "plain"},
+        {LogLevel::Debug, "com.veltra.Tarvik", "rs", "d"}, {LogLevel::Default, "", "", "plain"},
     };
     for (std::size_t i = 0; i < lines.size(); ++i) {
         EXPECT_EQ(lines[i].level, expected[i].level) << i;

@@ -33,7 +33,7 @@ protected:
     std::shared_ptr<platform::ExtensionSdkRegistry> previous_;
 };
 
-TEST_F(TvPlugInCoreSdkTest, MergeKeepsOwnValuesAtEveryDepthWithTheTwoExceptions)
+TEST_F(TvPlugInCoreSdkTest, MergeKeepsOwnValuesAtEveryDepthWithTheTwoExceptionsAndSharedUnion)
 {
     auto r = recordWithInfo(Value{{"KoExtension", Value::emptyDictionary()}});
     auto level = [](Value name, int timeout, Array shared, Value nested) {
@@ -56,11 +56,8 @@ TEST_F(TvPlugInCoreSdkTest, MergeKeepsOwnValuesAtEveryDepthWithTheTwoExceptions)
     // that key; the other keys merge as usual.
     Value odd = r->mergeDictionaryInto(Value{{"KoExtension", "text"}, {"Extra", 1}}, own);
     EXPECT_EQ(odd, own.with("Extra", 1));
-}
 
-TEST_F(TvPlugInCoreSdkTest, SharedUnionKeepsEachElementOnceAndOwnNonArraysStay)
-{
-    auto r = recordWithInfo(Value{{"KoExtension", Value::emptyDictionary()}});
+    // The shared union keeps each element once; own non-arrays stay.
     EXPECT_EQ(r->mergeSharedResourcesInto(Value(Array{"c", "a", "c", 1}), Value(Array{"a", "b", "a"})),
               Value(Array{"a", "b", "c", 1}));
     EXPECT_EQ(r->mergeSharedResourcesInto(Value(Array{"x"}), Value("own")), Value("own"));

@@ -18,22 +18,12 @@ TEST(TvVersionComparisonTest, OrdersByDigitRunsThenByCodeAndIsAntisymmetric)
         TvOrdering order;
     } cases[] = {
         // Digit runs compare by numeric value.
-        {"1.9", "1.10", Asc},
-        {"2.0", "10.0", Asc},
-        {"1.0", "1.0.1", Asc},
-        {"1.2.3", "1.2.3", Same},
-        {"", "", Same},
-        {"", "0", Asc},
-        {"build 99", "build 100", Asc},
+        {"1.9", "1.10", Asc}, {"2.0", "10.0", Asc}, {"1.0", "1.0.1", Asc}, {"1.2.3", "1.2.3", Same}, {"", "", Same},
+        {"", "0", Asc}, {"build 99", "build 100", Asc},
         // Leading zeros do not count.
-        {"1.01", "1.1", Same},
-        {"007", "7", Same},
-        {"1.0", "1.00", Same},
-        {"1.010", "1.9", Desc},
-        {"0", "00", Same},
+        {"1.01", "1.1", Same}, {"007", "7", Same}, {"1.0", "1.00", Same}, {"1.010", "1.9", Desc}, {"0", "00", Same},
         // Long runs never overflow.
-        {"1." + big, "1." + big + "0", Asc},
-        {big + "8", big + "9", Asc},
+        {"1." + big, "1." + big + "0", Asc}, {big + "8", big + "9", Asc},
         {"18446744073709551616", "18446744073709551615", Desc}, // past 64 bits
         {"000" + big, big, Same},
         // Other characters compare by code, case-sensitively.

@@ -81,48 +81,37 @@ TEST_F(TvdMatchRulesTest, KeysSelectTheirValuesAndPatternsApplyInOrder)
         Value pattern;
         bool matches;
     } cases[] = {
-        {"KoExtensionIdentifier", "com.example.share", true},
-        {"KoExtensionIdentifier", "com.example.Share", false},
+        {"KoExtensionIdentifier", "com.example.share", true}, {"KoExtensionIdentifier", "com.example.Share", false},
         {"com.veltra.uuid", "6F1C2A3B-4D5E-4F60-8172-93A4B5C6D7E8", true},
         {"KoExtensionContainingApp", "/Applications/Notes.app", true},
         {"KoExtensionVersion", ">=1.9", true},            // attribute, numeric-aware
         {"Shadowed", "from attributes", true},             // attributes before bundle information
         {"InfoOnly", "here", true},                        // falls back to bundle information
-        {"ENTITLEMENT:com.example.yes", Value(true), true},
-        {"ENTITLEMENT:com.example.text", Value(true), true},
-        {"ENTITLEMENT:com.example.no", Value(true), false},
-        {"ENTITLEMENT:com.example.no", Value(false), true},
+        {"ENTITLEMENT:com.example.yes", Value(true), true}, {"ENTITLEMENT:com.example.text", Value(true), true},
+        {"ENTITLEMENT:com.example.no", Value(true), false}, {"ENTITLEMENT:com.example.no", Value(false), true},
         {"ENTITLEMENT:com.example.absent", Value(false), true},
         {"ENTITLEMENT:", "empty name", true},              // the empty entitlement name
         {"ENTITLEMENT:KoExtensionVersion", Value(true), false}, // no fallback to attributes
-        {"Absent", Value(true), false},
-        {"Absent", Value(false), true},
+        {"Absent", Value(true), false}, {"Absent", Value(false), true},
         {"Absent", Value(1), false},                       // the number 1 is true
         {"Absent", Value(0), true},                        // the number 0 is false
-        {"Absent", "x", false},
-        {"Off", Value(false), true},
+        {"Absent", "x", false}, {"Off", Value(false), true},
         {"Zero", Value(false), true},                      // a zero value counts as false
-        {"Zero", Value(true), false},
-        {"Count", Value(true), true},
+        {"Zero", Value(true), false}, {"Count", Value(true), true},
         {"Count", "7", false},                             // numbers are not compared with strings
         {"Count", Value(Array{"7"}), false},
         {"Formats", Value(Array{"z", "y"}), true},         // any element against any pattern
-        {"Formats", "z", false},
-        {"Formats", ">=y", true},
+        {"Formats", "z", false}, {"Formats", ">=y", true},
         {"Mixed", "?TY-CONFORMS:public.image", true},      // non-string elements are skipped
         {"KoExtensionVersion", Value(2.5), false},         // a pattern of no usable kind
         {"KoExtensionVersion", Value::data({1, 2}), false},
     };
     for (const Case& c : cases)
         EXPECT_EQ(r.matchKeyPattern(*plugIn, c.key, c.pattern), c.matches) << c.key << " " << c.pattern.description();
-}
-
-TEST_F(TvdMatchRulesTest, WithoutAContainingApplicationThatKeyFailsWhateverThePattern)
-{
-    auto plugIn = makePlugIn(false);
-    TvdMatchRules r = rules();
+    // Without a containing application that key fails whatever the pattern.
+    auto bare = makePlugIn(false);
     for (const Value& pattern : {Value(false), Value(true), Value("x"), Value(Array{}), Value(0)})
-        EXPECT_FALSE(r.matchKeyPattern(*plugIn, "KoExtensionContainingApp", pattern)) << pattern.description();
+        EXPECT_FALSE(r.matchKeyPattern(*bare, "KoExtensionContainingApp", pattern)) << pattern.description();
 }
 
 TEST_F(TvdMatchRulesTest, ElectionIsTheAnnotationsIntegerWithBitsEightToFifteenCleared)

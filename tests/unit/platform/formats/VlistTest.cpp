@@ -31,11 +31,12 @@ Value roundTrip(const Value& v)
     return back.ok() ? *back : Value();
 }
 
-std::string nestedArrays(std::size_t n)
+std::string nestedArrays(std::size_t n, std::string_view inner = "")
 {
     std::string s;
     for (std::size_t i = 0; i < n; ++i)
         s += "<array>";
+    s += inner;
     for (std::size_t i = 0; i < n; ++i)
         s += "</array>";
     return wrap(s);
@@ -116,57 +117,37 @@ TEST(VlistTest, ReadsHandWrittenForms)
                         "  <key>crlf</key> <string>a\r\nb</string>\n"
                         "</dict></vlist>");
     ASSERT_TRUE(v.ok()) << v.error().localizedDescription();
-    EXPECT_EQ((*v)["small"], Value(5));
-    EXPECT_EQ((*v)["huge"], Value(UINT64_MAX));
-    EXPECT_EQ((*v)["plus"], Value(5u));
-    EXPECT_EQ((*v)["zeros"], Value(-7));
-    EXPECT_EQ((*v)["real"], Value(-1500.0));
-    EXPECT_EQ((*v)["whole"], Value(2.0));
     EXPECT_TRUE(std::isnan(*(*v)["nan"].asDouble()));
-    EXPECT_EQ((*v)["inf"], Value(-HUGE_VAL));
-    EXPECT_EQ((*v)["lines"], Value::data({0, 1, 2, 3, 4}));
-    EXPECT_EQ((*v)["unpadded"], Value::data({'A'}));
-    EXPECT_EQ((*v)["cdata"], Value("<not markup> & "));
-    EXPECT_EQ((*v)["entities"], Value("<AB&'"));
-    EXPECT_EQ((*v)["empty"], Value(""));
-    EXPECT_EQ((*v)["offset"], Value(*Date::parseIso8601("2026-11-22T10:00:00Z")));
-    EXPECT_EQ((*v)["crlf"], Value("a\nb"));
+    EXPECT_EQ(v->with("nan", 0), (Value{{"small", 5}, {"huge", UINT64_MAX}, {"plus", 5u}, {"zeros", -7}, {"real", -1500.0},
+                         {"whole", 2.0}, {"nan", 0}, {"inf", -HUGE_VAL}, {"lines", Value::data({0, 1, 2, 3, 4})},
+                         {"unpadded", Value::data({'A'})}, {"cdata", "<not markup> & "}, {"entities", "<AB&'"},
+                         {"empty", ""}, {"offset", *Date::parseIso8601("2026-11-22T10:00:00Z")}, {"crlf", "a\nb"}}));
 }
 
 TEST(VlistTest, RefusesMalformedDocuments)
 {
     const std::pair<const char*, std::string> cases[] = {
-        {"empty input", ""},
-        {"wrong root", "<dict></dict>"},
-        {"unsupported version", "<vlist version=\"2.0\"><true/></vlist>"},
-        {"no value", wrap("")},
-        {"two root values", wrap("<true/><false/>")},
-        {"unclosed tag", "<vlist><array><string>x</string></vlist>"},
+        {"empty input", ""}, {"wrong root", "<dict></dict>"},
+        {"unsupported version", "<vlist version=\"2.0\"><true/></vlist>"}, {"no value", wrap("")},
+        {"two root values", wrap("<true/><false/>")}, {"unclosed tag", "<vlist><array><string>x</string></vlist>"},
         {"mismatched tags", wrap("<array></dict>")},
         {"truncated", wrap("<dict><key>a</key><string>abc").substr(0, 60)},
-        {"text outside values", wrap("<array>loose<true/></array>")},
-        {"unknown element", wrap("<set/>")},
-        {"element inside a string", wrap("<string>a<b/>c</string>")},
-        {"content in true", wrap("<true>yes</true>")},
+        {"text outside values", wrap("<array>loose<true/></array>")}, {"unknown element", wrap("<set/>")},
+        {"element inside a string", wrap("<string>a<b/>c</string>")}, {"content in true", wrap("<true>yes</true>")},
         {"key without value", wrap("<dict><key>a</key></dict>")},
         {"two keys in a row", wrap("<dict><key>a</key><key>b</key><true/></dict>")},
         {"value without key", wrap("<dict><true/></dict>")},
         {"key outside dict", wrap("<array><key>a</key></array>")},
         {"duplicate keys", wrap("<dict><key>a</key><true/><key>a</key><false/></dict>")},
-        {"empty integer", wrap("<integer/>")},
-        {"integer with letters", wrap("<integer>12a</integer>")},
+        {"empty integer", wrap("<integer/>")}, {"integer with letters", wrap("<integer>12a</integer>")},
         {"integer above 64 bits", wrap("<integer>18446744073709551616</integer>")},
         {"integer below int64", wrap("<integer>-9223372036854775809</integer>")},
-        {"bad real", wrap("<real>1.2.3</real>")},
-        {"hex real", wrap("<real>0x1p3</real>")},
-        {"real out of range", wrap("<real>1e999</real>")},
-        {"bad base64 character", wrap("<data>AB*D</data>")},
-        {"padding in the middle", wrap("<data>QQ==QQ==</data>")},
-        {"bad date", wrap("<date>yesterday</date>")},
+        {"bad real", wrap("<real>1.2.3</real>")}, {"hex real", wrap("<real>0x1p3</real>")},
+        {"real out of range", wrap("<real>1e999</real>")}, {"bad base64 character", wrap("<data>AB*D</data>")},
+        {"padding in the middle", wrap("<data>QQ==QQ==</data>")}, {"bad date", wrap("<date>yesterday</date>")},
         {"date without zone", wrap("<date>2026-11-22T10:00:00</date>")},
         {"date out of range", wrap("<date>2026-13-01T00:00:00Z</date>")},
-        {"trailing garbage", wrap("<true/>") + "junk"},
-        {"undefined entity", wrap("<string>&nbsp;</string>")},
+        {"trailing garbage", wrap("<true/>") + "junk"}, {"undefined entity", wrap("<string>&nbsp;</string>")},
         {"invalid UTF-8", wrap("<string>\xC3\x28</string>")},
         {"NUL character", wrap(std::string("<string>a\0b</string>", 20))},
     };
@@ -217,13 +198,7 @@ TEST(VlistTest, EnforcesSizeAndDepthLimits)
     ASSERT_FALSE(deep.ok());
     EXPECT_NE(deep.error().localizedDescription().find("nesting deeper than 64"), std::string::npos);
     // A scalar inside the deepest allowed container is one level too deep.
-    std::string body;
-    for (int i = 0; i < 64; ++i)
-        body += "<array>";
-    body += "<true/>";
-    for (int i = 0; i < 64; ++i)
-        body += "</array>";
-    EXPECT_FALSE(parseVlist(wrap(body)).ok());
+    EXPECT_FALSE(parseVlist(nestedArrays(64, "<true/>")).ok());
 
     VlistLimits tight;
     tight.maxDepth = 2;

@@ -60,9 +60,8 @@ TEST_F(LinuxExtensionSdkRegistryTest, RefusesIdentifiersOutsideTheDirectoryAndUn
     write("array.vlist", "<array><string>x</string></array>");
     write("broken.vlist", "<dict><key>unclosed</key>");
     fs::create_directories(dir_ / "directory.vlist");
-    EXPECT_FALSE(registry.lookUp("array"));
-    EXPECT_FALSE(registry.lookUp("broken"));
-    EXPECT_FALSE(registry.lookUp("directory"));
+    for (const char* id : {"array", "broken", "directory"})
+        EXPECT_FALSE(registry.lookUp(id)) << id;
     EXPECT_EQ(log.countContaining("SDK file"), 3u);
     for (const auto& line : log.lines())
         EXPECT_EQ(line.level, LogLevel::Error);

@@ -153,15 +153,13 @@ TEST_F(LinuxSandboxServiceTest, KeyFileIsPrivateAndAnUnsafeOneIsReplaced)
 TEST_F(LinuxSandboxServiceTest, FileReadGrantLeavesErrnoOfTheFailure)
 {
     LinuxSandboxService sandbox((dir_ / "run").string());
-    errno = 0;
-    EXPECT_FALSE(fileReadGrant(Value::fileURL((dir_ / "files" / "missing").string()), sandbox));
-    EXPECT_EQ(errno, ENOENT);
-    errno = 0;
-    EXPECT_FALSE(fileReadGrant(Value::fileURL((dir_ / "files" / "a.txt" / "x").string()), sandbox));
-    EXPECT_EQ(errno, ENOTDIR);
-    errno = 0;
-    EXPECT_FALSE(fileReadGrant(Value("/not/a/url"), sandbox));
-    EXPECT_EQ(errno, EINVAL);
+    for (const auto& [url, code] : {std::pair{Value::fileURL((dir_ / "files" / "missing").string()), ENOENT},
+                                    std::pair{Value::fileURL((dir_ / "files" / "a.txt" / "x").string()), ENOTDIR},
+                                    std::pair{Value("/not/a/url"), EINVAL}}) {
+        errno = 0;
+        EXPECT_FALSE(fileReadGrant(url, sandbox));
+        EXPECT_EQ(errno, code) << url.description();
+    }
 
     auto token = fileReadGrant(Value::fileURL((dir_ / "files" / "a.txt").string()), sandbox);
     ASSERT_TRUE(token);
@@ -180,10 +178,9 @@ TEST_F(LinuxSandboxServiceTest, FileReadGrantLeavesErrnoOfTheFailure)
 TEST_F(LinuxSandboxServiceTest, SandboxedProcessesAreRecognised)
 {
     EXPECT_TRUE(LinuxSandboxService::statusShowsSandbox("Name:\tx\nNoNewPrivs:\t1\nSeccomp:\t2\n"));
-    EXPECT_FALSE(LinuxSandboxService::statusShowsSandbox("NoNewPrivs:\t1\nSeccomp:\t1\n")); // strict mode
-    EXPECT_FALSE(LinuxSandboxService::statusShowsSandbox("NoNewPrivs:\t0\nSeccomp:\t2\n"));
-    EXPECT_FALSE(LinuxSandboxService::statusShowsSandbox("Seccomp:\t2"));
-    EXPECT_FALSE(LinuxSandboxService::statusShowsSandbox(""));
+    // Strict mode, privileges not dropped, no privileges line, nothing.
+    for (const char* status : {"NoNewPrivs:\t1\nSeccomp:\t1\n", "NoNewPrivs:\t0\nSeccomp:\t2\n", "Seccomp:\t2", ""})
+        EXPECT_FALSE(LinuxSandboxService::statusShowsSandbox(status)) << status;
 
     // A fake process table: one with a sandbox marker file, one with a filter.
     fs::path proc = dir_ / "proc";
@@ -194,12 +191,8 @@ TEST_F(LinuxSandboxServiceTest, SandboxedProcessesAreRecognised)
     fs::create_directories(proc / "12");
     std::ofstream(proc / "12" / "status") << "Name:\tsh\nNoNewPrivs:\t0\nSeccomp:\t0\n";
     LinuxSandboxService fake((dir_ / "run").string(), proc.string());
-    EXPECT_TRUE(fake.isProcessSandboxed(10));
-    EXPECT_TRUE(fake.isProcessSandboxed(11));
-    EXPECT_FALSE(fake.isProcessSandboxed(12));
-    EXPECT_FALSE(fake.isProcessSandboxed(13)); // gone
-    EXPECT_FALSE(fake.isProcessSandboxed(0));
-    EXPECT_FALSE(fake.isProcessSandboxed(-1));
+    for (int pid : {10, 11, 12, 13 /* gone */, 0, -1})
+        EXPECT_EQ(fake.isProcessSandboxed(pid), pid == 10 || pid == 11) << pid;
 
     // A real child that installs an allow-all seccomp filter under no-new-privs.
     int ready[2], done[2];

@@ -24,8 +24,7 @@ TEST(TypeConformanceTableTest, ConformanceIsReflexiveTransitiveAndDirected)
         const char* other;
         bool conforms;
     } cases[] = {
-        {"public.jpeg", "public.jpeg", true},
-        {"public.jpeg", "public.image", true},
+        {"public.jpeg", "public.jpeg", true}, {"public.jpeg", "public.image", true},
         {"public.jpeg", "public.data", true},
         {"public.jpeg", "public.item", true},        // three steps up
         {"public.jpeg", "public.content", true},     // second parent of a parent
@@ -34,12 +33,10 @@ TEST(TypeConformanceTableTest, ConformanceIsReflexiveTransitiveAndDirected)
         {"public.jpeg", "public.archive", false},    // a sibling's parent
         {"public.item", "public.item", true},        // named only as a parent
         {"com.undeclared", "com.undeclared", true},  // reflexive without a declaration
-        {"com.undeclared", "public.item", false},
-        {"public.jpeg", "com.undeclared", false},
+        {"com.undeclared", "public.item", false}, {"public.jpeg", "com.undeclared", false},
         {"PUBLIC.JPEG", "public.image", false},      // exact, case-sensitive
         {"", "", false},                             // the empty identifier is no type
-        {"public.jpeg", "", false},
-        {"", "public.jpeg", false},
+        {"public.jpeg", "", false}, {"", "public.jpeg", false},
     };
     for (const Case& c : cases)
         EXPECT_EQ(table.conformsTo(c.type, c.other), c.conforms) << c.type << " -> " << c.other;
