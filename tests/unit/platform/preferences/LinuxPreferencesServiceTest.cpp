@@ -16,6 +16,14 @@ namespace {
 
 constexpr const char* kDomain = "com.example.prefs";
 
+std::string repeat(const std::string& s, int n)
+{
+    std::string out;
+    while (n-- > 0)
+        out += s;
+    return out;
+}
+
 class LinuxPreferencesServiceTest : public ::testing::Test {
 protected:
     void write(const Value& v) { ASSERT_FALSE(writeVlistFileAtomically(service.pathForDomain(kDomain), v)); }
@@ -24,10 +32,14 @@ protected:
     LinuxPreferencesService service{dir.path()};
 };
 
-TEST_F(LinuxPreferencesServiceTest, ReplacementIsSeenOnlyAfterSynchronizeAndAMissingDomainIsUnset)
+TEST_F(LinuxPreferencesServiceTest, MissingDomainReadsAsUnsetWithoutError)
 {
     EXPECT_FALSE(service.synchronize(kDomain));
     EXPECT_TRUE(service.copyValue(kDomain, "key").isNull());
+}
+
+TEST_F(LinuxPreferencesServiceTest, ReplacementIsSeenOnlyAfterSynchronize)
+{
     write(Value{{"key", 1}});
     EXPECT_EQ(service.copyValue(kDomain, "key"), Value(1));
     write(Value{{"key", 2}});
@@ -55,22 +67,23 @@ TEST_F(LinuxPreferencesServiceTest, InPlaceEditWithSameSizeIsSeen)
 
 TEST_F(LinuxPreferencesServiceTest, BadFilesReadAsEmptyWithAReason)
 {
-    std::string deep;
-    for (int i = 0; i < 100; ++i)
-        deep = "<array>" + deep + "</array>";
-    const std::pair<const char*, std::string> cases[] = {
+    struct Case {
+        const char* name;
+        std::string text;
+    };
+    const Case cases[] = {
         {"not xml", "garbage"},
         {"truncated", serializeVlist(Value{{"key", 1}})->substr(0, 40)},
         {"root not a dictionary", *serializeVlist(Value(Array{Value(1)}))},
-        {"too deep", "<?xml version=\"1.0\"?><vlist version=\"1.0\"><dict><key>key</key>" + deep + "</dict></vlist>"},
+        {"too deep", "<?xml version=\"1.0\"?><vlist version=\"1.0\"><dict><key>key</key>" + repeat("<array>", 100) +
+                         repeat("</array>", 100) + "</dict></vlist>"},
     };
-    for (const auto& [name, text] : cases) {
-        SCOPED_TRACE(name);
+    for (const auto& c : cases) {
         write(Value{{"key", 1}});
         ASSERT_FALSE(service.synchronize(kDomain));
-        std::ofstream(service.pathForDomain(kDomain), std::ios::trunc) << text;
-        EXPECT_TRUE(service.synchronize(kDomain).has_value());
-        EXPECT_TRUE(service.copyValue(kDomain, "key").isNull());
+        std::ofstream(service.pathForDomain(kDomain), std::ios::trunc) << c.text;
+        EXPECT_TRUE(service.synchronize(kDomain).has_value()) << c.name;
+        EXPECT_TRUE(service.copyValue(kDomain, "key").isNull()) << c.name;
     }
     if (::geteuid() != 0) {
         write(Value{{"key", 1}});
