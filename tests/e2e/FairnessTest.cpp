@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <future>
@@ -81,7 +82,9 @@ TEST(FairnessTest, LongRequestsShareTheQueueAndTheWatchdogKeepsBeingPinged)
     Clock::duration longestGap{};
     for (std::size_t i = 1; i < pings.size(); ++i)
         longestGap = std::max(longestGap, pings[i] - pings[i - 1]);
-    EXPECT_LT(longestGap, 1000ms); // four ping intervals
+    // Four ping intervals, or an eighth of the load on a slow (sanitised)
+    // build: a queue held for a whole request gaps for about half of it.
+    EXPECT_LT(longestGap, std::max<Clock::duration>(1000ms, (heavyEnd - start) / 8));
 }
 
 } // namespace
