@@ -216,7 +216,7 @@ void LinuxVynConnection::send(Message message)
         if (replyTo != 0)
             answered = answeredLocked(replyTo);
     }
-    afterWrite(std::move(failure), false);
+    afterWrite(std::move(failure));
     if (answered)
         answered->release();
 }
@@ -251,19 +251,14 @@ void LinuxVynConnection::sendWithReply(Message message, std::shared_ptr<SerialQu
     }
     if (gone)
         failReply(pending, invalidError());
-    afterWrite(std::move(failure), false);
+    afterWrite(std::move(failure));
 }
 
-void LinuxVynConnection::afterWrite(std::optional<Failure> failure, bool resume)
+void LinuxVynConnection::afterWrite(std::optional<Failure> failure)
 {
-    if (!failure && !resume)
+    if (!failure)
         return;
-    auto work = [self = shared_from_this(), failure = std::move(failure), resume] {
-        if (failure)
-            self->close(failure->reason, failure->cut);
-        if (resume)
-            self->resumeReading();
-    };
+    auto work = [self = shared_from_this(), failure = std::move(*failure)] { self->close(failure.reason, failure.cut); };
     if (runtime_->isCurrent())
         work();
     else

@@ -147,7 +147,9 @@ private:
     bool requestDone(std::uint64_t requestId, const Ticket* ticket, std::size_t bytes);
 
     // Any thread.
-    void afterWrite(std::optional<Failure> failure, bool resume);
+    // Closes the connection for a failure found while writing, on the
+    // runtime's thread.
+    void afterWrite(std::optional<Failure> failure);
     void deliverEvent(VynEvent event);
     void deliverInvalidOnce();
     static void failReply(const std::shared_ptr<PendingReply>& pending, VynError error);
