@@ -5,7 +5,6 @@
 
 #include "platform/ipc/VynService.h"
 
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -15,59 +14,87 @@ namespace tv::test {
 
 class FakeVynConnection final : public platform::VynConnection {
 public:
-    explicit FakeVynConnection(std::shared_ptr<SerialQueue> queue, platform::AuditToken token = {});
+    explicit FakeVynConnection(std::shared_ptr<SerialQueue> queue, platform::AuditToken token = {})
+        : queue_(std::move(queue)), token_(token) {}
 
-    // platform::VynConnection
     const platform::AuditToken& auditToken() const override { return token_; }
-    void setEventHandler(EventHandler handler) override;
+    void setEventHandler(EventHandler handler) override { handler_ = std::move(handler); }
     void resume() override { resumed_ = true; }
-    void cancel() override;
-    void send(platform::Message message) override;
-    void sendWithReply(platform::Message message, std::shared_ptr<SerialQueue> queue, ReplyHandler handler) override;
+    void cancel() override {}
+    void send(platform::Message message) override
+    {
+        std::lock_guard lock(mutex_);
+        sent_.push_back(std::move(message));
+    }
+    void sendWithReply(platform::Message message, std::shared_ptr<SerialQueue> queue, ReplyHandler handler) override
+    {
+        std::lock_guard lock(mutex_);
+        message.setMessageId(nextId_++);
+        message.setExpectsReply(true);
+        pending_[message.messageId()] = {std::move(queue), std::move(handler)};
+        sent_.push_back(std::move(message));
+    }
     void setContext(std::shared_ptr<void> context) override { context_ = std::move(context); }
     std::shared_ptr<void> context() const override { return context_; }
     std::string description() const override { return "<fake connection>"; }
 
-    // Test side.
     bool resumed() const { return resumed_; }
-    bool cancelled() const { return cancelled_; }
-    std::vector<platform::Message> sent() const;
+    std::vector<platform::Message> sent() const
+    {
+        std::lock_guard lock(mutex_);
+        return sent_;
+    }
     // Delivers an event to the event handler on the connection's queue.
-    void deliver(platform::VynEvent event);
-    // Answers the pending request with message id `id` (or the oldest when 0).
-    void answer(platform::VynEvent answer, std::uint64_t id = 0);
-    std::size_t pendingReplies() const;
+    void deliver(platform::VynEvent event)
+    {
+        queue_->async([handler = handler_, event = std::move(event)] {
+            if (handler)
+                handler(event);
+        });
+    }
+    // Answers the oldest pending request.
+    void answer(platform::VynEvent answer)
+    {
+        std::unique_lock lock(mutex_);
+        if (pending_.empty())
+            return;
+        auto [queue, handler] = std::move(pending_.begin()->second);
+        pending_.erase(pending_.begin());
+        lock.unlock();
+        queue->async([h = std::move(handler), answer = std::move(answer)] { h(answer); });
+    }
 
 private:
-    struct Pending {
-        std::shared_ptr<SerialQueue> queue;
-        ReplyHandler handler;
-    };
     std::shared_ptr<SerialQueue> queue_;
     platform::AuditToken token_;
     EventHandler handler_;
     std::shared_ptr<void> context_;
     bool resumed_ = false;
-    bool cancelled_ = false;
     mutable std::mutex mutex_;
     std::vector<platform::Message> sent_;
-    std::map<std::uint64_t, Pending> pending_;
+    std::map<std::uint64_t, std::pair<std::shared_ptr<SerialQueue>, ReplyHandler>> pending_;
     std::uint64_t nextId_ = 1;
 };
 
 class FakeVynListener final : public platform::VynListener {
 public:
-    explicit FakeVynListener(std::string path, std::shared_ptr<SerialQueue> queue)
-        : path_(std::move(path)), queue_(std::move(queue)) {}
+    FakeVynListener(std::string path, std::shared_ptr<SerialQueue> queue) : path_(std::move(path)), queue_(std::move(queue)) {}
 
-    // platform::VynListener
     void setConnectionHandler(ConnectionHandler handler) override { handler_ = std::move(handler); }
     void resume() override { resumed_ = true; }
     const std::string& path() const override { return path_; }
 
     bool resumed() const { return resumed_; }
     // Hands a new connection to the handler on the listener's queue.
-    std::shared_ptr<FakeVynConnection> connect(platform::AuditToken token = {});
+    std::shared_ptr<FakeVynConnection> connect(platform::AuditToken token = {})
+    {
+        auto connection = std::make_shared<FakeVynConnection>(queue_, token);
+        queue_->async([handler = handler_, connection] {
+            if (handler)
+                handler(connection);
+        });
+        return connection;
+    }
 
 private:
     std::string path_;
@@ -78,11 +105,16 @@ private:
 
 class FakeVynService final : public platform::VynService {
 public:
-    // platform::VynService
-    Result<std::shared_ptr<platform::VynListener>> listen(const std::string& name,
-                                                          std::shared_ptr<SerialQueue> queue) override;
-    std::shared_ptr<platform::VynConnection> connect(const std::string& name,
-                                                     std::shared_ptr<SerialQueue> queue) override;
+    Result<std::shared_ptr<platform::VynListener>> listen(const std::string& name, std::shared_ptr<SerialQueue> queue) override
+    {
+        listener_ = std::make_shared<FakeVynListener>(name, std::move(queue));
+        return std::shared_ptr<platform::VynListener>(listener_);
+    }
+    std::shared_ptr<platform::VynConnection> connect(const std::string& name, std::shared_ptr<SerialQueue> queue) override
+    {
+        lastConnectName_ = name;
+        return lastConnection_ = std::make_shared<FakeVynConnection>(std::move(queue));
+    }
     void beginTransaction() override { ++transactions_; }
     void endTransaction() override { --transactions_; }
     std::size_t openTransactions() const override { return transactions_; }

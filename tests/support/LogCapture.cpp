@@ -1,5 +1,7 @@
 #include "tests/support/LogCapture.h"
 
+#include <algorithm>
+
 namespace tv::test {
 
 class LogCapture::Sink final : public platform::SystemLog {
@@ -33,26 +35,19 @@ std::vector<CapturedLine> LogCapture::lines() const
 
 std::size_t LogCapture::count(const std::string& message) const
 {
-    std::lock_guard lock(sink_->mutex);
-    std::size_t n = 0;
-    for (const auto& l : sink_->lines)
-        n += l.message == message;
-    return n;
+    auto all = lines();
+    return std::count_if(all.begin(), all.end(), [&](const CapturedLine& l) { return l.message == message; });
 }
 
 std::size_t LogCapture::countContaining(const std::string& fragment) const
 {
-    std::lock_guard lock(sink_->mutex);
-    std::size_t n = 0;
-    for (const auto& l : sink_->lines)
-        n += l.message.find(fragment) != std::string::npos;
-    return n;
+    auto all = lines();
+    return std::count_if(all.begin(), all.end(), [&](const CapturedLine& l) { return l.message.find(fragment) != std::string::npos; });
 }
 
 std::unique_ptr<CapturedLine> LogCapture::find(const std::string& message) const
 {
-    std::lock_guard lock(sink_->mutex);
-    for (const auto& l : sink_->lines)
+    for (const auto& l : lines())
         if (l.message == message)
             return std::make_unique<CapturedLine>(l);
     return nullptr;

@@ -1,13 +1,11 @@
 #include "tests/support/TestDaemon.h"
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <poll.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -32,14 +30,12 @@ TempDir::~TempDir()
     std::filesystem::remove_all(path_, ec);
 }
 
-static std::string readAll(int fd)
+static std::string readFile(const std::string& path)
 {
-    std::string s;
-    char buf[4096];
-    ssize_t n;
-    while ((n = ::read(fd, buf, sizeof buf)) > 0)
-        s.append(buf, static_cast<std::size_t>(n));
-    return s;
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
 }
 
 // Reaps `pid` and returns its wait status; a process still running after
@@ -59,46 +55,41 @@ static int waitForExit(pid_t pid, std::chrono::milliseconds timeout)
     return status;
 }
 
-static std::vector<char*> cstrings(std::vector<std::string>& v)
+// Starts `argv` with standard input from /dev/null, output appended to the
+// given files and `env` added to a scrubbed environment.
+static pid_t spawn(std::vector<std::string> argv, const std::map<std::string, std::string>& env,
+                   const std::string& outPath, const std::string& errPath)
 {
-    std::vector<char*> out;
-    for (auto& s : v)
-        out.push_back(s.data());
-    out.push_back(nullptr);
-    return out;
+    pid_t pid = ::fork();
+    if (pid != 0)
+        return pid;
+    ::dup2(::open("/dev/null", O_RDONLY), 0);
+    ::dup2(::open(outPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 1);
+    ::dup2(errPath == outPath ? 1 : ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
+    for (const char* name : {"JOURNAL_STREAM", "LISTEN_FDS", "LISTEN_PID", "NOTIFY_SOCKET"})
+        ::unsetenv(name);
+    for (const auto& [k, v] : env)
+        ::setenv(k.c_str(), v.c_str(), 1);
+    std::vector<char*> args;
+    for (auto& s : argv)
+        args.push_back(s.data());
+    args.push_back(nullptr);
+    ::execv(args[0], args.data());
+    _exit(127);
 }
 
-ProcessResult runProgram(const std::vector<std::string>& argvIn, const std::map<std::string, std::string>& env,
+static int exitCode(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status); }
+
+ProcessResult runProgram(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
                          std::chrono::milliseconds timeout)
 {
     TempDir dir;
-    std::string outPath = dir.file("out"), errPath = dir.file("err");
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        int out = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int err = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        int in = ::open("/dev/null", O_RDONLY);
-        ::dup2(in, 0);
-        ::dup2(out, 1);
-        ::dup2(err, 2);
-        for (const auto& [k, v] : env)
-            ::setenv(k.c_str(), v.c_str(), 1);
-        std::vector<std::string> argv = argvIn;
-        auto args = cstrings(argv);
-        ::execv(args[0], args.data());
-        _exit(127);
-    }
+    int status = waitForExit(spawn(argv, env, dir.file("out"), dir.file("err")), timeout);
     ProcessResult r;
-    int status = waitForExit(pid, timeout);
-    if (WIFEXITED(status))
-        r.exitStatus = WEXITSTATUS(status);
-    else if (WIFSIGNALED(status))
-        r.signal = WTERMSIG(status);
-    int fo = ::open(outPath.c_str(), O_RDONLY), fe = ::open(errPath.c_str(), O_RDONLY);
-    r.out = readAll(fo);
-    r.err = readAll(fe);
-    ::close(fo);
-    ::close(fe);
+    r.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    r.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+    r.out = readFile(dir.file("out"));
+    r.err = readFile(dir.file("err"));
     return r;
 }
 
@@ -136,19 +127,22 @@ TestDaemon::~TestDaemon()
     }
 }
 
+// A Unix stream socket with `path` as its address, or -1.
+static int unixSocket(const std::string& path, sockaddr_un& addr)
+{
+    addr = sockaddr_un{};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr.sun_path)
+        return -1;
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
 int connectUnix(const std::string& path)
 {
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path) {
-        ::close(fd);
-        return -1;
-    }
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+    sockaddr_un addr;
+    int fd = unixSocket(path, addr);
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
         ::close(fd);
         return -1;
     }
@@ -157,16 +151,9 @@ int connectUnix(const std::string& path)
 
 int listenUnix(const std::string& path)
 {
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (fd < 0 || path.size() >= sizeof addr.sun_path) {
-        if (fd >= 0)
-            ::close(fd);
-        return -1;
-    }
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0) {
+    sockaddr_un addr;
+    int fd = unixSocket(path, addr);
+    if (fd >= 0 && (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || ::listen(fd, 16) != 0)) {
         ::close(fd);
         return -1;
     }
@@ -175,67 +162,35 @@ int listenUnix(const std::string& path)
 
 bool TestDaemon::start(std::vector<std::string> args, std::map<std::string, std::string> env)
 {
-    bool hasName = false;
+    std::vector<std::string> argv{TVD_BINARY, "-S", socketPath_};
     for (std::size_t i = 0; i + 1 < args.size(); ++i) {
         if (args[i] == "-S") {
-            hasName = true;
             const std::string& name = args[i + 1];
             socketPath_ = name.find('/') != std::string::npos ? name : dir_.file("run/vyn/" + name);
+            argv.resize(1);
         }
-    }
-    std::vector<std::string> argv{TVD_BINARY};
-    if (!hasName) {
-        argv.push_back("-S");
-        argv.push_back(socketPath_);
     }
     argv.insert(argv.end(), args.begin(), args.end());
     env["TVD_CONFIG"] = configPath_;
-    if (!env.count("TVD_LOG_LEVEL"))
-        env["TVD_LOG_LEVEL"] = "debug";
-    if (!env.count("TVD_LOG_PRIVATE"))
-        env["TVD_LOG_PRIVATE"] = "1";
-    pid_ = ::fork();
-    if (pid_ == 0) {
-        int log = ::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        int in = ::open("/dev/null", O_RDONLY);
-        ::dup2(in, 0);
-        ::dup2(log, 1);
-        ::dup2(log, 2);
-        ::unsetenv("JOURNAL_STREAM");
-        ::unsetenv("LISTEN_FDS");
-        ::unsetenv("LISTEN_PID");
-        ::unsetenv("NOTIFY_SOCKET");
-        for (const auto& [k, v] : env)
-            ::setenv(k.c_str(), v.c_str(), 1);
-        auto a = cstrings(argv);
-        ::execv(a[0], a.data());
-        _exit(127);
-    }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (std::chrono::steady_clock::now() < deadline) {
-        int fd = connectUnix(socketPath_);
-        if (fd >= 0) {
+    env.try_emplace("TVD_LOG_LEVEL", "debug");
+    env.try_emplace("TVD_LOG_PRIVATE", "1");
+    pid_ = spawn(argv, env, logPath_, logPath_);
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+         std::chrono::steady_clock::now() < deadline && running();
+         std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+        if (int fd = connectUnix(socketPath_); fd >= 0) {
             ::close(fd);
             return true;
         }
-        if (!running())
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
 }
 
 bool TestDaemon::running()
 {
-    if (pid_ <= 0)
-        return false;
-    int status;
-    pid_t w = ::waitpid(pid_, &status, WNOHANG);
-    if (w == pid_) {
+    if (pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == pid_)
         pid_ = -1;
-        return false;
-    }
-    return true;
+    return pid_ > 0;
 }
 
 int TestDaemon::stop()
@@ -245,27 +200,17 @@ int TestDaemon::stop()
     ::kill(pid_, SIGTERM);
     int status = waitForExit(pid_, std::chrono::seconds(10));
     pid_ = -1;
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    return -WTERMSIG(status);
+    return exitCode(status);
 }
 
-std::string TestDaemon::log() const
-{
-    std::ifstream in(logPath_);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
+std::string TestDaemon::log() const { return readFile(logPath_); }
 
 bool TestDaemon::waitForLog(const std::string& text, std::chrono::milliseconds timeout) const
 {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
+    for (auto deadline = std::chrono::steady_clock::now() + timeout; std::chrono::steady_clock::now() < deadline;
+         std::this_thread::sleep_for(std::chrono::milliseconds(10)))
         if (log().find(text) != std::string::npos)
             return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
     return false;
 }
 
