@@ -74,8 +74,7 @@ TEST_F(LinuxServiceLifecycleTest, SigtermAnnouncesTerminationAndEndsCleanly)
     EXPECT_EQ(status.get(), 0);
     EXPECT_TRUE(manager.await("STOPPING=1"));
     vynQueue_->sync([] {});
-    ASSERT_FALSE(seen->empty());
-    ASSERT_TRUE(eventError(seen->back()));
+    ASSERT_TRUE(!seen->empty() && eventError(seen->back()));
     EXPECT_EQ(eventError(seen->back())->kind, VynError::Kind::TerminationImminent);
     EXPECT_EQ(log_.countContaining("terminating on signal 15"), 1u);
 }

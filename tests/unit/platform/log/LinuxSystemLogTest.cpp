@@ -62,30 +62,23 @@ std::string captureStderr(F fn)
 
 TEST(LinuxSystemLogTest, EnvironmentSetsThresholdAndPrivacyAtConstruction)
 {
-    struct Case {
-        std::optional<std::string> level;
-        LogLevel lowestShown;
-    } cases[] = {
+    const std::pair<std::optional<std::string>, LogLevel> cases[] = { // TVD_LOG_LEVEL, the lowest level shown
         {std::nullopt, LogLevel::Default},
         {"info", LogLevel::Info},
         {"debug", LogLevel::Debug},
         {"verbose", LogLevel::Default}, // unknown values keep the default
         {"error", LogLevel::Default},   // the threshold is only ever lowered
     };
-    for (const auto& c : cases) {
-        ScopedEnv env("TVD_LOG_LEVEL", c.level);
+    for (const auto& [level, lowestShown] : cases) {
+        ScopedEnv env("TVD_LOG_LEVEL", level);
         LinuxSystemLog log;
         for (LogLevel l : {LogLevel::Error, LogLevel::Default, LogLevel::Info, LogLevel::Debug})
-            EXPECT_EQ(log.enabled(l), static_cast<int>(l) <= static_cast<int>(c.lowestShown))
-                << c.level.value_or("(unset)") << " " << logLevelName(l);
+            EXPECT_EQ(log.enabled(l), static_cast<int>(l) <= static_cast<int>(lowestShown))
+                << level.value_or("(unset)") << " " << logLevelName(l);
     }
-    {
-        ScopedEnv env("TVD_LOG_PRIVATE", std::nullopt);
-        EXPECT_TRUE(LinuxSystemLog().redactsPrivate());
-    }
-    {
-        ScopedEnv env("TVD_LOG_PRIVATE", "1");
-        EXPECT_FALSE(LinuxSystemLog().redactsPrivate());
+    for (std::optional<std::string> setting : {std::optional<std::string>(), std::optional<std::string>("1")}) {
+        ScopedEnv env("TVD_LOG_PRIVATE", setting);
+        EXPECT_EQ(LinuxSystemLog().redactsPrivate(), !setting);
     }
 }
 

@@ -35,10 +35,8 @@ TEST(LinuxBundleServiceTest, OpensOnlyDirectoriesWithAnInformationFile)
     EXPECT_EQ(bundlePathOf(service, service.openBundleDirectory(app)), app);
     // Spelled with a trailing separator and a "." component: the same bundle.
     EXPECT_EQ(bundlePathOf(service, service.openBundleDirectory(files.path("./Example.app/"))), app);
-    EXPECT_EQ(service.openBundleDirectory(files.path("Plain")), nullptr);
-    EXPECT_EQ(service.openBundleDirectory(files.path("loose")), nullptr);
-    EXPECT_EQ(service.openBundleDirectory(files.path("missing")), nullptr);
-    EXPECT_EQ(service.openBundleDirectory(""), nullptr);
+    for (const std::string& none : {files.path("Plain"), files.path("loose"), files.path("missing"), std::string()})
+        EXPECT_EQ(service.openBundleDirectory(none), nullptr) << none;
 
     // The support directory is the bundle itself; the executable is resolved
     // against it.
@@ -66,9 +64,8 @@ TEST(LinuxBundleServiceTest, ExecutableBelongsToTheNearestBundleThatNamesIt)
 
     EXPECT_EQ(bundlePathOf(service, service.openBundleWithExecutable(app + "/bin/example")), app);
     EXPECT_EQ(bundlePathOf(service, service.openBundleWithExecutable(share + "/share")), share);
-    EXPECT_EQ(service.openBundleWithExecutable(app + "/helper"), nullptr);
-    EXPECT_EQ(service.openBundleWithExecutable(files.path("Example.app/PlugIns/Other.vext/other")), nullptr);
-    EXPECT_EQ(service.openBundleWithExecutable(files.path("nowhere/tool")), nullptr);
+    for (const std::string& none : {app + "/helper", files.path("Example.app/PlugIns/Other.vext/other"), files.path("nowhere/tool")})
+        EXPECT_EQ(service.openBundleWithExecutable(none), nullptr) << none;
 
     // Reached through a symbolic link, the executable still finds its bundle.
     fs::create_symlink(app + "/bin/example", files.path("example-link"));

@@ -9,11 +9,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace tv::platform {
@@ -45,16 +41,12 @@ TEST_F(LinuxSandboxServiceTest, IssuedTokensRoundTripAndGrantTheCanonicalPath)
     EXPECT_EQ(token->substr(0, expectedPrefix.size()), expectedPrefix);
     EXPECT_EQ(token->size(), expectedPrefix.size() + 64);
 
-    auto h1 = sandbox.consumeExtension(*token);
-    auto h2 = sandbox.consumeExtension(*token);
+    auto h1 = sandbox.consumeExtension(*token), h2 = sandbox.consumeExtension(*token);
     ASSERT_TRUE(h1 && h2);
     EXPECT_GT(*h1, 0);
     EXPECT_NE(*h1, *h2);
     EXPECT_FALSE(sandbox.releaseExtension(*h1));
-    auto again = sandbox.releaseExtension(*h1);
-    ASSERT_TRUE(again);
-    EXPECT_EQ(again->code, EINVAL);
-    EXPECT_EQ(again->domain, "POSIX");
+    EXPECT_EQ(sandbox.releaseExtension(*h1)->code, EINVAL);
 
     // A second service over the same runtime directory reads the same key.
     LinuxSandboxService sibling((dir_ / "run").string());
@@ -64,7 +56,15 @@ TEST_F(LinuxSandboxServiceTest, IssuedTokensRoundTripAndGrantTheCanonicalPath)
     auto literal = sandbox.issueFileExtension("cls", "/no/such/file", 0);
     ASSERT_TRUE(literal);
     EXPECT_TRUE(sandbox.consumeExtension(*literal));
-    EXPECT_EQ(sandbox.issueFileExtension("cls", "relative", 0).error().code, EINVAL);
+    // Paths holding the separators stay unambiguous; bad input never reaches
+    // realpath or the token text.
+    fs::create_directories(dir_ / "odd;dir");
+    std::ofstream(dir_ / "odd;dir" / "b;1:2") << "x";
+    auto odd = sandbox.issueFileExtension("app-read-only", (dir_ / "odd;dir" / "b;1:2").string(), kSandboxExtensionCanonical);
+    ASSERT_TRUE(odd);
+    EXPECT_TRUE(sandbox.consumeExtension(*odd));
+    for (auto [cls, bad] : {std::pair{"cls", std::string("relative")}, {"a;b", "/tmp"}, {"", "/tmp"}, {"cls", std::string("/tmp\0/x", 7)}})
+        EXPECT_EQ(sandbox.issueFileExtension(cls, bad, 0).error().code, EINVAL) << cls << " " << bad;
 }
 
 TEST_F(LinuxSandboxServiceTest, AlteredForeignAndMalformedTokensAreRefused)
@@ -99,21 +99,6 @@ TEST_F(LinuxSandboxServiceTest, AlteredForeignAndMalformedTokensAreRefused)
     expectRefused(token + "0", EINVAL);
 }
 
-TEST_F(LinuxSandboxServiceTest, PathsWithTheSeparatorStayUnambiguous)
-{
-    fs::create_directories(dir_ / "odd;dir");
-    std::ofstream(dir_ / "odd;dir" / "b;1:2") << "x";
-    LinuxSandboxService sandbox((dir_ / "run").string());
-    auto token = sandbox.issueFileExtension("app-read-only", (dir_ / "odd;dir" / "b;1:2").string(),
-                                            kSandboxExtensionCanonical);
-    ASSERT_TRUE(token);
-    EXPECT_TRUE(sandbox.consumeExtension(*token));
-    // Bad input never reaches realpath or the token text.
-    EXPECT_EQ(sandbox.issueFileExtension("a;b", "/tmp", 0).error().code, EINVAL);
-    EXPECT_EQ(sandbox.issueFileExtension("", "/tmp", 0).error().code, EINVAL);
-    EXPECT_EQ(sandbox.issueFileExtension("cls", std::string("/tmp\0/x", 7), 0).error().code, EINVAL);
-}
-
 TEST_F(LinuxSandboxServiceTest, KeyFileIsPrivateAndAnUnsafeOneIsReplaced)
 {
     std::string run = (dir_ / "run").string();
@@ -125,9 +110,7 @@ TEST_F(LinuxSandboxServiceTest, KeyFileIsPrivateAndAnUnsafeOneIsReplaced)
     }
     struct stat st;
     ASSERT_EQ(::stat((run + "/sandbox.key").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0600u);
-    EXPECT_EQ(st.st_size, 32);
-    EXPECT_EQ(st.st_uid, ::geteuid());
+    EXPECT_EQ(std::tuple(st.st_mode & 07777, st.st_size, st.st_uid), std::tuple(0600u, 32, ::geteuid()));
     for (const auto& entry : fs::directory_iterator(run))
         EXPECT_EQ(entry.path().filename(), "sandbox.key"); // no temporary left behind
 
@@ -165,14 +148,6 @@ TEST_F(LinuxSandboxServiceTest, FileReadGrantLeavesErrnoOfTheFailure)
     ASSERT_TRUE(token);
     EXPECT_EQ(token->rfind("app-read-only;2;", 0), 0u);
     EXPECT_TRUE(sandbox.consumeExtension(*token));
-
-    // The process-wide service is the one installed.
-    auto installed = std::make_shared<LinuxSandboxService>((dir_ / "run").string());
-    auto previous = setSandboxService(installed);
-    auto viaGlobal = fileReadGrant(Value::fileURL((dir_ / "files").string()));
-    setSandboxService(previous);
-    ASSERT_TRUE(viaGlobal);
-    EXPECT_TRUE(installed->consumeExtension(*viaGlobal));
 }
 
 TEST_F(LinuxSandboxServiceTest, SandboxedProcessesAreRecognised)
@@ -193,37 +168,6 @@ TEST_F(LinuxSandboxServiceTest, SandboxedProcessesAreRecognised)
     LinuxSandboxService fake((dir_ / "run").string(), proc.string());
     for (int pid : {10, 11, 12, 13 /* gone */, 0, -1})
         EXPECT_EQ(fake.isProcessSandboxed(pid), pid == 10 || pid == 11) << pid;
-
-    // A real child that installs an allow-all seccomp filter under no-new-privs.
-    int ready[2], done[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    ASSERT_EQ(::pipe(done), 0);
-    pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        struct sock_filter allow = BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW);
-        struct sock_fprog prog = {1, &allow};
-        char ok = ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-                          ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog, 0, 0) == 0
-                      ? '1'
-                      : '0';
-        (void)!::write(ready[1], &ok, 1);
-        char c;
-        (void)!::read(done[0], &c, 1);
-        ::_exit(0);
-    }
-    char ok = 0;
-    ASSERT_EQ(::read(ready[0], &ok, 1), 1);
-    LinuxSandboxService real((dir_ / "run").string());
-    bool childSandboxed = real.isProcessSandboxed(child);
-    (void)!::write(done[1], "x", 1);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    for (int fd : {ready[0], ready[1], done[0], done[1]})
-        ::close(fd);
-    if (ok != '1')
-        GTEST_SKIP() << "seccomp filters are not available here";
-    EXPECT_TRUE(childSandboxed);
 }
 
 } // namespace
