@@ -106,16 +106,6 @@ bool closedByPeer(int fd, std::chrono::milliseconds timeout)
     return false;
 }
 
-std::vector<std::uint8_t> header(std::uint32_t length, std::uint64_t id, std::uint8_t format = 1)
-{
-    std::vector<std::uint8_t> h(24, 0);
-    h[0] = format;
-    h[1] = 1; // a reply is expected
-    std::memcpy(&h[4], &length, 4);
-    std::memcpy(&h[8], &id, 8);
-    return h;
-}
-
 TEST(DaemonTest, HostilePeersAreCutWhileOthersStayConnected)
 {
     TestDaemon d;
@@ -123,36 +113,15 @@ TEST(DaemonTest, HostilePeersAreCutWhileOthersStayConnected)
     int bystander = test::connectUnix(d.socketPath());
     ASSERT_GE(bystander, 0);
 
-    struct Case {
-        const char* what;
-        std::vector<std::uint8_t> bytes;
-    };
-    std::vector<Case> cases;
-    cases.push_back({"giant frame", header(0xFFFFFFF0u, 1)});
-    cases.push_back({"bad format byte", header(1, 1, 0x7F)});
-    std::vector<std::uint8_t> deep{0x0B, 1, 0, 0, 0, 1, 0, 0, 0, 'k'}; // {"k": [[[... true]]]}
-    for (int i = 0; i < 100; ++i)
-        deep.insert(deep.end(), {0x0A, 1, 0, 0, 0});
-    deep.push_back(0x02);
-    auto deepHeader = header(static_cast<std::uint32_t>(deep.size()), 1);
-    deep.insert(deep.begin(), deepHeader.begin(), deepHeader.end());
-    cases.push_back({"too deep", deep});
-
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        int fd = test::connectUnix(d.socketPath());
-        ASSERT_GE(fd, 0);
-        ASSERT_EQ(::write(fd, c.bytes.data(), c.bytes.size()), static_cast<ssize_t>(c.bytes.size()));
-        EXPECT_TRUE(closedByPeer(fd, std::chrono::seconds(5)));
-        ::close(fd);
-    }
-    // A well-formed body that is not a dictionary is logged, not cut.
-    auto notDict = header(1, 1);
-    notDict.push_back(0x02); // true
-    ASSERT_EQ(::write(bystander, notDict.data(), notDict.size()), static_cast<ssize_t>(notDict.size()));
-    EXPECT_TRUE(d.waitForLog("unexpected message: ")) << d.log();
-    EXPECT_NE(d.log().find(" from: " + std::to_string(::getpid())), std::string::npos);
-
+    // Each malformation is the connection layer's to judge; one shows the
+    // daemon wires it in.
+    int fd = test::connectUnix(d.socketPath());
+    std::vector<std::uint8_t> giant(24, 0); // a header announcing 4 GiB
+    giant[0] = giant[1] = giant[8] = 1;     // format, a reply expected, message id
+    std::memset(&giant[4], 0xff, 4);
+    ASSERT_EQ(::write(fd, giant.data(), giant.size()), static_cast<ssize_t>(giant.size()));
+    EXPECT_TRUE(closedByPeer(fd, std::chrono::seconds(5)));
+    ::close(fd);
     // The bystander was never cut, and the daemon still accepts and serves.
     pollfd p{bystander, POLLIN, 0};
     EXPECT_EQ(::poll(&p, 1, 100), 0);
