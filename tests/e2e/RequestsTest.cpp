@@ -90,12 +90,6 @@ TEST_F(RequestsTest, ClientLibraryMapsABrokenConnectionToCode4)
     EXPECT_EQ(error->domain, "Tarvik");
     EXPECT_EQ(error->code, 4);
     EXPECT_FALSE(error->description->empty());
-
-    // Nobody listening at all.
-    TvDaemonClient nobody(vyn_, (daemon_.root() + "/run/vyn/nobody").c_str());
-    error = TvDaemonClient::errorInReply(ask(nobody));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->code, 4);
 }
 
 TEST_F(RequestsTest, TvkitRawExitStatuses)

@@ -8,6 +8,7 @@
 #include "platform/registry/ApplicationRegistry.h"
 #include "platform/PosixError.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <mutex>
@@ -48,33 +49,23 @@ public:
     platform::RegistryPlugInRecordPtr plugInWithUuid(const Uuid& uuid) override
     {
         ++uuidLookups;
-        for (const auto& p : plugIns)
-            if (p->uuid == uuid)
-                return p;
-        return nullptr;
+        return first(plugIns, [&](const auto& p) { return p.uuid == uuid; });
     }
     platform::RegistryPlugInRecordPtr plugInAtPath(const std::string& path) override
     {
-        for (const auto& p : plugIns)
-            if (p->bundlePath == path)
-                return p;
-        return nullptr;
+        return first(plugIns, [&](const auto& p) { return p.bundlePath == path; });
     }
     platform::RegistryApplicationRecordPtr applicationAtPath(const std::string& path) override
     {
-        for (const auto& a : applications)
-            if (a->bundlePath == path)
-                return a;
-        return nullptr;
+        return first(applications, [&](const auto& a) { return a.bundlePath == path; });
     }
     std::vector<platform::RegistryPlugInRecordPtr> plugInsOfApplication(
         const platform::RegistryApplicationRecord& application) override
     {
         std::vector<platform::RegistryPlugInRecordPtr> result;
         for (const auto& uuid : application.plugInUuids)
-            for (const auto& p : plugIns)
-                if (p->uuid == uuid)
-                    result.push_back(p);
+            if (auto p = first(plugIns, [&](const auto& r) { return r.uuid == uuid; }))
+                result.push_back(p);
         return result;
     }
     std::optional<std::vector<platform::RegistryPlugInRecordPtr>> queryPlugIns(
@@ -106,6 +97,13 @@ public:
     void dropCaches() override { ++cacheDrops; }
 
 private:
+    template <class Ptr, class Pred>
+    static Ptr first(const std::vector<Ptr>& records, Pred matches)
+    {
+        auto it = std::find_if(records.begin(), records.end(), [&](const Ptr& r) { return matches(*r); });
+        return it == records.end() ? nullptr : *it;
+    }
+
     mutable std::mutex mutex_;
     std::set<std::string> paths_;
     std::vector<std::weak_ptr<platform::ApplicationRegistryObserver>> observers_;
