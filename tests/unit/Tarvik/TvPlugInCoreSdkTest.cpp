@@ -98,41 +98,5 @@ TEST_F(TvPlugInCoreSdkTest, ResolveHandlesMissingUnregisteredAndInvalidIdentifie
     EXPECT_EQ(bare->sdkSpec(), Value("p")); // untouched and still usable
 }
 
-TEST_F(TvPlugInCoreSdkTest, CanonicalizeAlwaysLeavesAttributesAndAVersion)
-{
-    auto canonical = [](Value info) {
-        auto r = recordWithInfo(std::move(info));
-        r->canonicalize();
-        return r->plugInDictionary();
-    };
-    Value ownVersion{{"KoExtensionAttributes", Value{{"KoExtensionVersion", "5"}}}};
-    EXPECT_EQ(canonical(Value{{"KbBundleShortVersionString", "9"}, {"KoExtension", ownVersion}}), ownVersion);
-    // Attributes of the wrong kind count as absent; other keys stay.
-    EXPECT_EQ(canonical(Value{{"KbBundleShortVersionString", "2.3"}, {"KoExtension", Value{{"KoExtensionAttributes", "oops"}, {"Other", 1}}}}),
-              (Value{{"KoExtensionAttributes", Value{{"KoExtensionVersion", "2.3"}}}, {"Other", 1}}));
-}
-
-// A subclass with its own SDK lookup and override rule.
-struct CustomSdkPlugIn : TvPlugInCore {
-    using TvPlugInCore::constructWithNameUrlBundleInfoInfoUuid;
-    bool sdkOverridesKey(std::string_view key) const override { return key == "Timeout" || TvPlugInCore::sdkOverridesKey(key); }
-    Value lookUpSDKDictionary(const std::string& name) const override
-    {
-        return Value{{"KoExtension", Value{{"FromClass", Value(name)}, {"Timeout", 99}}}};
-    }
-};
-
-TEST_F(TvPlugInCoreSdkTest, ResolveAsksTheRecordsOwnClassAndRules)
-{
-    auto r = std::make_shared<CustomSdkPlugIn>();
-    ASSERT_TRUE(r->constructWithNameUrlBundleInfoInfoUuid("com.example.custom", Value::fileURL("/x/C.vext"),
-                                                          Value{{"KoExtension", Value{{"KoExtensionPointIdentifier", "p"}, {"Timeout", 1}}}},
-                                                          Value(), kUuid));
-    r->resolveSDK();
-    EXPECT_EQ(registry_->lookUpCount(), 0u);
-    EXPECT_EQ(r->pluginKey("FromClass"), Value("p"));
-    EXPECT_EQ(r->pluginKey("Timeout"), Value(99));
-}
-
 } // namespace
 } // namespace tv
