@@ -50,10 +50,7 @@ struct Recorder {
 
 auto recordInto(std::shared_ptr<Recorder> r) { return [r](const VynEvent& e) { r->add(e); }; }
 
-Message request(const std::string& text)
-{
-    return Message(Value::emptyDictionary().with("request", text));
-}
+Message request(const std::string& text) { return Message(Value::emptyDictionary().with("request", text)); }
 
 void answer(VynConnection& connection, const Message& m)
 {
@@ -155,10 +152,7 @@ Bytes frame(const Message& m, std::uint64_t id, bool replyExpected = true)
 bool closedByPeer(int fd)
 {
     char buf[4096];
-    return eventually([&] {
-        ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
-        return n == 0 || (n < 0 && errno == ECONNRESET);
-    });
+    return eventually([&] { ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT); return n == 0 || (n < 0 && errno == ECONNRESET); });
 }
 
 class LinuxVynServiceTest : public ::testing::Test {
@@ -228,6 +222,7 @@ TEST_F(LinuxVynServiceTest, MalformedOrStalledFramesCutOnlyTheirOwnConnection)
     config_.limits.maxDepth = 8;
     config_.limits.maxQueuedPerConnection = 64u << 10;
     config_.limits.incompleteFrameTimeoutMs = 150;
+    config_.limits.maxUnsentOutput = 256u << 10;
     Server server(config_);
     Client bystander(clients(), "svc");
     Value deep = Value::emptyDictionary();
@@ -249,8 +244,6 @@ TEST_F(LinuxVynServiceTest, MalformedOrStalledFramesCutOnlyTheirOwnConnection)
     };
     Message amplifying; // 4000 encoded bytes that decode to about 96 KiB
     amplifying.set("b", Value(Array(4000, Value(true))));
-    Bytes zeroId = frame(request("x"), 1);
-    VynFrame::setMessageId(zeroId, 0);
     Bytes reusedId = frame(request("a"), 7), again = frame(request("b"), 7);
     reusedId.insert(reusedId.end(), again.begin(), again.end());
     Bytes partial = frame(request("partial"), 1);
@@ -260,7 +253,7 @@ TEST_F(LinuxVynServiceTest, MalformedOrStalledFramesCutOnlyTheirOwnConnection)
         {patched(7, 0xff), "exceeds the limit of 4096 bytes"},
         {patched(0, 0x7f), "unknown frame format"},
         {patched(1, 0x80), "unknown frame flags"},
-        {zeroId, "without a message id"},
+        {frame(request("x"), 0), "without a message id"},
         {raw(deepBody), "nesting deeper than 8"},
         {frame(amplifying, 1), "decoded value larger than 65536 bytes"},
         {raw(urlBody), "URL values are not allowed"},
@@ -279,9 +272,18 @@ TEST_F(LinuxVynServiceTest, MalformedOrStalledFramesCutOnlyTheirOwnConnection)
         EXPECT_TRUE(eventually([&] { return log_.countContaining(logged) == 1; }));
         EXPECT_EQ(log_.countContaining("cut <vyn connection from pid"), 1u);
     }
+    // A peer that does not read is cut for its unsent output.
+    int deaf = test::connectUnix(socketPath());
+    auto peer = server.peer(std::size(cases) + 1);
+    ASSERT_TRUE(peer);
+    Message bulk(Value::emptyDictionary().with("payload", Value::data(Bytes(64u << 10, 0x5a))));
+    for (int i = 0; i < 200 && peer->events.invalid() == 0; ++i)
+        peer->connection->send(bulk);
+    EXPECT_TRUE(eventually([&] { return peer->events.invalid() == 1; }));
+    EXPECT_EQ(log_.countContaining("bytes of unsent output exceed the limit of 262144 bytes"), 1u);
+    ::close(deaf);
     server.setEcho(true);
     EXPECT_EQ(bystander.call(request("unharmed")), "unharmed"); // idle far past the timeout
-    EXPECT_EQ(bystander.events->size(), 0u);
 }
 
 TEST_F(LinuxVynServiceTest, ConnectionsPastTheLimitsAreRefusedAndSlotsComeBack)
@@ -338,10 +340,8 @@ TEST_F(LinuxVynServiceTest, EveryRequestCountsInFlightUntilAnsweredOrRun)
 TEST(SocketActivationTest, TakesOnlySocketsMeantForThisProcessByName)
 {
     SocketActivation activation(SocketActivation::parse("42", "3", "a:tvd.socket", 42));
-    EXPECT_EQ(activation.take("tvd"), 4);
-    EXPECT_EQ(activation.take("tvd"), 3);
-    EXPECT_EQ(activation.take("other"), 5);
-    EXPECT_EQ(activation.take("other"), -1);
+    EXPECT_EQ(std::vector({activation.take("tvd"), activation.take("tvd"), activation.take("other"), activation.take("other")}),
+              std::vector({4, 3, 5, -1}));
     for (auto [pid, fds] : {std::pair{"41", "1"}, {"42", "x"}, {nullptr, "1"}})
         EXPECT_TRUE(SocketActivation::parse(pid, fds, nullptr, 42).empty());
 }
