@@ -32,7 +32,8 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
     auto codeSigning =
         std::make_shared<platform::LinuxCodeSigningService>(processInfo, bundles, config.entitlementsDropInDir);
     auto sdks = std::make_shared<platform::LinuxExtensionSdkRegistry>(config.sdkDir);
-    auto registry = platform::LinuxApplicationRegistry::create(config, bundles, codeSigning, sdks);
+    auto registry = platform::LinuxApplicationRegistry::create(
+        config, bundles, codeSigning, sdks, platform::LinuxApplicationRegistry::InitialScan::WhenWatching);
     if (!registry)
         return makeError(4, "the application registry could not be opened: " + registry.error().localizedDescription());
     if (auto error = (*registry)->startWatching())

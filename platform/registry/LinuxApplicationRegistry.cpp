@@ -49,7 +49,8 @@ std::vector<RegistryPlugInRecordPtr> recordsWithUuids(const RegistryIndex& index
 
 Result<std::shared_ptr<LinuxApplicationRegistry>> LinuxApplicationRegistry::create(
     const PlatformConfig& config, std::shared_ptr<BundleService> bundles,
-    std::shared_ptr<CodeSigningService> codeSigning, std::shared_ptr<ExtensionSdkRegistry> sdks)
+    std::shared_ptr<CodeSigningService> codeSigning, std::shared_ptr<ExtensionSdkRegistry> sdks,
+    InitialScan initialScan)
 {
     auto db = RegistryDatabase::open(config.registryDatabase);
     if (!db)
@@ -60,6 +61,12 @@ Result<std::shared_ptr<LinuxApplicationRegistry>> LinuxApplicationRegistry::crea
     std::shared_ptr<LinuxApplicationRegistry> registry(
         new LinuxApplicationRegistry(config, std::move(bundles), std::move(codeSigning), std::move(sdks),
                                      std::move(*db), std::move(*stored)));
+    // A store with plug-ins is served as it stands until the watcher has
+    // compared it with the disk; an empty one has nothing to serve.
+    if (initialScan == InitialScan::WhenWatching && !registry->stored_.plugIns.empty()) {
+        registry->scanWhenWatching_ = true;
+        return registry;
+    }
     // No observer can be attached yet: this scan is not announced.
     registry->rescan();
     return registry;
@@ -370,7 +377,7 @@ MaybeError LinuxApplicationRegistry::startWatching(std::chrono::milliseconds set
     if (watcher_)
         return std::nullopt;
     auto watcher = RegistryWatcher::start(
-        settle, [this] { return watchedDirectories(); }, [this] { rescan(); });
+        settle, [this] { return watchedDirectories(); }, [this] { rescan(); }, scanWhenWatching_);
     if (!watcher)
         return watcher.error();
     watcher_ = std::move(*watcher);

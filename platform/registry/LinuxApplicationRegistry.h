@@ -10,10 +10,13 @@
 // keeps its UUID. A bundle whose facts changed in place (information,
 // entitlements, containing application) keeps its UUID and is announced as
 // an uninstall of the old record and an install of the new one, so that
-// caches keyed by UUID drop it. create() scans once (unannounced);
-// rescan() does the same at any time. startWatching() has a background
-// thread follow the roots with inotify and rescan shortly after changes
-// settle. Records are served from an immutable RegistryIndex whose
+// caches keyed by UUID drop it. create() scans once (unannounced), or,
+// with InitialScan::WhenWatching and a store that already holds plug-ins,
+// serves the stored records at once and leaves the first scan to the
+// watcher's thread (announced like any other), so that a daemon with a
+// large registry answers before it has read every bundle again.
+// rescan() scans at any time. startWatching() has a background thread
+// follow the roots with inotify and rescan shortly after changes settle. Records are served from an immutable RegistryIndex whose
 // dictionaries are resolved against the extension point SDKs.
 //
 // Announcements are delivered by a RegistryAnnouncer on its own callback
@@ -47,18 +50,27 @@ class RegistryWatcher;
 
 class LinuxApplicationRegistry final : public ApplicationRegistry {
 public:
-    // Opens (or creates, or rebuilds when damaged) the store and scans once.
-    // Fails only when no store can be opened at the configured location.
-    // `sdks` completes the records' dictionaries; null: no SDK defaults.
+    // When create() compares the disk with the store.
+    enum class InitialScan {
+        AtOpen,       // before create() returns
+        WhenWatching, // first thing on the watcher's thread; at open when the store is empty
+    };
+
+    // Opens (or creates, or rebuilds when damaged) the store and scans once
+    // (see InitialScan). Fails only when no store can be opened at the
+    // configured location. `sdks` completes the records' dictionaries;
+    // null: no SDK defaults.
     static Result<std::shared_ptr<LinuxApplicationRegistry>> create(
         const PlatformConfig& config, std::shared_ptr<BundleService> bundles,
-        std::shared_ptr<CodeSigningService> codeSigning, std::shared_ptr<ExtensionSdkRegistry> sdks = nullptr);
+        std::shared_ptr<CodeSigningService> codeSigning, std::shared_ptr<ExtensionSdkRegistry> sdks = nullptr,
+        InitialScan initialScan = InitialScan::AtOpen);
     ~LinuxApplicationRegistry() override;
 
     // Follows the application roots, their applications' "PlugIns"
     // directories and the system plug-ins directory with inotify, and
     // rescans on the watcher's thread once no change has been seen for
-    // `settle`. Calling it again does nothing. An error when inotify is
+    // `settle`, and first of all when the initial scan was left to it.
+    // Calling it again does nothing. An error when inotify is
     // unavailable; the registry then only changes through its operations.
     [[nodiscard]] MaybeError startWatching(std::chrono::milliseconds settle = std::chrono::milliseconds(200));
 
@@ -114,6 +126,7 @@ private:
 
     RegistryAnnouncer announcer_;
     std::unique_ptr<RegistryWatcher> watcher_;
+    bool scanWhenWatching_ = false; // guarded by changeMutex_
 };
 
 } // namespace tv::platform

@@ -20,7 +20,8 @@ constexpr std::uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_
 } // namespace
 
 Result<std::unique_ptr<RegistryWatcher>> RegistryWatcher::start(std::chrono::milliseconds settle,
-                                                                Directories directories, std::function<void()> changed)
+                                                                Directories directories, std::function<void()> changed,
+                                                                bool reportAtStart)
 {
     const int inotifyFd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (inotifyFd < 0)
@@ -34,7 +35,7 @@ Result<std::unique_ptr<RegistryWatcher>> RegistryWatcher::start(std::chrono::mil
     std::unique_ptr<RegistryWatcher> watcher(
         new RegistryWatcher(inotifyFd, stopFd, settle, std::move(directories), std::move(changed)));
     watcher->refreshWatches();
-    watcher->thread_ = std::thread([w = watcher.get()] { w->run(); });
+    watcher->thread_ = std::thread([w = watcher.get(), reportAtStart] { w->run(reportAtStart); });
     return watcher;
 }
 
@@ -97,11 +98,11 @@ bool RegistryWatcher::drainEvents()
     }
 }
 
-void RegistryWatcher::run()
+void RegistryWatcher::run(bool reportAtStart)
 {
     using Clock = std::chrono::steady_clock;
-    bool pending = false;
-    Clock::time_point deadline{};
+    bool pending = reportAtStart;
+    Clock::time_point deadline = Clock::now();
     for (;;) {
         int timeout = -1;
         if (pending) {

@@ -31,8 +31,10 @@ class RegistryWatcher {
 public:
     using Directories = std::function<std::vector<std::string>()>;
 
+    // With `reportAtStart`, `changed` is called once as soon as the thread
+    // runs, as if a change had been seen.
     static Result<std::unique_ptr<RegistryWatcher>> start(std::chrono::milliseconds settle, Directories directories,
-                                                          std::function<void()> changed);
+                                                          std::function<void()> changed, bool reportAtStart = false);
     ~RegistryWatcher();
     RegistryWatcher(const RegistryWatcher&) = delete;
     RegistryWatcher& operator=(const RegistryWatcher&) = delete;
@@ -40,7 +42,7 @@ public:
 private:
     RegistryWatcher(int inotifyFd, int stopFd, std::chrono::milliseconds settle, Directories directories,
                     std::function<void()> changed);
-    void run();
+    void run(bool reportAtStart);
     void refreshWatches();
     // Reads every pending event; false when the descriptor failed.
     bool drainEvents();

@@ -381,5 +381,38 @@ TEST_F(LinuxApplicationRegistryTest, PurgeWhileTheWatcherRescansDoesNotDeadlock)
     databaseQueue->sync([] {});
 }
 
+// A daemon with a stored registry answers from the store at once and leaves
+// reading the bundles to the watcher, which announces what changed while it
+// was down; an empty store is scanned before create() returns.
+TEST_F(LinuxApplicationRegistryTest, FirstScanCanBeLeftToTheWatcher)
+{
+    using Scan = LinuxApplicationRegistry::InitialScan;
+    const std::string kept = writePlugIn("System/Library/PlugIns/K.vext", "com.k", "1", "p");
+    const std::string gone = writePlugIn("System/Library/PlugIns/G.vext", "com.g", "1", "p");
+    {
+        auto first = LinuxApplicationRegistry::create(config_, bundles_, codeSigning_, sdks_, Scan::WhenWatching);
+        ASSERT_TRUE(first.ok());
+        EXPECT_EQ((*first)->allPlugIns().size(), 2u);
+    }
+
+    fs::remove_all(gone);
+    const std::string added = writePlugIn("System/Library/PlugIns/N.vext", "com.n", "1", "p");
+    auto reopened = LinuxApplicationRegistry::create(config_, bundles_, codeSigning_, sdks_, Scan::WhenWatching);
+    ASSERT_TRUE(reopened.ok());
+    auto registry = *reopened;
+    EXPECT_TRUE(registry->plugInAtPath(gone));
+    EXPECT_FALSE(registry->plugInAtPath(added));
+
+    auto observer = std::make_shared<RecordingObserver>();
+    registry->addObserver(observer);
+    ASSERT_FALSE(registry->startWatching(std::chrono::hours(1)));
+    ASSERT_TRUE(observer->waitForInstalls(1));
+    registry->waitForAnnouncements();
+    EXPECT_EQ(pathsOf(observer->installed), (std::vector<std::string>{added}));
+    EXPECT_EQ(pathsOf(observer->uninstalled), (std::vector<std::string>{gone}));
+    EXPECT_TRUE(registry->plugInAtPath(kept));
+    EXPECT_FALSE(registry->plugInAtPath(gone));
+}
+
 } // namespace
 } // namespace tv::platform
