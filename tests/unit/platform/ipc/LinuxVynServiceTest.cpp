@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <deque>
+#include <poll.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -335,6 +337,72 @@ TEST_F(LinuxVynServiceTest, EveryRequestCountsInFlightUntilAnsweredOrRun)
     ASSERT_TRUE(settlesAt(5));
     ASSERT_TRUE(eventually([&] { return answers[1]->size() == 1; }));
     EXPECT_EQ(Client::echoed(answers[1]), "q1");
+}
+
+// Each request decodes to about 192 KiB: one fits a connection, and a
+// second from another connection of the same uid does not fit the uid's
+// quota; each request that has run lets exactly the next one in.
+TEST_F(LinuxVynServiceTest, DecodedRequestsAreBoundedPerConnectionAndPerUid)
+{
+    config_.limits.maxQueuedPerConnection = 256u << 10;
+    config_.limits.maxQueuedPerUid = 320u << 10;
+    Server server(config_);
+    server.setEcho(false);
+    Message big = request("big");
+    big.set("b", Value(Array(8000, Value(true))));
+    Client a(clients(), "svc");
+    for (int i = 0; i < 3; ++i)
+        a.connection->send(big);
+    auto peerA = server.peer(0);
+    ASSERT_TRUE(peerA);
+    ASSERT_TRUE(eventually([&] { return peerA->events.size() == 1; }));
+    Client b(clients(), "svc");
+    b.connection->send(big);
+    auto peerB = server.peer(1);
+    ASSERT_TRUE(peerB);
+    auto delivered = [&] { return peerA->events.size() + peerB->events.size(); };
+    std::this_thread::sleep_for(100ms); // a second request would have arrived by now
+    EXPECT_EQ(delivered(), 1u);
+    EXPECT_EQ(log_.countContaining("quota of uid"), 1u);
+    for (std::size_t n = 2; n <= 4; ++n) {
+        auto holds = [](Server::Peer& p) { std::lock_guard lock(p.mutex); return !p.held.empty(); };
+        auto& holder = holds(*peerA) ? *peerA : *peerB;
+        holder.dropOldest();
+        ASSERT_TRUE(eventually([&] { return delivered() == n; }));
+    }
+    EXPECT_EQ(peerB->events.size(), 1u);
+}
+
+// A descriptor passed with a message is closed at once: the pipe's write
+// end sent along reads EOF once the daemon's copy is gone.
+TEST_F(LinuxVynServiceTest, PassedFileDescriptorsAreClosedAtOnce)
+{
+    Server server(config_);
+    int fd = test::connectUnix(socketPath());
+    int pipeFds[2];
+    ASSERT_EQ(::pipe(pipeFds), 0);
+    Bytes f = frame(request("with descriptor"), 1, false);
+    iovec iov{f.data(), f.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+    cmsghdr* c = CMSG_FIRSTHDR(&msg);
+    *c = cmsghdr{CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+    std::memcpy(CMSG_DATA(c), &pipeFds[1], sizeof(int));
+    ASSERT_EQ(::sendmsg(fd, &msg, MSG_NOSIGNAL), static_cast<ssize_t>(f.size()));
+    ::close(pipeFds[1]);
+    pollfd p{pipeFds[0], POLLIN, 0};
+    ASSERT_EQ(::poll(&p, 1, 5000), 1);
+    char byte;
+    EXPECT_EQ(::read(pipeFds[0], &byte, 1), 0);
+    ASSERT_TRUE(server.peer(0));
+    ASSERT_TRUE(eventually([&] { return server.peer(0)->events.size() == 1; }));
+    EXPECT_EQ(log_.countContaining("closed 1 file descriptor(s) passed with a message"), 1u);
+    ::close(pipeFds[0]);
+    ::close(fd);
 }
 
 TEST(SocketActivationTest, TakesOnlySocketsMeantForThisProcessByName)
