@@ -357,12 +357,6 @@ void Transaction::bulkPlugIns()
     done();
 }
 
-void Transaction::addAnnotationForPlugInIn(const TvdPlugIn& plugIn, Value& form)
-{
-    Value annotation = server()->annotationForPlugIn(plugIn);
-    form = form.with("annotations", annotation.isDictionary() ? annotation : Value::emptyDictionary());
-}
-
 void Transaction::matchPlugIns()
 {
     const Value& rules = request_.get("rules");
@@ -403,6 +397,7 @@ void Transaction::matchPlugIns()
     // Forms are shared so that an override mark set through the table
     // reaches the form in the results.
     std::vector<std::shared_ptr<Value>> results;
+    std::vector<std::shared_ptr<TvdPlugIn>> kept; // the plug-in of each result
     std::unordered_map<std::string, std::shared_ptr<Value>> overrides;
 
     for (const auto& p : candidates) {
@@ -452,11 +447,8 @@ void Transaction::matchPlugIns()
             TvOrdering order = compareVersionString(version, versionText(r["version"]));
             if (allVersions && (duplicates || order != TvOrdering::Same))
                 continue; // side by side; look at the next one
-            if (order == TvOrdering::Descending) {
-                results.erase(it);
-            } else if (order == TvOrdering::Ascending) {
-                keep = false;
-            } else if (preferredOver(*p, r)) {
+            if (order == TvOrdering::Descending || (order == TvOrdering::Same && preferredOver(*p, r))) {
+                kept.erase(kept.begin() + (it - results.begin()));
                 results.erase(it);
             } else {
                 keep = false;
@@ -466,10 +458,11 @@ void Transaction::matchPlugIns()
         if (!keep)
             continue;
 
+        // Annotations are added after the loop, for the survivors only.
         auto form = std::make_shared<Value>(std::move(exported).value());
-        addAnnotationForPlugInIn(*p, *form);
         p->augmentForm(*form);
         results.push_back(form);
+        kept.push_back(p);
 
         Value replaced = p->valueForEntitlement(kReplacePlugInEntitlement);
         if (const std::string* one = replaced.asString()) {
@@ -479,6 +472,14 @@ void Transaction::matchPlugIns()
                 if (const std::string* name = element.asString())
                     overrides.insert_or_assign(*name, form);
         }
+    }
+
+    // Every form carries "annotations": the stored one, else an empty
+    // dictionary; read in one pass on the database queue.
+    auto annotations = db->annotationsForPlugIns(kept);
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        const Value& a = annotations[i];
+        *results[i] = results[i]->with("annotations", a.isDictionary() ? a : Value::emptyDictionary());
     }
 
     if (!overrides.empty()) {

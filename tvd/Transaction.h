@@ -98,10 +98,6 @@ public:
     // (docs/match.md).
     void matchPlugIns();
 
-    // Stores under the form's "annotations" the plug-in's stored annotation,
-    // or an empty dictionary when there is none.
-    void addAnnotationForPlugInIn(const TvdPlugIn& plugIn, Value& form);
-
     const std::shared_ptr<TvdVynClient>& client() const { return client_; }
     const platform::Message& request() const { return request_; }
     platform::Message& reply() { return reply_; }

@@ -111,6 +111,23 @@ std::shared_ptr<TvdPlugIn> TvDatabase::plugInForProxy(const platform::RegistryPl
     return result;
 }
 
+std::vector<std::shared_ptr<TvdPlugIn>> TvDatabase::plugInsForProxies(
+    const std::vector<platform::RegistryPlugInRecordPtr>& proxies)
+{
+    std::vector<std::shared_ptr<TvdPlugIn>> result(proxies.size());
+    if (proxies.empty())
+        return result;
+    sync_->sync([&] {
+        for (std::size_t i = 0; i < proxies.size(); ++i) {
+            if (!proxies[i])
+                continue;
+            auto it = cache_.find(proxies[i]->uuid);
+            result[i] = it != cache_.end() ? it->second : createPlugInForProxy(proxies[i]);
+        }
+    });
+    return result;
+}
+
 std::shared_ptr<TvdPlugIn> TvDatabase::createPlugInForProxy(const platform::RegistryPlugInRecordPtr& proxy)
 {
     sync_->assertCurrent("TvDatabase::createPlugInForProxy");
@@ -273,7 +290,9 @@ std::optional<std::vector<std::shared_ptr<TvdPlugIn>>> TvDatabase::findPlugIns(c
         return std::nullopt;
     std::size_t cachedBefore = cachedCount();
 
-    std::vector<std::shared_ptr<TvdPlugIn>> result;
+    // The records that qualify, each UUID once; their daemon records are
+    // then obtained in one pass on the database queue.
+    std::vector<platform::RegistryPlugInRecordPtr> wanted;
     std::unordered_set<Uuid> seen;
     for (const auto& record : *records) {
         if (!record)
@@ -294,11 +313,14 @@ std::optional<std::vector<std::shared_ptr<TvdPlugIn>>> TvDatabase::findPlugIns(c
                 continue;
             }
         }
-        if (!seen.insert(record->uuid).second)
-            continue;
-        if (auto plugIn = plugInForProxy(record))
-            result.push_back(std::move(plugIn));
+        if (seen.insert(record->uuid).second)
+            wanted.push_back(record);
     }
+    std::vector<std::shared_ptr<TvdPlugIn>> result;
+    result.reserve(wanted.size());
+    for (auto& plugIn : plugInsForProxies(wanted))
+        if (plugIn)
+            result.push_back(std::move(plugIn));
     TvLog::ops().debug("RS reported %u plug-ins (cache %u/%u)", result.size(), cachedBefore, cachedCount());
     return result;
 }
@@ -314,6 +336,19 @@ Value TvDatabase::annotationForPlugIn(const TvdPlugIn& plugIn)
 {
     Value result;
     sync_->sync([&] { result = annotations_->annotationForPlugIn(plugIn); });
+    return result;
+}
+
+std::vector<Value> TvDatabase::annotationsForPlugIns(const std::vector<std::shared_ptr<TvdPlugIn>>& plugIns)
+{
+    std::vector<Value> result(plugIns.size());
+    if (plugIns.empty())
+        return result;
+    sync_->sync([&] {
+        for (std::size_t i = 0; i < plugIns.size(); ++i)
+            if (plugIns[i])
+                result[i] = annotations_->annotationForPlugIn(*plugIns[i]);
+    });
     return result;
 }
 

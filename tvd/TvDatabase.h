@@ -72,6 +72,10 @@ public:
     // The cached record for the registry record, or a new one. Null when no
     // record can be built from it.
     std::shared_ptr<TvdPlugIn> plugInForProxy(const platform::RegistryPlugInRecordPtr& proxy);
+    // plugInForProxy() for each record, all in one pass on the database
+    // queue (one entry per record, null where none can be built).
+    std::vector<std::shared_ptr<TvdPlugIn>> plugInsForProxies(
+        const std::vector<platform::RegistryPlugInRecordPtr>& proxies);
     // Builds, elects (auto-elect entitlement), purges to the limit and caches
     // a record. REQUIRES: on the database queue.
     std::shared_ptr<TvdPlugIn> createPlugInForProxy(const platform::RegistryPlugInRecordPtr& proxy);
@@ -124,6 +128,8 @@ public:
 
     // The stored annotation of the plug-in (under its annotation key), or null.
     Value annotationForPlugIn(const TvdPlugIn& plugIn);
+    // annotationForPlugIn() of each plug-in, in one pass on the database queue.
+    std::vector<Value> annotationsForPlugIns(const std::vector<std::shared_ptr<TvdPlugIn>>& plugIns);
     // Stores `annotation` merged over the plug-in's entry (null removes the
     // entry) and saves; a failed save is logged by the store, never returned.
     void setAnnotationForPlugIn(const Value& annotation, const TvdPlugIn& plugIn);
