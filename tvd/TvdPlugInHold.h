@@ -1,7 +1,7 @@
 // TvdPlugInHold: a client's hold on a set of plug-ins. While a hold that
-// blocks a plug-in is in the server's hold table, "ready" refuses the
-// plug-in for every host and "match" leaves it out of its answers (unless
-// the request discovers everything).
+// blocks a plug-in is in the server's hold table, "match" leaves the plug-in
+// out of its answers (unless the request discovers everything), and "ready"
+// is to refuse it for every host.
 //
 // The token is a fresh random UUID; two holds are equal when their tokens
 // are. A plug-in is blocked when a plug-in with its UUID is in the set. The

@@ -75,7 +75,7 @@ public:
     std::chrono::nanoseconds requestTimeSlice() const { return std::chrono::nanoseconds(requestTimeSlice_.load()); }
     void setRequestTimeSlice(std::chrono::nanoseconds slice) { requestTimeSlice_.store(slice.count()); }
 
-    // --- Plug-in holds (docs/match.md, "Holds") -----------------------------------
+    // --- Plug-in holds (docs/match.md, "Holds") ----------------------------
     // Each runs its whole work synchronously on "serverSync" and returns when
     // it is done; none may be called from "serverSync" itself.
 

@@ -8,7 +8,8 @@
 #include "tests/support/FakeClientIdentity.h"
 #include "tests/support/FakeVynService.h"
 #include "platform/jobs/JobManager.h"
-#include "platform/notify/NotificationService.h"
+#include "platform/notify/LinuxNotificationService.h"
+#include "tests/support/TestDaemon.h"
 #include "tvd/TvdServer.h"
 
 #include <map>
@@ -49,23 +50,10 @@ public:
         std::vector<platform::ExternalService> externalServices() const override { return {}; }
     };
     std::shared_ptr<FakeJobManager> jobManager = std::make_shared<FakeJobManager>();
-    // Notifications: counts the posts of each name; nothing is observed.
-    struct FakeNotifications final : platform::NotificationService {
-        std::map<std::string, std::uint64_t> posts;
-        MaybeError post(const std::string& name) override
-        {
-            ++posts[name];
-            return std::nullopt;
-        }
-        std::uint64_t state(const std::string& name) override { return posts[name]; }
-        Result<std::unique_ptr<platform::NotificationObservation>> observe(const std::string&,
-                                                                          std::shared_ptr<SerialQueue>,
-                                                                          Handler) override
-        {
-            return std::unique_ptr<platform::NotificationObservation>();
-        }
-    };
-    std::shared_ptr<FakeNotifications> notifications = std::make_shared<FakeNotifications>();
+    // Notifications, posted in a private runtime directory.
+    TempDir runtime;
+    std::shared_ptr<platform::NotificationService> notifications =
+        std::make_shared<platform::LinuxNotificationService>(runtime.path());
     std::shared_ptr<TvdServer> server;
 
 private:

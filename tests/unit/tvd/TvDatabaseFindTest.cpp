@@ -2,11 +2,9 @@
 // election filter and the records that are skipped.
 #include "tvd/TvDatabase.h"
 
-#include "tests/support/FakeApplicationRegistry.h"
-#include "tests/support/FakeContainerService.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RegistryRecords.h"
-#include "tests/support/TestDaemon.h"
+#include "tests/support/ServerHarness.h"
 #include "tvd/TvdPlugIn.h"
 
 #include <gtest/gtest.h>
@@ -16,131 +14,86 @@
 namespace tv {
 namespace {
 
-using platform::RegistryPlugInRecord;
+using Ids = std::set<std::string>;
 
+// The server is the registry database; its registry is a fake.
 class TvDatabaseFindTest : public ::testing::Test {
 protected:
-    void SetUp() override
+    std::shared_ptr<platform::RegistryPlugInRecord> add(const std::string& id, Value entitlements = Value())
     {
-        TvdPlugIn::setSystemVolumeRoot("/System");
-        TvdAnnotationStore::Services store;
-        auto containers = std::make_shared<test::FakeContainerService>();
-        containers->path = dir.file("container");
-        store.containers = containers;
-        db = TvDatabase::initWithDatabase(dir.file("Annotations").c_str(), registry, store);
-        ASSERT_TRUE(db);
-    }
-    std::shared_ptr<RegistryPlugInRecord> add(const std::string& identifier)
-    {
-        auto r = test::makePlugInRecord("/apps/A.app/PlugIns/" + identifier + ".vext", identifier);
-        registry->plugIns.push_back(r);
+        auto r = test::makePlugInRecord("/apps/A.app/PlugIns/" + id + ".vext", id);
+        if (!entitlements.isNull())
+            r->entitlements = entitlements;
+        h.registry->plugIns.push_back(r);
         return r;
     }
-    void elect(const std::shared_ptr<RegistryPlugInRecord>& r, Value election)
+    void elect(const std::string& id, std::int64_t election)
     {
-        auto plugIn = TvdPlugIn::initWithRSData(r);
-        ASSERT_TRUE(plugIn);
-        db->setAnnotationForPlugIn(Value{{"election", std::move(election)}}, *plugIn);
+        h.server->setAnnotationForPlugIn(Value{{"election", Value(election)}}, *TvdPlugIn::initWithRSData(add(id)));
     }
-    std::set<std::string> found(const Value& query)
+    Ids found(const Value& query)
     {
-        std::set<std::string> identifiers;
-        auto plugIns = db->findPlugIns(query);
-        EXPECT_TRUE(plugIns);
-        for (const auto& p : plugIns.value_or(std::vector<std::shared_ptr<TvdPlugIn>>{}))
-            identifiers.insert(*p->identifier());
-        return identifiers;
+        Ids ids;
+        auto plugIns = h.server->findPlugIns(query);
+        for (const auto& p : plugIns.value())
+            ids.insert(*p->identifier());
+        return ids;
     }
 
-    test::TempDir dir;
-    std::shared_ptr<test::FakeApplicationRegistry> registry = std::make_shared<test::FakeApplicationRegistry>();
-    std::shared_ptr<TvDatabase> db;
+    test::ServerHarness h;
 };
 
-TEST(TvDatabaseElectionListTest, NormalisesOrSwitchesFilteringOff)
+TEST_F(TvDatabaseFindTest, FilterComparesTheLowByteOfStoredOrAutomaticElections)
 {
-    using List = std::optional<std::vector<std::string>>;
-    const struct {
-        Value elections;
-        List expected;
-    } cases[] = {
-        {Value(), std::nullopt},
-        {Value(std::int64_t{1}), std::nullopt},
-        {Value("=1"), List{{"1"}}},
-        {Value("1"), List{{"1"}}},
-        {Value("-1"), std::nullopt},
-        {Value(""), std::nullopt},
-        {Value("="), List{{""}}},
-        {Value("\xC3\xA9t\xC3\xA9"), List{{"\xC3\xA9t\xC3\xA9"}}}, // a non-ASCII letter first
-        {Value(Array{Value("0"), Value("=1")}), List{{"0", "1"}}},
-        {Value(Array{Value("0"), Value("-1")}), std::nullopt},
-        {Value(Array{Value("0"), Value("")}), std::nullopt},
-        {Value(Array{Value("0"), Value(std::int64_t{1})}), std::nullopt},
-        {Value(Array{}), List{std::vector<std::string>{}}},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(TvDatabase::electionList(Value{{"KoUserElection", c.elections}}), c.expected)
-            << c.elections.description();
-}
-
-TEST_F(TvDatabaseFindTest, ElectionFilterComparesTheLowByteOfStoredOrAutomaticElections)
-{
-    elect(add("stored1"), Value(std::int64_t{1}));
-    elect(add("stored257"), Value(std::int64_t{257}));
-    elect(add("storedMinus1"), Value(std::int64_t{-1}));
-    elect(add("stored0"), Value(std::int64_t{0}));
+    elect("stored1", 1);
+    elect("stored257", 257);
+    elect("storedMinus1", -1);
     add("none");
-    add("auto")->entitlements = Value{{"com.veltra.developer.auto-elect-plugin", Value(true)}};
-    add("autoText")->entitlements = Value{{"com.veltra.developer.auto-elect-plugin", Value("yes")}};
+    add("auto", Value{{"com.veltra.developer.auto-elect-plugin", Value(true)}});
+    add("autoText", Value{{"com.veltra.developer.auto-elect-plugin", Value("yes")}}); // not a number
     // Filtered by the election stored under the identifier it replaces.
-    add("replacer")->entitlements = Value{{kReplacePlugInEntitlement, Value("stored1")}};
+    add("replacer", Value{{kReplacePlugInEntitlement, Value("stored1")}});
 
-    using Ids = std::set<std::string>;
-    const Ids all{"stored1", "stored257", "storedMinus1", "stored0", "none", "auto", "autoText", "replacer"};
-    const struct {
-        Value elections;
-        Ids expected;
-    } cases[] = {
+    const Ids all{"stored1", "stored257", "storedMinus1", "none", "auto", "autoText", "replacer"};
+    // A valid election list filters; an invalid one (an element that is not a
+    // string starting with "=" or a letter or digit) filters nothing.
+    const std::pair<Value, Ids> cases[] = {
         {Value("=1"), {"stored1", "stored257", "auto", "replacer"}},
         {Value("255"), {"storedMinus1"}},
-        {Value(Array{Value("0"), Value("=1")}), {"stored1", "stored257", "stored0", "none", "auto", "autoText",
-                                                  "replacer"}},
-        {Value(Array{Value("=1"), Value("-1")}), all},
+        {Value(Array{Value("0"), Value("=1")}), {"stored1", "stored257", "none", "auto", "autoText", "replacer"}},
         {Value("="), {}},
+        {Value("\xC3\xA9"), {}}, // a letter, but no election
+        {Value(Array{Value("=1"), Value("-1")}), all},
+        {Value(Array{Value("=1"), Value("")}), all},
+        {Value(Array{Value("=1"), Value(std::int64_t{1})}), all},
+        {Value(std::int64_t{1}), all},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(found(Value{{"KoUserElection", c.elections},
-                              {"KoExtensionPointIdentifier", Value("com.example.point")}}),
-                  c.expected)
-            << c.elections.description();
+    for (const auto& [elections, expected] : cases)
+        EXPECT_EQ(found(Value{{"KoUserElection", elections}, {"KoExtensionPointIdentifier", Value("p")}}), expected)
+            << elections.description();
+    EXPECT_EQ(h.registry->lastQuery["KoExtensionPointIdentifier"], Value("p")); // handed on unchanged
 }
 
-TEST_F(TvDatabaseFindTest, SkipsRecordsWithoutBundleInPlaceholdersOrInNonApplications)
+TEST_F(TvDatabaseFindTest, SkipsRecordsWithoutBundleInPlaceholdersOrInNonApplicationsOnce)
 {
     test::LogCapture log;
     add("kept");
-    add("system")->containingApplication = nullptr;
     add("noUrl")->bundleUrl = Value();
     auto placeholder = std::make_shared<platform::RegistryApplicationRecord>();
     placeholder->bundlePath = "/apps/B.app";
     placeholder->isPlaceholder = true;
     add("placeholder")->containingApplication = placeholder;
-    auto notAnApp = std::make_shared<platform::RegistryApplicationRecord>();
-    notAnApp->bundlePath = "/apps/Folder";
-    add("folder")->containingApplication = notAnApp;
-    registry->plugIns.push_back(registry->plugIns.front()); // reported twice
-
-    // "system" is not under /System: the record cannot be built.
-    const std::set<std::string> expected{"kept"};
-    EXPECT_EQ(found(Value()), expected);
-    EXPECT_EQ(found(Value{{"KoExtensionPointIdentifier", Value("com.example.point")}}), expected);
-    EXPECT_EQ(registry->lastQuery["KoExtensionPointIdentifier"], Value("com.example.point"));
+    auto folder = std::make_shared<platform::RegistryApplicationRecord>();
+    folder->bundlePath = "/apps/Folder";
+    add("folder")->containingApplication = folder;
+    h.registry->plugIns.push_back(h.registry->plugIns.front()); // reported twice
+    EXPECT_EQ(found(Value()), Ids{"kept"});
+    EXPECT_EQ(found(Value{{"KoExtensionIdentifier", Value("x")}}), Ids{"kept"});
     EXPECT_EQ(log.count("RS reported containingBundle is not an application"), 2u);
     EXPECT_EQ(log.countContaining("with nil bundleURL"), 2u);
     EXPECT_EQ(log.countContaining("because its app is a placeholder"), 2u);
-
-    registry->queryFails = true;
-    EXPECT_FALSE(db->findPlugIns(Value{{"KoExtensionIdentifier", Value("kept")}}));
+    h.registry->queryFails = true;
+    EXPECT_FALSE(h.server->findPlugIns(Value{{"KoExtensionIdentifier", Value("kept")}}));
 }
 
 } // namespace
