@@ -1,16 +1,23 @@
 #include "tvd/Transaction.h"
 
+#include "Tarvik/TvBundle.h"
+#include "Tarvik/TvDaemonClient.h"
+#include "Tarvik/TvDiscoveryFlags.h"
 #include "Tarvik/TvLog.h"
+#include "Tarvik/TvVersionComparison.h"
 #include "base/InternalInconsistency.h"
 #include "platform/ipc/VynConnection.h"
+#include "platform/security/SandboxService.h"
 #include "tvd/TvdTrace.h"
 #include "tvd/TvdPlugIn.h"
 #include "tvd/TvdServer.h"
+#include "tvd/TvdUserPrefs.h"
 #include "tvd/TvdVynClient.h"
 
 #include <array>
 #include <filesystem>
 #include <string_view>
+#include <unordered_map>
 
 namespace tv {
 
@@ -28,13 +35,42 @@ const std::array<Route, 9> kRoutes{{
     {"add", &Transaction::addPlugIns},
     {"remove", &Transaction::removePlugIns},
     {"bulk", &Transaction::bulkPlugIns},
-    {"match", nullptr},
+    {"match", &Transaction::matchPlugIns},
     {"ready", nullptr},
     {"access", nullptr},
     {"annotate", nullptr},
     {"bulk-annotate", nullptr},
     {"lock", nullptr},
 }};
+
+// The text of a version value: a string as it is, a number in decimal,
+// anything else empty.
+std::string versionText(const Value& version)
+{
+    if (const std::string* s = version.asString())
+        return *s;
+    if (version.asUInt())
+        return std::to_string(*version.asUInt());
+    if (version.isNumber())
+        return std::to_string(version.integerValue());
+    return std::string();
+}
+
+std::string uuidText(const TvdPlugIn& plugIn)
+{
+    auto uuid = plugIn.uuid();
+    return uuid ? uuid->string() : std::string();
+}
+
+// p (not yet in the results) is preferred over the result form r when it is
+// on the system volume and r is not system-resident, else when it was
+// modified later (equal times prefer r).
+bool preferredOver(const TvdPlugIn& p, const Value& r)
+{
+    if (p.onSystemVolume() && !r["systemResident"].boolValue())
+        return true;
+    return p.lastModified() > r["lastmodified"].integerValue();
+}
 
 } // namespace
 
@@ -318,6 +354,159 @@ void Transaction::bulkPlugIns()
 {
     std::uint64_t flags = request_.uint64ForKey("flags");
     TvLog::ops().info("bulk options 0x%lx not supported", flags);
+    done();
+}
+
+void Transaction::matchPlugIns()
+{
+    const Value& rules = request_.get("rules");
+    if (!rules.isNull() && !rules.isDictionary()) {
+        failMessage(4, "invalid request format (bad rules dictionary)");
+        return;
+    }
+    const Value& query = rules;
+    const std::uint64_t flags = request_.uint64ForKey("flags");
+    const bool discoverAll = flags & TvDiscoverAll;
+    if (discoverAll) {
+        // A process whose sandbox cannot be asked about counts as sandboxed.
+        auto sandbox = platform::sandboxService();
+        if (!client_->hasEntitlement(kManagerEntitlement) || !sandbox ||
+            sandbox->isProcessSandboxed(client_->pid())) {
+            failMessage(11, "unauthorized discovery flag (TvDiscoverAll)");
+            return;
+        }
+    }
+    const bool allVersions = flags & TvDiscoverAllVersions;
+    const bool duplicates = flags & TvDiscoverDuplicates;
+    const bool systemOnly = flags & TvDiscoverSystemOnly;
+
+    auto db = server();
+    std::optional<Array> exclusions;
+    if (auto prefs = db->userPrefs())
+        exclusions = prefs->exclusions();
+
+    auto candidates = db->findPlugIns(query).value_or(std::vector<std::shared_ptr<TvdPlugIn>>{});
+    TvdTrace::discoverRaw(static_cast<std::uint32_t>(candidates.size()));
+
+    // The host's own plug-ins directory: dedicated plug-ins are offered only
+    // to the application that contains them.
+    std::optional<std::string> ownPlugIns;
+    if (const auto& bundle = client_->bundle())
+        ownPlugIns = bundle->plugInsPath();
+
+    // Forms are shared so that an override mark set through the table
+    // reaches the form in the results.
+    std::vector<std::shared_ptr<Value>> results;
+    std::vector<std::shared_ptr<TvdPlugIn>> kept; // the plug-in of each result
+    std::unordered_map<std::string, std::shared_ptr<Value>> overrides;
+
+    for (const auto& p : candidates) {
+        if (!discoverAll) {
+            if (!p->onSystemVolume() && (p->containingUrl().isNull() || systemOnly))
+                continue;
+            if (p->isDedicated() && (!ownPlugIns || p->path().compare(0, ownPlugIns->size(), *ownPlugIns) != 0))
+                continue;
+            if (db->holdOnPlugIn(*p))
+                continue;
+        }
+        if (!query.isNull() && !p->match(query))
+            continue;
+        bool excluded = false;
+        for (const Value& exclusion : exclusions.value_or(Array{})) {
+            if (p->match(exclusion)) {
+                TvLog::ops().debug("client %d plugin %{public}@ globally excluded", client_->pid(), uuidText(*p));
+                excluded = true;
+                break;
+            }
+        }
+        if (excluded)
+            continue;
+        if (!discoverAll) {
+            if (auto reason = p->allowForClient(*client_)) {
+                TvLog::ops().debug("client %d cannot use plugin %{public}@: %{public}@", client_->pid(), uuidText(*p),
+                                   *reason);
+                continue;
+            }
+        }
+        auto exported = p->exportForm();
+        if (!exported.ok()) {
+            TvLog::ops().error("failed to export matching plug-in %{public}@: %{public}@", uuidText(*p),
+                               exported.error().localizedDescription());
+            continue;
+        }
+
+        // Duplicate resolution against the results so far, in order.
+        const std::string identifier = p->identifier().value_or(std::string());
+        const std::string version = versionText(p->version());
+        bool keep = true;
+        for (auto it = results.begin(); it != results.end(); ++it) {
+            const Value& r = **it;
+            const std::string* rIdentifier = r["identifier"].asString();
+            if (!rIdentifier || *rIdentifier != identifier)
+                continue;
+            TvOrdering order = compareVersionString(version, versionText(r["version"]));
+            if (allVersions && (duplicates || order != TvOrdering::Same))
+                continue; // side by side; look at the next one
+            if (order == TvOrdering::Descending || (order == TvOrdering::Same && preferredOver(*p, r))) {
+                kept.erase(kept.begin() + (it - results.begin()));
+                results.erase(it);
+            } else {
+                keep = false;
+            }
+            break;
+        }
+        if (!keep)
+            continue;
+
+        // Annotations are added after the loop, for the survivors only.
+        auto form = std::make_shared<Value>(std::move(exported).value());
+        p->augmentForm(*form);
+        results.push_back(form);
+        kept.push_back(p);
+
+        Value replaced = p->valueForEntitlement(kReplacePlugInEntitlement);
+        if (const std::string* one = replaced.asString()) {
+            overrides.insert_or_assign(*one, form);
+        } else if (const Array* many = replaced.asArray()) {
+            for (const Value& element : *many)
+                if (const std::string* name = element.asString())
+                    overrides.insert_or_assign(*name, form);
+        }
+    }
+
+    // Every form carries "annotations": the stored one, else an empty
+    // dictionary; read in one pass on the database queue.
+    auto annotations = db->annotationsForPlugIns(kept);
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        const Value& a = annotations[i];
+        *results[i] = results[i]->with("annotations", a.isDictionary() ? a : Value::emptyDictionary());
+    }
+
+    if (!overrides.empty()) {
+        for (const auto& f : results) {
+            const std::string* identifier = (*f)["identifier"].asString();
+            if (!identifier)
+                continue;
+            auto o = overrides.find(*identifier);
+            if (o == overrides.end())
+                continue;
+            Value overriderUuid = (*o->second)["uuid"];
+            Value overriddenIdentifier = (*f)["identifier"];
+            *f = f->with("overrider", overriderUuid);
+            *o->second = o->second->with("overriding", overriddenIdentifier);
+            TvLog::ops().info("plug-in %{public}@ overrides %{public}@", overriderUuid, (*f)["uuid"]);
+        }
+    }
+
+    TvLog::ops().info("match returned %u plug-ins", results.size());
+    Array matches;
+    matches.reserve(results.size());
+    for (auto& f : results)
+        matches.push_back(std::move(*f));
+    Value converted = TvDaemonClient::convertToVYNVersion(Value(std::move(matches)), static_cast<std::int64_t>(version_));
+    if (!converted.isNull())
+        reply_.set("matches", std::move(converted));
+    TvLog::ops().debug("reply marshalled");
     done();
 }
 

@@ -24,6 +24,7 @@
 #pragma once
 
 #include "base/TvError.h"
+#include "base/Value.h"
 #include "platform/ipc/Message.h"
 
 #include <chrono>
@@ -93,6 +94,9 @@ public:
     void addPlugIns();
     void removePlugIns();
     void bulkPlugIns();
+    // "match": the forms of the plug-ins that answer the host's query
+    // (docs/match.md).
+    void matchPlugIns();
 
     const std::shared_ptr<TvdVynClient>& client() const { return client_; }
     const platform::Message& request() const { return request_; }

@@ -72,6 +72,10 @@ public:
     // The cached record for the registry record, or a new one. Null when no
     // record can be built from it.
     std::shared_ptr<TvdPlugIn> plugInForProxy(const platform::RegistryPlugInRecordPtr& proxy);
+    // plugInForProxy() for each record, all in one pass on the database
+    // queue (one entry per record, null where none can be built).
+    std::vector<std::shared_ptr<TvdPlugIn>> plugInsForProxies(
+        const std::vector<platform::RegistryPlugInRecordPtr>& proxies);
     // Builds, elects (auto-elect entitlement), purges to the limit and caches
     // a record. REQUIRES: on the database queue.
     std::shared_ptr<TvdPlugIn> createPlugInForProxy(const platform::RegistryPlugInRecordPtr& proxy);
@@ -98,10 +102,34 @@ public:
     MaybeError addPlugIn(const Value& url);
     MaybeError removePlugIn(const Value& url);
 
+    // --- Discovery ------------------------------------------------------------
+
+    // The candidate records for a host's query (its "rules", null or a
+    // dictionary), each record once, in the registry's order; none when the
+    // registry gave no list. The registry matches the query
+    // (ApplicationRegistry::queryPlugIns); the database adds one filter, on
+    // the user's elections, when the query's "KoUserElection" is a valid
+    // election list (electionList()), and leaves out records without a
+    // bundle URL, records in placeholder applications and records whose
+    // container is not an application (logged). Runs on the caller's
+    // thread and enters the database queue for each record and each
+    // election read. REQUIRES: not on the database queue.
+    std::optional<std::vector<std::shared_ptr<TvdPlugIn>>> findPlugIns(const Value& query);
+
+    // The normalised "KoUserElection" of a query: a list of election values
+    // as decimal text, or none (no election filtering) when the key is
+    // absent, of another kind, or holds an element that is not a non-empty
+    // string starting with "=" (dropped) or an alphanumeric character.
+    static std::optional<std::vector<std::string>> electionList(const Value& query);
+    // One element of "KoUserElection" normalised; none when invalid.
+    static std::optional<std::string> normalizeElection(const Value& value);
+
     // --- Annotations ----------------------------------------------------------
 
     // The stored annotation of the plug-in (under its annotation key), or null.
     Value annotationForPlugIn(const TvdPlugIn& plugIn);
+    // annotationForPlugIn() of each plug-in, in one pass on the database queue.
+    std::vector<Value> annotationsForPlugIns(const std::vector<std::shared_ptr<TvdPlugIn>>& plugIns);
     // Stores `annotation` merged over the plug-in's entry (null removes the
     // entry) and saves; a failed save is logged by the store, never returned.
     void setAnnotationForPlugIn(const Value& annotation, const TvdPlugIn& plugIn);
@@ -149,6 +177,11 @@ private:
     std::atomic<std::weak_ptr<TvDatabaseDelegate>> delegate_;
     std::atomic<std::uint32_t> cacheLimit_{0};
     std::optional<std::string> location_;
+    // The registry's filter for an election list: true when the stored (or
+    // auto-elect) election of the record, as its low byte in decimal, is in
+    // the list.
+    bool electionFilter(const platform::RegistryPlugInRecord& record, const std::vector<std::string>& elections);
+
     std::shared_ptr<platform::ApplicationRegistry> workspace_;
     std::shared_ptr<platform::NotificationService> notifications_;
     std::unique_ptr<TvdAnnotationStore> annotations_; // only on sync_

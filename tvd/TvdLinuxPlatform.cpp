@@ -7,6 +7,7 @@
 #include "platform/notify/LinuxNotificationService.h"
 #include "platform/persona/LinuxUserPersona.h"
 #include "platform/preferences/LinuxPreferencesService.h"
+#include "platform/privacy/LinuxPrivacyConsentService.h"
 #include "platform/registry/LinuxApplicationRegistry.h"
 #include "platform/process/LinuxBundleService.h"
 #include "platform/security/LinuxCodeSigningService.h"
@@ -41,6 +42,8 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
 
     TvBundle::setBundleService(bundles);
     TvdPlugIn::setSystemVolumeRoot(config.systemVolumeRoot);
+    TvdPlugIn::setPrivacyConsentService(
+        std::make_shared<platform::LinuxPrivacyConsentService>(config.privacyGrantsFile));
     TvPlugInCore::setSdkRegistry(sdks);
     auto types = std::make_shared<platform::LinuxTypeIdentifierService>(config.typesDir);
     // Elections come from the process-wide server's annotation store; match

@@ -1,7 +1,10 @@
 #include "tvd/TvdPlugIn.h"
 
+#include "Tarvik/TvBundle.h"
 #include "Tarvik/TvFileReadGrant.h"
 #include "Tarvik/TvLog.h"
+#include "platform/privacy/PrivacyConsentService.h"
+#include "tvd/TvdVynClient.h"
 #include "tvd/TvdMatchPattern.h"
 #include "tvd/TvdMatchRules.h"
 
@@ -17,6 +20,12 @@ constexpr const char* kHubProtocolVersionKey = "HubProtocolVersion";
 
 std::mutex gSystemRootMutex;
 std::string gSystemRoot = "/System";
+std::shared_ptr<platform::PrivacyConsentService> gPrivacyConsent; // guarded by gSystemRootMutex
+
+// A host restricts itself to the plug-ins that satisfy these match rules.
+constexpr const char* kHostRestrictionEntitlement = "com.veltra.developer.tarvik.allowedplugins";
+// The plug-in dictionary names an entitlement that its hosts must hold.
+constexpr const char* kHostEntitlementKey = "KoExtensionHostEntitlement";
 
 // `root` without trailing "/" (the file-system root stays "/").
 std::string withoutTrailingSlash(std::string root)
@@ -215,6 +224,63 @@ Value TvdPlugIn::issueResourceExtensions(const Value& resources) const
         }
     }
     return Value(std::move(grants));
+}
+
+// --- Host rights ------------------------------------------------------------
+
+std::optional<std::string> TvdPlugIn::allowForClient(const TvdVynClient& client) const
+{
+    Value restriction = client.entitlementValueForKey(kHostRestrictionEntitlement);
+    if (!restriction.isNull()) {
+        if (!restriction.isDictionary())
+            return std::string("invalid host restriction entitlement");
+        if (!match(restriction))
+            return std::string("the host's plug-in entitlement does not allow this plug-in");
+    }
+    Value demanded = pluginKey(kHostEntitlementKey);
+    if (const std::string* name = demanded.asString()) {
+        if (!client.hasEntitlement(*name))
+            return formatString("the host does not have the \"%@\" entitlement", *name);
+    }
+    return std::nullopt;
+}
+
+std::set<std::string> TvdPlugIn::allowedPCSServices() const
+{
+    std::set<std::string> services;
+    Value container = containingUrl();
+    if (container.isNull())
+        return services;
+    // A fresh bundle object reads the application's information from disk,
+    // so nothing cached stands between the question and the current state.
+    auto bundle = TvBundle::initWithURL(container);
+    if (!bundle) {
+        TvLog::ops().info("failed to create bundle for %@", path());
+        return services;
+    }
+    auto consent = privacyConsentService();
+    auto information = consent ? consent->informationForBundle(bundle->bundleIdentifier().value_or(std::string()))
+                               : std::nullopt;
+    if (!information) {
+        TvLog::ops().info("PCSAccessCopyInformationForBundle failed for %@", bundle->path().value_or(std::string()));
+        return services;
+    }
+    for (const auto& grant : *information)
+        if (grant.granted.value_or(false))
+            services.insert(grant.service);
+    return services;
+}
+
+void TvdPlugIn::setPrivacyConsentService(std::shared_ptr<platform::PrivacyConsentService> service)
+{
+    std::lock_guard lock(gSystemRootMutex);
+    gPrivacyConsent = std::move(service);
+}
+
+std::shared_ptr<platform::PrivacyConsentService> TvdPlugIn::privacyConsentService()
+{
+    std::lock_guard lock(gSystemRootMutex);
+    return gPrivacyConsent;
 }
 
 // --- Match rules ------------------------------------------------------------

@@ -26,10 +26,17 @@
 
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 
 namespace tv {
+
+namespace platform {
+class PrivacyConsentService;
+}
+
+class TvdVynClient;
 
 // The entitlement a plug-in uses to take over the stored annotation (and the
 // place in match answers) of the plug-in whose identifier it names.
@@ -91,6 +98,26 @@ public:
     bool matchValuePatterns(std::string_view value, const Value& patterns) const;
     bool matchValuePattern(std::string_view value, std::string_view pattern) const;
     bool matchDictionaryPattern(const Value& value, const Value& pattern) const;
+
+    // --- Host rights --------------------------------------------------------
+
+    // Whether `client` may use this plug-in: none when it may, else the
+    // reason. First the host's own restriction (its entitlement
+    // "com.veltra.developer.tarvik.allowedplugins": match rules this plug-in
+    // must satisfy), then the plug-in's demand ("KoExtensionHostEntitlement":
+    // an entitlement every host must hold). Evaluates match rules, so it must
+    // not run on the database queue.
+    std::optional<std::string> allowForClient(const TvdVynClient& client) const;
+
+    // The privacy services granted to the containing application (a plug-in
+    // has no grants of its own): empty for a plug-in outside applications,
+    // and after every failure (logged at info level).
+    std::set<std::string> allowedPCSServices() const;
+
+    // The process-wide privacy-consent service that allowedPCSServices()
+    // asks (null: none, every answer is empty). Set once at process start.
+    static void setPrivacyConsentService(std::shared_ptr<platform::PrivacyConsentService> service);
+    static std::shared_ptr<platform::PrivacyConsentService> privacyConsentService();
 
     const platform::RegistryPlugInRecordPtr& rsproxy() const { return rsproxy_; }
 

@@ -3,6 +3,8 @@
 #include "Tarvik/TvLog.h"
 #include "platform/ipc/VynService.h"
 #include "platform/jobs/JobManager.h"
+#include "tvd/TvdPlugIn.h"
+#include "tvd/TvdPlugInHold.h"
 #include "tvd/TvdUserPrefs.h"
 #include "tvd/TvdVynClient.h"
 
@@ -104,14 +106,70 @@ void TvdServer::removedPlugIns(const std::vector<platform::RegistryPlugInRecordP
     }
 }
 
+bool TvdServer::holdOnPlugIn(const TvdPlugIn& plugIn)
+{
+    bool held = false;
+    syncQueue_->sync([&] {
+        for (const auto& hold : holds_)
+            if (hold->blocks(plugIn)) {
+                held = true;
+                return;
+            }
+    });
+    return held;
+}
+
+void TvdServer::addHold(std::shared_ptr<TvdPlugInHold> hold)
+{
+    if (!hold)
+        return;
+    syncQueue_->sync([&] { holds_.push_back(std::move(hold)); });
+    notifyAnnotationChange();
+}
+
+void TvdServer::unholdToken(const Uuid& token)
+{
+    // The released hold is destroyed (ending its keep-alive transaction)
+    // after the queue is left, once nothing else refers to it.
+    std::shared_ptr<TvdPlugInHold> released;
+    syncQueue_->sync([&] {
+        for (auto it = holds_.begin(); it != holds_.end(); ++it) {
+            if ((*it)->uuid() != token)
+                continue;
+            TvLog::ops().debug("releasing plug-in hold %{public}@ at client's request", token.string());
+            released = std::move(*it);
+            holds_.erase(it);
+            notifyAnnotationChange();
+            return;
+        }
+    });
+}
+
 void TvdServer::unholdClient(const std::shared_ptr<TvdVynClient>& client)
 {
-    (void)client;
-    syncQueue_->sync([this] {
-        // The table holds no holds until placing them is supported; the walk
-        // is still done on the queue that guards it.
-        (void)holds_.size();
+    std::vector<std::shared_ptr<TvdPlugInHold>> released;
+    syncQueue_->sync([&] {
+        // One walk in order, releasing as it goes: the same holds, in the
+        // same order, as restarting the walk after each release.
+        for (auto it = holds_.begin(); it != holds_.end();) {
+            if (!(*it)->placedBy(client)) {
+                ++it;
+                continue;
+            }
+            TvLog::ops().debug("releasing plug-in hold %{public}@ for dead client pid %d", (*it)->uuid().string(),
+                               client ? client->pid() : -1);
+            released.push_back(std::move(*it));
+            it = holds_.erase(it);
+            notifyAnnotationChange();
+        }
     });
+}
+
+std::size_t TvdServer::holdCount()
+{
+    std::size_t count = 0;
+    syncQueue_->sync([&] { count = holds_.size(); });
+    return count;
 }
 
 } // namespace tv

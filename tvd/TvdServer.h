@@ -75,8 +75,23 @@ public:
     std::chrono::nanoseconds requestTimeSlice() const { return std::chrono::nanoseconds(requestTimeSlice_.load()); }
     void setRequestTimeSlice(std::chrono::nanoseconds slice) { requestTimeSlice_.store(slice.count()); }
 
-    // Releases every hold placed by `client`.
+    // --- Plug-in holds (docs/match.md, "Holds") ----------------------------
+    // Each runs its whole work synchronously on "serverSync" and returns when
+    // it is done; none may be called from "serverSync" itself.
+
+    // True when some hold in the table blocks `plugIn`.
+    bool holdOnPlugIn(const TvdPlugIn& plugIn);
+    // Appends `hold` to the table, then (off the queue) posts the
+    // annotation-change notification.
+    void addHold(std::shared_ptr<TvdPlugInHold> hold);
+    // Releases the hold with this token, if there is one, and posts the
+    // notification; nothing happens (and nothing is posted) otherwise.
+    void unholdToken(const Uuid& token);
+    // Releases every hold placed by `client` (its connection died), posting
+    // one notification per released hold.
     void unholdClient(const std::shared_ptr<TvdVynClient>& client);
+    // The number of holds in the table (diagnostics, tests).
+    std::size_t holdCount();
 
     std::uint32_t verbose() const { return verbose_.load(); }
     void setVerbose(std::uint32_t v) { verbose_.store(v); }

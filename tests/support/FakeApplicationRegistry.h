@@ -68,10 +68,21 @@ public:
                 result.push_back(p);
         return result;
     }
+    // Queries match every record in `plugIns` (the query is only recorded
+    // in `lastQuery`), kept by the filter; none when `queryFails`.
+    bool queryFails = false;
+    Value lastQuery;
     std::optional<std::vector<platform::RegistryPlugInRecordPtr>> queryPlugIns(
-        const Value&, const platform::RegistryPlugInFilter&) override
+        const Value& query, const platform::RegistryPlugInFilter& filter) override
     {
-        return std::vector<platform::RegistryPlugInRecordPtr>{};
+        lastQuery = query;
+        if (queryFails)
+            return std::nullopt;
+        std::vector<platform::RegistryPlugInRecordPtr> kept;
+        for (const auto& p : plugIns)
+            if (!filter || filter(*p))
+                kept.push_back(p);
+        return kept;
     }
     MaybeError registerPlugIn(const std::string& path) override
     {

@@ -24,6 +24,7 @@ ServerHarness::ServerHarness()
         return q;
     };
     platform.jobManager = jobManager;
+    platform.notifications = notifications;
     // No annotation file of the machine is read or written by tests.
     platform.globalAnnotationsFile = "/nonexistent/tvd-test/Tarvik-Annotations";
     auto containers = std::make_shared<FakeContainerService>();

@@ -8,6 +8,8 @@
 #include "tests/support/FakeClientIdentity.h"
 #include "tests/support/FakeVynService.h"
 #include "platform/jobs/JobManager.h"
+#include "platform/notify/LinuxNotificationService.h"
+#include "tests/support/TestDaemon.h"
 #include "tvd/TvdServer.h"
 
 #include <map>
@@ -48,6 +50,10 @@ public:
         std::vector<platform::ExternalService> externalServices() const override { return {}; }
     };
     std::shared_ptr<FakeJobManager> jobManager = std::make_shared<FakeJobManager>();
+    // Notifications, posted in a private runtime directory.
+    TempDir runtime;
+    std::shared_ptr<platform::NotificationService> notifications =
+        std::make_shared<platform::LinuxNotificationService>(runtime.path());
     std::shared_ptr<TvdServer> server;
 
 private:

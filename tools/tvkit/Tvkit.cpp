@@ -7,7 +7,9 @@
 #include "platform/PlatformConfig.h"
 #include "platform/formats/TypedJson.h"
 
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <future>
 #include <iostream>
 #include <iterator>
@@ -23,6 +25,9 @@ const char* kOverview =
     "Talks to tvd, the plug-in registry daemon.\n"
     "\n"
     "Commands:\n"
+    "  match POINT [RULES]\n"
+    "                  list the plug-ins that a host of extension point POINT\n"
+    "                  is offered\n"
     "  raw [JSON]      send one request written as typed JSON, print the reply\n"
     "  help [COMMAND]  show help for a command\n"
     "\n"
@@ -51,6 +56,59 @@ const char* kRawHelp =
     "Exit status: 0 for a success reply, 1 for an error reply (its \"errorcode\"\n"
     "and \"error\" are in the printed reply), 2 for bad usage or a request that\n"
     "is not valid typed JSON, 69 when the daemon cannot be reached.\n";
+
+const char* kMatchHelp =
+    "usage: tvkit match [--json] [--all-versions] [--duplicates] [--system-only]\n"
+    "                   [--all] [--flags N] POINT [RULES]\n"
+    "\n"
+    "Sends a \"match\" request for the extension point POINT and prints the\n"
+    "plug-ins that tvd offers, one line each: identifier, version, UUID,\n"
+    "election (0 no choice, 1 elected), path, and the override marks\n"
+    "\"overrides=IDENTIFIER\" (this plug-in replaces that one) and\n"
+    "\"overridden-by=UUID\". RULES is a JSON object of further match rules\n"
+    "(typed JSON, docs/typed-json.md); its \"KoExtensionPointIdentifier\" is\n"
+    "replaced by POINT. With --json the list is printed as a JSON array of\n"
+    "objects with the keys identifier, version, uuid, path, election and, when\n"
+    "marked, overrider and overriding.\n"
+    "\n"
+    "Flags: --all-versions (0x1) keeps every version, --duplicates (0x4) with\n"
+    "it every copy, --system-only (0x8) only system plug-ins, --all (0x200,\n"
+    "manager entitlement only) skips holds and host rights; --flags N adds the\n"
+    "bits of N.\n"
+    "\n"
+    "Examples:\n"
+    "  tvkit match com.veltra.share-services\n"
+    "  tvkit match --json com.veltra.photo-editing '{\"KoUserElection\": \"=1\"}'\n"
+    "\n"
+    "Exit status: 0 success, 1 the daemon refused the request (its code and\n"
+    "message on standard error), 2 bad usage, 69 the daemon cannot be reached.\n";
+
+// One matching plug-in as the tool shows it, from its form.
+Value summaryOf(const Value& form)
+{
+    // Shown as a plain JSON number: unsigned unless negative.
+    std::int64_t e = form["annotations"]["election"].integerValue();
+    Value election = e < 0 ? Value(e) : Value(static_cast<std::uint64_t>(e));
+    Dictionary s{{"identifier", form["identifier"]},
+                 {"version", form["version"]},
+                 {"uuid", form["uuid"]},
+                 {"path", form["path"]},
+                 {"election", election}};
+    if (!form["overrider"].isNull())
+        s.emplace("overrider", form["overrider"]);
+    if (!form["overriding"].isNull())
+        s.emplace("overriding", form["overriding"]);
+    return Value(std::move(s));
+}
+
+std::string textOf(const Value& v)
+{
+    if (const std::string* s = v.asString())
+        return *s;
+    if (v.isNull())
+        return "-";
+    return v.description();
+}
 
 } // namespace
 
@@ -88,6 +146,8 @@ int Tvkit::run(const std::vector<std::string>& argsIn)
         return help(args);
     if (command == "raw")
         return raw(args);
+    if (command == "match")
+        return match(args);
     return usage("unknown command " + command);
 }
 
@@ -99,6 +159,10 @@ int Tvkit::help(const std::vector<std::string>& args)
     }
     if (args[0] == "raw") {
         out_ << kRawHelp;
+        return kExitSuccess;
+    }
+    if (args[0] == "match") {
+        out_ << kMatchHelp;
         return kExitSuccess;
     }
     return usage("no help for unknown command " + args[0]);
@@ -123,6 +187,28 @@ int Tvkit::raw(const std::vector<std::string>& args)
     if (!request->isDictionary())
         return usage("request must be a JSON object");
 
+    platform::VynEvent answer;
+    Value body = plainValueForVyn(*request);
+    int status = exchange(
+        [&body](TvDaemonClient& client, std::function<void(const platform::VynEvent&)> reply) {
+            client.sendReply(platform::Message(body), std::move(reply));
+        },
+        answer);
+    if (status != kExitSuccess)
+        return status;
+    out_ << platform::toTypedJson(platform::eventMessage(answer)->body()) << "\n";
+    try {
+        return TvDaemonClient::errorInReply(answer) ? kExitErrorReply : kExitSuccess;
+    } catch (const TvInternalInconsistency& e) {
+        err_ << "tvkit: " << e.what() << "\n";
+        return kExitErrorReply;
+    }
+}
+
+int Tvkit::exchange(
+    const std::function<void(TvDaemonClient&, std::function<void(const platform::VynEvent&)>)>& send,
+    platform::VynEvent& answer)
+{
     auto config = platform::PlatformConfig::load();
     if (!config) {
         err_ << "tvkit: " << config.error().localizedDescription() << "\n";
@@ -135,21 +221,107 @@ int Tvkit::raw(const std::vector<std::string>& args)
     }
     TvDaemonClient client(vyn, service_.c_str());
     std::promise<platform::VynEvent> answered;
-    client.sendReply(platform::Message(plainValueForVyn(*request)),
-                     [&answered](const platform::VynEvent& answer) { answered.set_value(answer); });
-    platform::VynEvent answer = answered.get_future().get();
-
+    send(client, [&answered](const platform::VynEvent& a) { answered.set_value(a); });
+    answer = answered.get_future().get();
     if (auto error = platform::eventError(answer)) {
         err_ << "tvkit: cannot reach tvd at " << service_ << ": " << error->description << "\n";
         return kExitUnavailable;
     }
-    out_ << platform::toTypedJson(platform::eventMessage(answer)->body()) << "\n";
+    return kExitSuccess;
+}
+
+int Tvkit::match(const std::vector<std::string>& args)
+{
+    bool json = false;
+    std::uint64_t flags = 0;
+    std::vector<std::string> operands;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (a == "-h" || a == "--help") {
+            out_ << kMatchHelp;
+            return kExitSuccess;
+        } else if (a == "--json") {
+            json = true;
+        } else if (a == "--all-versions") {
+            flags |= 0x1;
+        } else if (a == "--duplicates") {
+            flags |= 0x4;
+        } else if (a == "--system-only") {
+            flags |= 0x8;
+        } else if (a == "--all") {
+            flags |= 0x200;
+        } else if (a == "--flags") {
+            if (i + 1 >= args.size())
+                return usage("option --flags needs a number");
+            const std::string& n = args[++i];
+            char* end = nullptr;
+            errno = 0;
+            unsigned long long v = std::strtoull(n.c_str(), &end, 0);
+            if (n.empty() || n[0] == '-' || *end != '\0' || errno != 0)
+                return usage("--flags takes an unsigned number, not " + n);
+            flags |= v;
+        } else if (a.size() > 1 && a[0] == '-' && operands.empty()) {
+            return usage("unknown option " + a + " for match");
+        } else {
+            operands.push_back(a);
+        }
+    }
+    if (operands.empty() || operands.size() > 2)
+        return usage("match takes an extension point and optional rules");
+
+    Value rules = Value::emptyDictionary();
+    if (operands.size() == 2) {
+        auto parsed = platform::parseTypedJson(operands[1]);
+        if (!parsed)
+            return usage("rules are not valid typed JSON: " + parsed.error().localizedDescription());
+        if (!parsed->isDictionary())
+            return usage("rules must be a JSON object");
+        rules = *parsed;
+    }
+    rules = rules.with("KoExtensionPointIdentifier", Value(operands[0]));
+
+    platform::VynEvent answer;
+    Value decoded;
+    int status = exchange(
+        [&](TvDaemonClient& client, std::function<void(const platform::VynEvent&)> reply) {
+            client.matchPlugInsFlagsReply(rules, flags, [&client, &decoded, reply](const platform::VynEvent& a) {
+                if (const auto* message = platform::eventMessage(a))
+                    decoded = client.convertFromVYN(message->get("matches"));
+                reply(a);
+            });
+        },
+        answer);
+    if (status != kExitSuccess)
+        return status;
     try {
-        return TvDaemonClient::errorInReply(answer) ? kExitErrorReply : kExitSuccess;
+        if (auto error = TvDaemonClient::errorInReply(answer)) {
+            err_ << "tvkit: tvd refused the match (code " << error->code
+                 << "): " << error->description.value_or("") << "\n";
+            return kExitErrorReply;
+        }
     } catch (const TvInternalInconsistency& e) {
         err_ << "tvkit: " << e.what() << "\n";
         return kExitErrorReply;
     }
+
+    Array summaries;
+    if (const Array* forms = decoded.asArray())
+        for (const Value& form : *forms)
+            summaries.push_back(summaryOf(form));
+    if (json) {
+        out_ << platform::toTypedJson(Value(std::move(summaries))) << "\n";
+        return kExitSuccess;
+    }
+    for (const Value& s : summaries) {
+        out_ << textOf(s["identifier"]) << "\t" << textOf(s["version"]) << "\t" << textOf(s["uuid"]) << "\t"
+             << s["election"].integerValue() << "\t" << textOf(s["path"]);
+        if (!s["overriding"].isNull())
+            out_ << "\toverrides=" << textOf(s["overriding"]);
+        if (!s["overrider"].isNull())
+            out_ << "\toverridden-by=" << textOf(s["overrider"]);
+        out_ << "\n";
+    }
+    return kExitSuccess;
 }
 
 } // namespace tv

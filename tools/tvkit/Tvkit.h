@@ -6,11 +6,16 @@
 // 69 the daemon cannot be reached.
 #pragma once
 
+#include "platform/ipc/VynEvent.h"
+
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <vector>
 
 namespace tv {
+
+class TvDaemonClient;
 
 class Tvkit {
 public:
@@ -27,6 +32,12 @@ private:
     int usage(const std::string& problem);
     int help(const std::vector<std::string>& args);
     int raw(const std::vector<std::string>& args);
+    int match(const std::vector<std::string>& args);
+    // Connects to the daemon, lets `send` issue one request through the
+    // client and waits for its answer. kExitSuccess with `answer` set, or
+    // the exit status of the failure (reported on the error stream).
+    int exchange(const std::function<void(TvDaemonClient&, std::function<void(const platform::VynEvent&)>)>& send,
+                 platform::VynEvent& answer);
 
     std::istream& in_;
     std::ostream& out_;

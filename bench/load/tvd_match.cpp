@@ -1,0 +1,320 @@
+// tvd_match: the "match" request through the real daemon, against a raw
+// socket round trip that carries the same bytes, reported as ratios.
+//
+//   tvd_match --tvd PATH [--rounds N] [--sizes 1000,10000,100000]
+//
+// For each registry size a platform is written to a temporary directory:
+// plug-in bundles in applications of 500 plug-ins each, spread over 200
+// extension points. The queried extension point always holds the same 50
+// plug-ins; every other plug-in is in one of the 199 other points (10,000
+// plug-ins: 50 in every point). tvd is started on a private socket and a
+// raw-protocol client sends the same "match" request (rules
+// {"KoExtensionPointIdentifier": point}) N times, one outstanding, after one
+// warm-up request that fills the daemon's record cache. The baseline sends
+// the same request frame to a thread on a Unix socket pair that answers with
+// the exact reply frame that tvd sent: the cost of moving those bytes.
+// Reported: the median round trip of each, the ratio of tvd to the baseline,
+// and each size's tvd median against the 10,000 plug-in one.
+#include "Tarvik/TvMessageConversion.h"
+#include "base/Value.h"
+#include "platform/formats/Vlist.h"
+#include "platform/ipc/Message.h"
+#include "platform/ipc/VynFrame.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+using namespace tv;
+using Clock = std::chrono::steady_clock;
+using platform::Message;
+using platform::VynFrame;
+
+namespace {
+
+constexpr int kPoints = 200;
+constexpr int kCandidates = 50;
+constexpr int kPerApplication = 500;
+
+double micros(Clock::duration d)
+{
+    return std::chrono::duration<double, std::micro>(d).count();
+}
+
+double median(std::vector<double> v)
+{
+    if (v.empty())
+        return 0;
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+bool readExact(int fd, std::uint8_t* p, std::size_t n)
+{
+    while (n > 0) {
+        ssize_t r = ::read(fd, p, n);
+        if (r <= 0) {
+            if (r < 0 && errno == EINTR)
+                continue;
+            return false;
+        }
+        p += r;
+        n -= static_cast<std::size_t>(r);
+    }
+    return true;
+}
+
+bool writeAll(int fd, const std::uint8_t* p, std::size_t n)
+{
+    while (n > 0) {
+        ssize_t w = ::send(fd, p, n, MSG_NOSIGNAL);
+        if (w <= 0) {
+            if (w < 0 && errno == EINTR)
+                continue;
+            return false;
+        }
+        p += w;
+        n -= static_cast<std::size_t>(w);
+    }
+    return true;
+}
+
+bool readFrame(int fd, Bytes& frame)
+{
+    frame.resize(VynFrame::kHeaderSize);
+    if (!readExact(fd, frame.data(), VynFrame::kHeaderSize))
+        return false;
+    auto header = VynFrame::parseHeader(std::span<const std::uint8_t, VynFrame::kHeaderSize>(
+        frame.data(), VynFrame::kHeaderSize));
+    if (!header)
+        return false;
+    frame.resize(header->frameSize());
+    return readExact(fd, frame.data() + VynFrame::kHeaderSize, frame.size() - VynFrame::kHeaderSize);
+}
+
+int connectTo(const std::string& path)
+{
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+std::string pointName(int i)
+{
+    return "com.bench.point" + std::to_string(i);
+}
+
+// Writes `count` plug-ins: the first kCandidates in point 0, the rest over
+// points 1..199 in turn.
+void writePlatform(const std::string& dir, int count)
+{
+    for (int i = 0; i < count; ++i) {
+        int app = i / kPerApplication;
+        std::string appDir = dir + "/apps/A" + std::to_string(app) + ".app";
+        if (i % kPerApplication == 0) {
+            std::filesystem::create_directories(appDir + "/PlugIns");
+            (void)platform::writeVlistFileAtomically(appDir + "/Info.vlist",
+                                                     Value{{"KbBundleIdentifier", "com.bench.app" + std::to_string(app)}});
+        }
+        int point = i < kCandidates ? 0 : 1 + (i - kCandidates) % (kPoints - 1);
+        std::string id = "com.bench.p" + std::to_string(i);
+        std::string pdir = appDir + "/PlugIns/P" + std::to_string(i) + ".vext";
+        std::filesystem::create_directories(pdir);
+        Value info{{"KbBundleIdentifier", id},
+                   {"KbBundleVersion", "1"},
+                   {"KbBundleName", "Plug-in " + std::to_string(i)},
+                   {"KoExtension", Value{{"KoExtensionPointIdentifier", pointName(point)},
+                                         {"KoExtensionAttributes", Value{{"KoExtensionVersion", "1"}}}}}};
+        (void)platform::writeVlistFileAtomically(pdir + "/Info.vlist", info);
+    }
+}
+
+pid_t startTvd(const std::string& tvd, const std::string& dir, const std::string& socket)
+{
+    std::string conf = dir + "/tvd.conf";
+    std::filesystem::create_directories(dir + "/vyn");
+    std::ofstream(conf) << "socket_dir = " << dir << "/vyn\nruntime_dir = " << dir << "/run\nregistry_database = " << dir
+                        << "/registry.sqlite\ncontainers_root = " << dir << "/containers\napplication_roots = " << dir
+                        << "/apps\npreferences_dir = " << dir << "/preferences\nprivacy_grants = " << dir
+                        << "/grants.vlist\nglobal_annotations = " << dir << "/Annotations\nsystem_volume_root = " << dir
+                        << "/System\nsystem_plugins_dir = " << dir << "/System/Library/PlugIns\n";
+    pid_t child = ::fork();
+    if (child == 0) {
+        ::setenv("TVD_CONFIG", conf.c_str(), 1);
+        std::string log = dir + "/tvd.log";
+        std::freopen(log.c_str(), "w", stderr);
+        ::execl(tvd.c_str(), tvd.c_str(), "-S", socket.c_str(), static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    // Scanning 100,000 bundles takes a while on a busy machine.
+    for (int i = 0; i < 24000; ++i) {
+        int fd = connectTo(socket);
+        if (fd >= 0) {
+            ::close(fd);
+            return child;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(25));
+    }
+    std::fprintf(stderr, "tvd_match: tvd did not come up (see %s/tvd.log)\n", dir.c_str());
+    ::kill(child, SIGKILL);
+    std::exit(1);
+}
+
+struct Figures {
+    int plugIns = 0;
+    std::size_t forms = 0;
+    std::size_t replyBytes = 0;
+    double tvd = 0;
+    double baseline = 0;
+};
+
+// The number of forms in a match reply frame.
+std::size_t formsIn(const Bytes& frame)
+{
+    auto header = VynFrame::parseHeader(std::span<const std::uint8_t, VynFrame::kHeaderSize>(
+        frame.data(), VynFrame::kHeaderSize));
+    if (!header)
+        return 0;
+    auto message = VynFrame::decodeBody(*header, std::span<const std::uint8_t>(frame).subspan(VynFrame::kHeaderSize),
+                                        64);
+    if (!message)
+        return 0;
+    if (!message->get("errorcode").isNull()) {
+        std::fprintf(stderr, "tvd_match: error reply %s\n", message->description().c_str());
+        return 0;
+    }
+    Value forms = messageDecode(message->get("matches"));
+    return forms.asArray() ? forms.asArray()->size() : 0;
+}
+
+Figures measure(const std::string& tvd, int plugIns, int rounds)
+{
+    Figures f;
+    f.plugIns = plugIns;
+    char templ[] = "/tmp/tvd-match-bench-XXXXXX";
+    std::string dir = ::mkdtemp(templ);
+    std::fprintf(stderr, "tvd_match: writing %d plug-ins\n", plugIns);
+    writePlatform(dir, plugIns);
+    std::string socket = dir + "/vyn/tvd";
+    std::fprintf(stderr, "tvd_match: starting tvd\n");
+    pid_t daemon = startTvd(tvd, dir, socket);
+
+    Message request;
+    request.set("request", Value("match"));
+    request.set("version", Value(std::uint64_t{3}));
+    request.set("flags", Value(std::uint64_t{0}));
+    request.set("rules", Value{{"KoExtensionPointIdentifier", pointName(0)}});
+    Bytes frame = VynFrame::encode(request, true, 64).value();
+    VynFrame::setMessageId(frame, 1);
+
+    int fd = connectTo(socket);
+    Bytes reply;
+    writeAll(fd, frame.data(), frame.size());
+    readFrame(fd, reply); // warm-up: fills the record cache
+    f.forms = formsIn(reply);
+    f.replyBytes = reply.size();
+
+    std::vector<double> tvdTimes;
+    for (int i = 0; i < rounds; ++i) {
+        auto t = Clock::now();
+        writeAll(fd, frame.data(), frame.size());
+        readFrame(fd, reply);
+        tvdTimes.push_back(micros(Clock::now() - t));
+    }
+    ::close(fd);
+    ::kill(daemon, SIGTERM);
+    ::waitpid(daemon, nullptr, 0);
+
+    // Baseline: the same request and reply bytes over a socket pair.
+    int sv[2];
+    ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv);
+    std::thread echo([&] {
+        Bytes in;
+        while (readFrame(sv[1], in))
+            if (!writeAll(sv[1], reply.data(), reply.size()))
+                break;
+    });
+    std::vector<double> baseTimes;
+    Bytes back;
+    for (int i = 0; i < rounds; ++i) {
+        auto t = Clock::now();
+        writeAll(sv[0], frame.data(), frame.size());
+        readFrame(sv[0], back);
+        baseTimes.push_back(micros(Clock::now() - t));
+    }
+    ::shutdown(sv[0], SHUT_RDWR);
+    echo.join();
+    ::close(sv[0]);
+    ::close(sv[1]);
+
+    f.tvd = median(tvdTimes);
+    f.baseline = median(baseTimes);
+    std::filesystem::remove_all(dir);
+    return f;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::string tvd;
+    int rounds = 500;
+    std::vector<int> sizes{1000, 10000, 100000};
+    for (int i = 1; i + 1 < argc; i += 2) {
+        std::string a = argv[i];
+        if (a == "--tvd") {
+            tvd = argv[i + 1];
+        } else if (a == "--rounds") {
+            rounds = std::max(1, std::atoi(argv[i + 1]));
+        } else if (a == "--sizes") {
+            sizes.clear();
+            std::stringstream list(argv[i + 1]);
+            for (std::string n; std::getline(list, n, ',');)
+                if (std::atoi(n.c_str()) >= kCandidates)
+                    sizes.push_back(std::atoi(n.c_str()));
+        }
+    }
+    if (tvd.empty() || sizes.empty()) {
+        std::fprintf(stderr, "usage: tvd_match --tvd PATH [--rounds N] [--sizes 1000,10000,100000]\n");
+        return 2;
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+
+    std::vector<Figures> all;
+    for (int size : sizes)
+        all.push_back(measure(tvd, size, rounds));
+    double reference = 0;
+    for (const auto& f : all)
+        if (f.plugIns == 10000)
+            reference = f.tvd;
+    std::printf("match over %d extension points, %d candidates, median of %d round trips:\n", kPoints, kCandidates,
+                rounds);
+    for (const auto& f : all) {
+        std::printf("  %6d plug-ins: %zu forms, reply %zu bytes; tvd %8.1f us, raw socket %6.1f us, %.1fx raw",
+                    f.plugIns, f.forms, f.replyBytes, f.tvd, f.baseline, f.tvd / f.baseline);
+        if (reference > 0)
+            std::printf(", %.2fx the 10,000 plug-in match", f.tvd / reference);
+        std::printf("\n");
+    }
+    return 0;
+}

@@ -1,0 +1,102 @@
+// Host discovery through the real daemon: "match" requests from tvkit over
+// the socket, against applications and system plug-ins on disk.
+#include "platform/formats/Vlist.h"
+#include "tests/support/TestDaemon.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sys/stat.h>
+
+namespace tv {
+namespace {
+
+constexpr const char* kPoint = "com.veltra.share-services";
+
+class MatchTest : public ::testing::Test {
+protected:
+    MatchTest()
+        : daemon_({"application_roots = " + disk_.file("Applications"), "system_volume_root = " + disk_.file("System"),
+                   "system_plugins_dir = " + disk_.file("System/Library/PlugIns")})
+    {
+    }
+
+    // A bundle with an executable; returns its canonical path.
+    std::string bundle(const std::string& relative, Value info, const Value& entitlements = Value())
+    {
+        std::string dir = disk_.file(relative);
+        std::filesystem::create_directories(dir);
+        EXPECT_FALSE(platform::writeVlistFileAtomically(dir + "/Info.vlist", info.with("KbBundleExecutable", "run")));
+        if (!entitlements.isNull()) {
+            EXPECT_FALSE(platform::writeVlistFileAtomically(dir + "/Entitlements.vlist", entitlements));
+        }
+        std::ofstream(dir + "/run") << "#!/bin/sh\n";
+        ::chmod((dir + "/run").c_str(), 0755);
+        return std::filesystem::canonical(dir).string();
+    }
+    std::string plugIn(const std::string& relative, const std::string& id, const std::string& version,
+                       const Value& entitlements = Value())
+    {
+        return bundle(relative,
+                      Value{{"KbBundleIdentifier", id},
+                            {"KbBundleVersion", version},
+                            {"KoExtension", Value{{"KoExtensionPointIdentifier", kPoint},
+                                                  {"KoExtensionAttributes", Value{{"KoExtensionVersion", version}}}}}},
+                      entitlements);
+    }
+    test::ProcessResult tvkit(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), {TVKIT_BINARY, "--service", daemon_.socketPath()});
+        return test::runProgram(args, daemon_.clientEnv());
+    }
+
+    test::TempDir disk_;
+    test::TestDaemon daemon_;
+};
+
+TEST_F(MatchTest, HostsGetTheNewestCopyOverrideMarksElectionsAndTheWireCodes)
+{
+    bundle("Applications/One.app", Value{{"KbBundleIdentifier", "com.test.one"}});
+    bundle("Applications/Two.app", Value{{"KbBundleIdentifier", "com.test.two"}});
+    std::string older = plugIn("Applications/One.app/PlugIns/Dup.vext", "com.test.dup", "1.2");
+    std::string newer = plugIn("Applications/Two.app/PlugIns/Dup.vext", "com.test.dup", "1.10");
+    std::string replacer = plugIn("Applications/One.app/PlugIns/New.vext", "com.test.new", "1",
+                                  Value{{"com.veltra.developer.replace-plugin", "com.test.sys"}});
+    std::string elected = plugIn("Applications/One.app/PlugIns/Auto.vext", "com.test.auto", "1",
+                                 Value{{"com.veltra.developer.auto-elect-plugin", true}});
+    std::string sys = plugIn("System/Library/PlugIns/Sys.vext", "com.test.sys", "1");
+    ASSERT_TRUE(daemon_.start()) << daemon_.log();
+
+    auto all = tvkit({"match", kPoint});
+    ASSERT_EQ(all.exitStatus, 0) << all.err;
+    EXPECT_EQ(all.out.find(older), std::string::npos) << all.out;
+    EXPECT_NE(all.out.find("com.test.dup\t1.10\t"), std::string::npos);
+    EXPECT_NE(all.out.find("\t1\t" + elected + "\n"), std::string::npos);
+    EXPECT_NE(all.out.find("\t0\t" + replacer + "\toverrides=com.test.sys\n"), std::string::npos);
+    std::string uuid = all.out.substr(all.out.find("com.test.new\t1\t") + 15, 36);
+    EXPECT_NE(all.out.find("\t0\t" + sys + "\toverridden-by=" + uuid + "\n"), std::string::npos);
+    EXPECT_TRUE(daemon_.waitForLog("match returned 4 plug-ins"));
+
+    EXPECT_NE(tvkit({"match", "--all-versions", kPoint}).out.find(older), std::string::npos);
+    auto json = tvkit({"match", "--json", "--system-only", kPoint});
+    EXPECT_NE(json.out.find("\"path\": \"" + sys + "\""), std::string::npos) << json.out;
+    EXPECT_EQ(json.out.find(newer), std::string::npos);
+    auto chosen = tvkit({"match", kPoint, R"({"KoUserElection": "=1"})"});
+    EXPECT_NE(chosen.out.find(elected), std::string::npos);
+    EXPECT_EQ(std::count(chosen.out.begin(), chosen.out.end(), '\n'), 1);
+
+    auto badRules = tvkit({"raw", R"({"request": "match", "version": 3, "rules": ["x"]})"});
+    EXPECT_EQ(badRules.exitStatus, 1);
+    EXPECT_NE(badRules.out.find("\"errorcode\": 4"), std::string::npos) << badRules.out;
+    EXPECT_NE(badRules.out.find("invalid request format (bad rules dictionary)"), std::string::npos);
+    auto unprivileged = tvkit({"match", "--all", kPoint});
+    EXPECT_EQ(unprivileged.exitStatus, 1);
+    EXPECT_NE(unprivileged.err.find("(code 11): unauthorized discovery flag (TvDiscoverAll)"), std::string::npos)
+        << unprivileged.err;
+    EXPECT_TRUE(daemon_.running());
+}
+
+} // namespace
+} // namespace tv
