@@ -400,13 +400,16 @@ void Transaction::matchPlugIns()
     std::vector<std::shared_ptr<TvdPlugIn>> kept; // the plug-in of each result
     std::unordered_map<std::string, std::shared_ptr<Value>> overrides;
 
-    for (const auto& p : candidates) {
+    // The hold table as it stands when the request starts.
+    const std::vector<bool> held = discoverAll ? std::vector<bool>() : db->holdsOnPlugIns(candidates);
+    for (std::size_t c = 0; c < candidates.size(); ++c) {
+        const auto& p = candidates[c];
         if (!discoverAll) {
             if (!p->onSystemVolume() && (p->containingUrl().isNull() || systemOnly))
                 continue;
             if (p->isDedicated() && (!ownPlugIns || p->path().compare(0, ownPlugIns->size(), *ownPlugIns) != 0))
                 continue;
-            if (db->holdOnPlugIn(*p))
+            if (held[c])
                 continue;
         }
         if (!query.isNull() && !p->match(query))

@@ -8,6 +8,7 @@
 #include "tvd/TvdUserPrefs.h"
 #include "tvd/TvdVynClient.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <mutex>
 
@@ -104,6 +105,19 @@ void TvdServer::removedPlugIns(const std::vector<platform::RegistryPlugInRecordP
         else
             mainQueue_->async([completion] { completion(ESRCH); });
     }
+}
+
+std::vector<bool> TvdServer::holdsOnPlugIns(const std::vector<std::shared_ptr<TvdPlugIn>>& plugIns)
+{
+    std::vector<bool> held(plugIns.size(), false);
+    syncQueue_->sync([&] {
+        if (holds_.empty())
+            return;
+        for (std::size_t i = 0; i < plugIns.size(); ++i)
+            held[i] = std::any_of(holds_.begin(), holds_.end(),
+                                  [&](const auto& hold) { return hold->blocks(*plugIns[i]); });
+    });
+    return held;
 }
 
 bool TvdServer::holdOnPlugIn(const TvdPlugIn& plugIn)

@@ -81,6 +81,9 @@ public:
 
     // True when some hold in the table blocks `plugIn`.
     bool holdOnPlugIn(const TvdPlugIn& plugIn);
+    // For each of `plugIns`, whether some hold blocks it: the table read in
+    // one visit of "serverSync" rather than one per plug-in.
+    std::vector<bool> holdsOnPlugIns(const std::vector<std::shared_ptr<TvdPlugIn>>& plugIns);
     // Appends `hold` to the table, then (off the queue) posts the
     // annotation-change notification.
     void addHold(std::shared_ptr<TvdPlugInHold> hold);
