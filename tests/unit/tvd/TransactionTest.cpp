@@ -60,7 +60,7 @@ TEST(TransactionTest, TypesAreMatchedExactlyAndUnlandedOnesAreRefused)
     test::LogCapture log;
     ServerHarness h;
     auto c = h.connect(42);
-    for (const char* type : {static_cast<const char*>(nullptr), "Add", "bulk-annotatex", "annotate"})
+    for (const char* type : {static_cast<const char*>(nullptr), "Add", "bulk-annotatex", "access"})
         h.send(*c, request(type));
     h.send(*c, request("bulk").with("flags", Value(std::uint64_t{0x10})));
     // A one-way request is served without a reply.
