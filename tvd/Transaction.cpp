@@ -329,9 +329,8 @@ void Transaction::removePlugIns()
         if (!client_->hasEntitlement(kManagerEntitlement)) {
             // Refusals of privileged requests go to the console log, where
             // an administrator looks for them.
-            TvLog::defaultLog().notice(
-                "refused request from pid=%d to remove plug-in at %{public}@ - client lacks required entitlement",
-                client_->pid(), path);
+            TvLog::console("refused request from pid=%d to remove plug-in at %@ - client lacks required entitlement",
+                           client_->pid(), path);
             failMessage(11, "caller lacks entitlement for this operation");
             return false;
         }
