@@ -12,6 +12,7 @@
 #include "platform/security/LinuxCodeSigningService.h"
 #include "platform/sdk/LinuxExtensionSdkRegistry.h"
 #include "platform/process/LinuxProcessInfo.h"
+#include "platform/processstate/LinuxProcessStateService.h"
 #include "platform/lifecycle/LinuxServiceLifecycle.h"
 #include "platform/ipc/LinuxVynService.h"
 #include "platform/activation/LinuxActivationRuleEvaluator.h"
@@ -40,6 +41,7 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
 
     TvBundle::setBundleService(bundles);
     TvdPlugIn::setSystemVolumeRoot(config.systemVolumeRoot);
+    TvdPlugIn::setProcessStateService(std::make_shared<platform::LinuxProcessStateService>(bundles));
     TvPlugInCore::setSdkRegistry(sdks);
     auto types = std::make_shared<platform::LinuxTypeIdentifierService>(config.typesDir);
     // Elections come from the process-wide server's annotation store; match
