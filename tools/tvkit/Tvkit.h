@@ -6,6 +6,9 @@
 // 69 the daemon cannot be reached.
 #pragma once
 
+#include "Tarvik/TvDaemonClient.h"
+
+#include <functional>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -24,9 +27,18 @@ public:
     int run(const std::vector<std::string>& args);
 
 private:
+    // Builds and sends one request on `client`, handing it the completion.
+    using Send = std::function<void(TvDaemonClient& client, TvDaemonClient::Reply reply)>;
+
     int usage(const std::string& problem);
     int help(const std::vector<std::string>& args);
     int raw(const std::vector<std::string>& args);
+    int registration(const std::string& command, const std::vector<std::string>& args);
+    int election(const std::string& command, const std::vector<std::string>& args);
+    // Sends one request to the daemon and reports its answer: the reply as
+    // typed JSON on standard output when `printReply`, else an error reply as
+    // a line on standard error. Returns the exit status.
+    int exchange(const Send& send, bool printReply);
 
     std::istream& in_;
     std::ostream& out_;
