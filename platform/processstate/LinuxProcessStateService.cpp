@@ -81,26 +81,35 @@ Result<std::vector<Value>> LinuxProcessStateService::busyExtensionInstances(
         return bundleAt.emplace(dir, std::move(identifier)).first->second;
     };
 
+    // The identifier asked about of the first bundle at or above `dir`; the
+    // root is never a bundle.
+    auto askedBundleFrom = [&](std::string dir) -> std::optional<std::string> {
+        for (std::size_t depth = 0; depth < kMaxDepth && dir.size() > 1; ++depth) {
+            const auto& identifier = identifierOf(dir);
+            if (identifier && bundleIdentifiers.contains(*identifier))
+                return identifier;
+            dir.resize(std::max<std::size_t>(dir.rfind('/'), 1));
+        }
+        return std::nullopt;
+    };
+    // Executable directory to the answer of askedBundleFrom(): the processes
+    // of one program cost one walk.
+    std::map<std::string, std::optional<std::string>, std::less<>> askedBundleAbove;
+
     for (pid_t pid : listPids(proc.get())) {
         auto executable = readLink(procRoot_ + "/" + std::to_string(pid) + "/exe");
         if (!executable || executable->empty() || (*executable)[0] != '/')
             continue;
         if (executable->ends_with(kDeletedSuffix))
             executable->resize(executable->size() - kDeletedSuffix.size());
-        std::string dir = *executable;
-        for (std::size_t depth = 0; depth < kMaxDepth; ++depth) {
-            auto slash = dir.rfind('/');
-            if (slash == 0 || slash == std::string::npos)
-                break; // the root is never a bundle
-            dir.resize(slash);
-            const auto& identifier = identifierOf(dir);
-            if (identifier && bundleIdentifiers.contains(*identifier)) {
-                instances.push_back(Value{{kInstanceBundleIdentifierKey, *identifier},
-                                          {kInstanceProcessIdentifierKey, Value(std::int64_t{pid})},
-                                          {kInstanceExecutableKey, *executable}});
-                break;
-            }
-        }
+        std::string directory = executable->substr(0, executable->rfind('/'));
+        auto known = askedBundleAbove.find(directory);
+        if (known == askedBundleAbove.end())
+            known = askedBundleAbove.emplace(directory, askedBundleFrom(directory)).first;
+        if (known->second)
+            instances.push_back(Value{{kInstanceBundleIdentifierKey, *known->second},
+                                      {kInstanceProcessIdentifierKey, Value(std::int64_t{pid})},
+                                      {kInstanceExecutableKey, *executable}});
     }
     return instances;
 }
