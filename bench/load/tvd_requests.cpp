@@ -144,7 +144,8 @@ pid_t startTvd(const std::string& tvd, const std::string& dir, const std::string
     gRuntime = runtime;
     std::filesystem::create_directories(dir + "/vyn");
     std::filesystem::create_directories(dir + "/apps");
-    std::ofstream(conf) << "socket_dir = " << dir << "/vyn\nruntime_dir = " << runtime << "\nregistry_database = " << dir
+    std::ofstream(conf) << "socket_dir = " << dir << "/vyn\nruntime_dir = " << runtime
+                        << "\nregistry_database = " << dir
                         << "/registry.sqlite\ncontainers_root = " << dir << "/containers\napplication_roots = " << dir
                         << "/apps\npreferences_dir = " << dir << "/preferences\nprivacy_grants = " << dir
                         << "/grants.vlist\n";

@@ -22,7 +22,6 @@ namespace {
 
 using platform::Message;
 using platform::VynEvent;
-using test::TestDaemon;
 
 class AnnotateTest : public ::testing::Test {
 protected:
@@ -34,11 +33,9 @@ protected:
         connect();
         test::makeApplicationWithPlugIn(apps_.path(), "com.example.a");
         test::makeApplicationWithPlugIn(apps_.path(), "com.example.b");
-        auto a = test::installedUuid(daemon_, "com.example.a");
-        auto b = test::installedUuid(daemon_, "com.example.b");
-        ASSERT_TRUE(a && b) << daemon_.log();
-        a_ = *a;
-        b_ = *b;
+        a_ = test::installedUuid(daemon_, "com.example.a").value_or(Uuid());
+        b_ = test::installedUuid(daemon_, "com.example.b").value_or(Uuid());
+        ASSERT_FALSE(a_.isNil() || b_.isNil()) << daemon_.log();
     }
 
     void connect()
@@ -63,9 +60,9 @@ protected:
         auto error = TvDaemonClient::errorInReply(answer);
         return error ? Answer{error->code, error->description.value_or("")} : Answer{0, ""};
     }
-    Answer annotate(const Value& annotations, const std::vector<Uuid>& uuids)
+    Answer annotate(const Value& change, const std::vector<Uuid>& uuids)
     {
-        return ask([&](auto reply) { client_->setPluginAnnotationsAnnotationsReply(uuids, annotations, reply); });
+        return ask([&](auto reply) { client_->setPluginAnnotationsAnnotationsReply(uuids, change, reply); });
     }
     Answer bulk(const Value& annotations)
     {
@@ -87,7 +84,7 @@ protected:
 
     test::TempDir dir_, apps_;
     std::string file_ = dir_.file("Annotations");
-    TestDaemon daemon_;
+    test::TestDaemon daemon_;
     std::shared_ptr<platform::LinuxVynService> vyn_;
     std::unique_ptr<TvDaemonClient> client_;
     Uuid a_, b_;
@@ -95,36 +92,34 @@ protected:
 
 TEST_F(AnnotateTest, RefusalsCarryTheirCodeAndTextAndChangeNothing)
 {
-    const Value unknown(*Uuid::parse("FFFFFFFF-0000-4000-8000-000000000000"));
-    const Value ok{{"election", 1}};
+    const Value none, a(Array{Value(a_)}), ok{{"election", 1}}, empty(Dictionary{});
+    const std::string badDictionary = "invalid request format (bad annotations dictionary)",
+                      badElection = "invalid request format (annotation election)",
+                      badUuid = "invalid request (bad uuid array)", unknown = "FFFFFFFF-0000-4000-8000-000000000000";
     struct Case {
         const char* type;
-        Value annotations;
-        Value uuids; // set as it stands (absent when null)
-        std::int64_t code;
-        const char* text;
+        Value annotations, uuids; // each left out of the request when null
+        Answer answer;
     };
-    const std::vector<Case> cases{
-        {"annotate", Value(), Value(Array{Value(a_)}), 4, "invalid request format (bad annotations dictionary)"},
-        {"annotate", Value("election"), Value(Array{Value(a_)}), 4, "invalid request format (bad annotations dictionary)"},
-        {"annotate", Value{{"election", "1"}}, Value(Array{Value(a_)}), 4, "invalid request format (annotation election)"},
-        {"annotate", Value{{"election", true}}, Value(Array{Value(a_)}), 4, "invalid request format (annotation election)"},
-        {"annotate", Value{{"election", 1}, {"extension", Value(Array{})}}, Value(Array{Value(a_)}), 4,
-         "invalid request format (annotation extension)"},
-        {"annotate", ok, Value(), 4, "invalid request format (uuid)"},
-        {"annotate", ok, Value(a_), 4, "invalid request format (uuid)"},
-        {"annotate", ok, Value(Array{Value(a_.string())}), 4, "invalid request (bad uuid array)"},
-        {"annotate", ok, Value(Array{Value::data(Bytes(a_.bytes().begin(), a_.bytes().end()))}), 4,
-         "invalid request (bad uuid array)"},
-        {"annotate", ok, Value(Array{Value(1)}), 4, "invalid request (bad uuid array)"},
-        {"annotate", ok, Value(Array{unknown, Value(a_)}), 4, "no such plugin (uuid not found)"},
-        {"bulk-annotate", Value(), Value(), 4, "invalid request format (bad annotations dictionary)"},
-        {"bulk-annotate", Value(Array{}), Value(), 4, "invalid request format (bad annotations dictionary)"},
-        {"bulk-annotate", Value{{a_.string(), "x"}}, Value(), 18, "annotations values must be dictionaries"},
-        {"bulk-annotate", Value{{"not-a-uuid", Value(Dictionary{})}}, Value(), 18, "invalid plug-in UUID value"},
-        {"bulk-annotate", Value{{a_.string() + " ", Value(Dictionary{})}}, Value(), 18, "invalid plug-in UUID value"},
-        {"bulk-annotate", Value{{unknown.asUuid()->string(), Value(Dictionary{})}}, Value(), 2,
-         "no plug-in with the requested uuid"},
+    const Case cases[] = {
+        {"annotate", none, a, {4, badDictionary}},
+        {"annotate", Value("election"), a, {4, badDictionary}},
+        {"annotate", Value{{"election", "1"}}, a, {4, badElection}},
+        {"annotate", Value{{"election", true}}, a, {4, badElection}},
+        {"annotate", Value{{"election", 1}, {"extension", Value(Array{})}}, a,
+         {4, "invalid request format (annotation extension)"}},
+        {"annotate", ok, none, {4, "invalid request format (uuid)"}},
+        {"annotate", ok, Value(a_), {4, "invalid request format (uuid)"}},
+        {"annotate", ok, Value(Array{Value(a_.string())}), {4, badUuid}},
+        {"annotate", ok, Value(Array{Value::data(Bytes(a_.bytes().begin(), a_.bytes().end()))}), {4, badUuid}},
+        {"annotate", ok, Value(Array{Value(1)}), {4, badUuid}},
+        {"annotate", ok, Value(Array{Value(*Uuid::parse(unknown)), Value(a_)}), {4, "no such plugin (uuid not found)"}},
+        {"bulk-annotate", none, none, {4, badDictionary}},
+        {"bulk-annotate", Value(Array{}), none, {4, badDictionary}},
+        {"bulk-annotate", Value{{a_.string(), "x"}}, none, {18, "annotations values must be dictionaries"}},
+        {"bulk-annotate", Value{{"not-a-uuid", empty}}, none, {18, "invalid plug-in UUID value"}},
+        {"bulk-annotate", Value{{a_.string() + " ", empty}}, none, {18, "invalid plug-in UUID value"}},
+        {"bulk-annotate", Value{{unknown, empty}}, none, {2, "no plug-in with the requested uuid"}},
     };
     std::uint64_t before = notifications();
     for (const auto& c : cases) {
@@ -132,7 +127,7 @@ TEST_F(AnnotateTest, RefusalsCarryTheirCodeAndTextAndChangeNothing)
         Message m = client_->request(c.type);
         m.set("annotations", c.annotations);
         m.set("uuids", c.uuids);
-        EXPECT_EQ(ask([&](auto reply) { client_->sendReply(m, reply); }), (Answer{c.code, c.text}));
+        EXPECT_EQ(ask([&](auto reply) { client_->sendReply(m, reply); }), c.answer);
     }
     EXPECT_EQ(notifications(), before);
     EXPECT_TRUE(stored("com.example.a").isNull());

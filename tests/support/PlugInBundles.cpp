@@ -7,26 +7,30 @@
 
 namespace tv::test {
 
-void makePlugInBundle(const std::string& dir, const std::string& identifier, const std::string& executable)
+static void writeInfo(const std::string& dir, const Value& info)
 {
     std::filesystem::create_directories(dir);
+    if (platform::writeVlistFileAtomically(dir + "/Info.vlist", info))
+        throw std::runtime_error("cannot write " + dir + "/Info.vlist");
+}
+
+void makePlugInBundle(const std::string& dir, const std::string& identifier, const std::string& executable)
+{
     Value info{{"KbBundleIdentifier", identifier},
                {"KbBundleVersion", "1"},
                {"KoExtension", Value{{"KoExtensionPointIdentifier", "com.veltra.share-services"}}}};
     if (!executable.empty()) {
-        info = info.with("KbBundleExecutable", Value("plugin"));
+        std::filesystem::create_directories(dir);
         std::filesystem::copy_file(executable, dir + "/plugin", std::filesystem::copy_options::overwrite_existing);
+        info = info.with("KbBundleExecutable", Value("plugin"));
     }
-    if (platform::writeVlistFileAtomically(dir + "/Info.vlist", info))
-        throw std::runtime_error("cannot write " + dir + "/Info.vlist");
+    writeInfo(dir, info);
 }
 
 std::string makeApplicationWithPlugIn(const std::string& appsRoot, const std::string& identifier)
 {
     std::string app = appsRoot + "/" + identifier + ".app";
-    std::filesystem::create_directories(app);
-    if (platform::writeVlistFileAtomically(app + "/Info.vlist", Value{{"KbBundleIdentifier", identifier + ".app"}}))
-        throw std::runtime_error("cannot write " + app + "/Info.vlist");
+    writeInfo(app, Value{{"KbBundleIdentifier", identifier + ".app"}});
     makePlugInBundle(app + "/PlugIns/P.vext", identifier);
     return std::filesystem::canonical(app + "/PlugIns/P.vext").string();
 }
@@ -37,8 +41,7 @@ std::optional<Uuid> installedUuid(const TestDaemon& daemon, const std::string& i
     if (!daemon.waitForLog(line))
         return std::nullopt;
     std::string log = daemon.log();
-    auto close = log.find(") ", log.find(line));
-    return close == std::string::npos ? std::nullopt : Uuid::parse(log.substr(close + 2, 36));
+    return Uuid::parse(log.substr(log.find(") ", log.find(line)) + 2, 36));
 }
 
 } // namespace tv::test

@@ -10,18 +10,14 @@
 
 namespace tv::test {
 
-// Writes a plug-in bundle at `dir` (created) for the share-services extension
-// point with bundle identifier `identifier`. With `executable` (a file to
-// copy), the bundle gets it as its executable "plugin".
+// A share-services plug-in bundle at `dir` for `identifier`; with
+// `executable`, a copy of that file is its executable "plugin".
 void makePlugInBundle(const std::string& dir, const std::string& identifier, const std::string& executable = "");
-
-// Writes the application "<appsRoot>/<identifier>.app" holding one plug-in of
-// `identifier` ("PlugIns/P.vext"); returns the plug-in's path. A daemon whose
-// application roots hold `appsRoot` registers it when it appears.
+// The application "<appsRoot>/<identifier>.app" holding the plug-in
+// `identifier` at "PlugIns/P.vext"; returns the plug-in's canonical path.
 std::string makeApplicationWithPlugIn(const std::string& appsRoot, const std::string& identifier);
-
-// The UUID of the plug-in `identifier` as `daemon` logged its install
-// ("plug-in INSTALLED:..."); waits for the line. None when it never came.
+// The UUID in `daemon`'s "plug-in INSTALLED:" line for `identifier`, once
+// logged; none when it never came.
 std::optional<Uuid> installedUuid(const TestDaemon& daemon, const std::string& identifier);
 
 } // namespace tv::test
