@@ -57,6 +57,17 @@ public:
     template <class... Args>
     void debug(std::string_view format, const Args&... args) const { log(LogLevel::Debug, format, args...); }
 
+    // The plain console logging call: a line for the default object at the
+    // default level, formatted without redaction, as a console shows every
+    // value whatever its privacy marking.
+    template <class... Args>
+    static void console(std::string_view format, const Args&... args)
+    {
+        platform::SystemLog& sink = platform::systemLog();
+        if (sink.enabled(LogLevel::Default))
+            defaultLog().emit(sink, LogLevel::Default, formatString(format, args...));
+    }
+
     // Sends exceptions that escape serial-queue tasks to the "ops" category at
     // error level. Called once by programs at start.
     static void logUncaughtQueueExceptions();

@@ -38,8 +38,8 @@ const std::array<Route, 9> kRoutes{{
     {"match", &Transaction::matchPlugIns},
     {"ready", nullptr},
     {"access", nullptr},
-    {"annotate", nullptr},
-    {"bulk-annotate", nullptr},
+    {"annotate", &Transaction::annotatePlugIns},
+    {"bulk-annotate", &Transaction::bulkAnnotatePlugIns},
     {"lock", nullptr},
 }};
 
@@ -59,7 +59,7 @@ std::string versionText(const Value& version)
 std::string uuidText(const TvdPlugIn& plugIn)
 {
     auto uuid = plugIn.uuid();
-    return uuid ? uuid->string() : std::string();
+    return uuid ? uuid->string() : "(null)";
 }
 
 // p (not yet in the results) is preferred over the result form r when it is
@@ -74,9 +74,12 @@ bool preferredOver(const TvdPlugIn& p, const Value& r)
 
 } // namespace
 
-// A walk over "paths" that may span several slices.
-struct Transaction::PathWalk {
-    PathStep step;
+// A walk over the elements of a request's array or dictionary that may span
+// several slices. The request is never changed while it is served, so what
+// `element` refers to stays valid between slices.
+struct Transaction::Walk {
+    std::size_t count = 0;
+    WalkElement element;
     std::function<void()> walked;
     std::size_t next = 0;
 };
@@ -229,11 +232,18 @@ void Transaction::failError(std::uint64_t code, const TvError& error)
 
 bool Transaction::marshalPaths(PathStep step, std::function<void()> walked)
 {
-    if (!request_.arrayForKey("paths")) {
+    const Array* paths = request_.arrayForKey("paths");
+    if (!paths) {
         failMessage(4, "invalid request format");
         return false;
     }
-    walk_ = std::make_unique<PathWalk>(PathWalk{std::move(step), std::move(walked), 0});
+    auto element = [this, paths, step = std::move(step)] { return walkPath((*paths)[walk_->next], step); };
+    return walk(paths->size(), std::move(element), std::move(walked));
+}
+
+bool Transaction::walk(std::size_t count, WalkElement element, std::function<void()> walked)
+{
+    walk_ = std::make_unique<Walk>(Walk{count, std::move(element), std::move(walked), 0});
     if (sliceEnd_ == std::chrono::steady_clock::time_point{})
         startSlice(); // walked outside dispatch()
     return continueWalk();
@@ -241,35 +251,18 @@ bool Transaction::marshalPaths(PathStep step, std::function<void()> walked)
 
 bool Transaction::continueWalk()
 {
-    const Array& paths = *request_.arrayForKey("paths");
     // At least one element per slice, so that a walk always advances.
-    for (std::size_t inSlice = 0; walk_->next < paths.size(); ++inSlice) {
+    for (std::size_t inSlice = 0; walk_->next < walk_->count; ++inSlice) {
         if (inSlice > 0 && std::chrono::steady_clock::now() >= sliceEnd_)
             return true; // yield: the rest runs on the client's next turn
-        const std::string* path = paths[walk_->next++].asString();
-        if (!path) {
-            walk_.reset();
-            failMessage(4, "invalid request format");
-            return false;
-        }
-        if (path->empty() || (*path)[0] != '/') {
-            walk_.reset();
-            failMessage(9, formatString("absolute path required: %s", *path));
-            return false;
-        }
-        // The file system would read such a path only up to its NUL: a
-        // different file from the one named.
-        if (path->find('\0') != std::string::npos) {
-            failMessage(9, formatString("invalid path: %@", *path));
-            return false;
-        }
-        std::error_code ec;
-        auto canonical = std::filesystem::canonical(*path, ec);
-        bool goOn = ec ? walk_->step(*path, false) : walk_->step(canonical.string(), true);
+        bool goOn = walk_->element();
         if (!goOn) {
+            // Whatever ended the request ends the walk: nothing after the
+            // failing element is handled, on this turn or a later one.
             walk_.reset();
             return false;
         }
+        ++walk_->next;
     }
     auto walk = std::move(walk_);
     if (walk->walked)
@@ -277,9 +270,49 @@ bool Transaction::continueWalk()
     return true;
 }
 
+bool Transaction::walkPath(const Value& element, const PathStep& step)
+{
+    const std::string* path = element.asString();
+    if (!path) {
+        failMessage(4, "invalid request format");
+        return false;
+    }
+    if (path->empty() || (*path)[0] != '/') {
+        failMessage(9, formatString("absolute path required: %s", *path));
+        return false;
+    }
+    // The file system would read such a path only up to its NUL: a
+    // different file from the one named.
+    if (path->find('\0') != std::string::npos) {
+        failMessage(9, formatString("invalid path: %@", *path));
+        return false;
+    }
+    std::error_code ec;
+    auto canonical = std::filesystem::canonical(*path, ec);
+    return ec ? step(*path, false) : step(canonical.string(), true);
+}
+
 bool Transaction::processPaths(PathStep step)
 {
     return marshalPaths(std::move(step), [this] { done(); });
+}
+
+bool Transaction::walkUuid(const Value& element, const UuidStep& step)
+{
+    const Uuid* uuid = element.asUuid();
+    if (!uuid) {
+        failMessage(4, "invalid request (bad uuid array)");
+        return false;
+    }
+    // A UUID value always carries its 16 bytes (the decoder refuses any
+    // other length), so making a UUID of it cannot fail here; the refusal
+    // "invalid request (uuid allocation failure)" is never needed.
+    auto plugIn = server()->findPlugIn(*uuid);
+    if (!plugIn) {
+        failMessage(4, "no such plugin (uuid not found)");
+        return false;
+    }
+    return step(plugIn);
 }
 
 bool Transaction::processUuidList(const UuidStep& step)
@@ -289,25 +322,21 @@ bool Transaction::processUuidList(const UuidStep& step)
         failMessage(4, "invalid request format (uuid)");
         return false;
     }
-    auto db = server();
-    for (const Value& element : *uuids) {
-        const Uuid* uuid = element.asUuid();
-        if (!uuid) {
-            failMessage(4, "invalid request (bad uuid array)");
+    for (const Value& element : *uuids)
+        if (!walkUuid(element, step))
             return false;
-        }
-        // A UUID value always carries its 16 bytes (the decoder refuses any
-        // other length), so making a UUID of it cannot fail here; the refusal
-        // "invalid request (uuid allocation failure)" is never needed.
-        auto plugIn = db->findPlugIn(*uuid);
-        if (!plugIn) {
-            failMessage(4, "no such plugin (uuid not found)");
-            return false;
-        }
-        if (!step(plugIn))
-            return false;
-    }
     return true;
+}
+
+bool Transaction::marshalUuids(UuidStep step, std::function<void()> walked)
+{
+    const Array* uuids = request_.arrayForKey("uuids");
+    if (!uuids) {
+        failMessage(4, "invalid request format (uuid)");
+        return false;
+    }
+    auto element = [this, uuids, step = std::move(step)] { return walkUuid((*uuids)[walk_->next], step); };
+    return walk(uuids->size(), std::move(element), std::move(walked));
 }
 
 void Transaction::addPlugIns()
@@ -336,9 +365,8 @@ void Transaction::removePlugIns()
         if (!client_->hasEntitlement(kManagerEntitlement)) {
             // Refusals of privileged requests go to the console log, where
             // an administrator looks for them.
-            TvLog::defaultLog().notice(
-                "refused request from pid=%d to remove plug-in at %{public}@ - client lacks required entitlement",
-                client_->pid(), path);
+            TvLog::console("refused request from pid=%d to remove plug-in at %@ - client lacks required entitlement",
+                           client_->pid(), path);
             failMessage(11, "caller lacks entitlement for this operation");
             return false;
         }
@@ -511,6 +539,102 @@ void Transaction::matchPlugIns()
         reply_.set("matches", std::move(converted));
     TvLog::ops().debug("reply marshalled");
     done();
+}
+
+namespace {
+
+// The plug-in's identifier as the annotation log lines show it.
+std::string identifierText(const TvdPlugIn& plugIn)
+{
+    return plugIn.identifier().value_or("(null)");
+}
+
+} // namespace
+
+void Transaction::annotatePlugIns()
+{
+    const Value& annotations = request_.get("annotations");
+    if (!annotations.isDictionary()) {
+        failMessage(4, "invalid request format (bad annotations dictionary)");
+        return;
+    }
+    // The change holds only "election" and "extension"; both are checked
+    // before anything is stored, so a malformed change stores nothing.
+    Value change = Value::emptyDictionary();
+    if (const Value& election = annotations["election"]; !election.isNull()) {
+        if (!election.isNumber()) {
+            failMessage(4, "invalid request format (annotation election)");
+            return;
+        }
+        change = change.with("election", election);
+    }
+    if (const Value& extension = annotations["extension"]; !extension.isNull()) {
+        if (!extension.isDictionary()) {
+            failMessage(4, "invalid request format (annotation extension)");
+            return;
+        }
+        change = change.with("extension", extension);
+    }
+    if (change.asDictionary()->empty()) {
+        done(); // nothing to store, nothing to broadcast; "uuids" is not read
+        return;
+    }
+    auto db = server();
+    auto step = [this, db, change](const std::shared_ptr<TvdPlugIn>& plugIn) {
+        TvLog::ops().debug("client %d plug-in %@(%{public}@) annotation change: %@", client_->pid(),
+                           identifierText(*plugIn), uuidText(*plugIn), change);
+        if (const Value& election = change["election"]; !election.isNull())
+            TvLog::ops().info("client %d plug-in %@(%{public}@) election := %@", client_->pid(),
+                              identifierText(*plugIn), uuidText(*plugIn), election);
+        db->setAnnotationForPlugIn(change, *plugIn);
+        return true;
+    };
+    // One notification for the whole request, and only when every plug-in
+    // was changed.
+    marshalUuids(step, [this, db] {
+        db->notifyAnnotationChange();
+        done();
+    });
+}
+
+void Transaction::bulkAnnotatePlugIns()
+{
+    const Dictionary* annotations = request_.dictionaryForKey("annotations");
+    if (!annotations) {
+        failMessage(4, "invalid request format (bad annotations dictionary)");
+        return;
+    }
+    TvLog::ops().debug("bulk change requested for %u plug-ins", annotations->size());
+    auto db = server();
+    // Entries are handled in the dictionary's order, one per walk element;
+    // the walk visits indices in order, so one iterator follows it.
+    auto element = [this, db, entry = annotations->begin()]() mutable {
+        const auto& [key, value] = *entry++;
+        if (!value.isDictionary()) {
+            failMessage(18, "annotations values must be dictionaries");
+            return false;
+        }
+        auto uuid = Uuid::parse(key);
+        if (!uuid) {
+            failMessage(18, "invalid plug-in UUID value");
+            return false;
+        }
+        auto plugIn = db->findPlugIn(*uuid);
+        if (!plugIn) {
+            failMessage(2, "no plug-in with the requested uuid");
+            return false;
+        }
+        TvLog::ops().debug("client %d bulk plug-in %@(%{public}@) annotation change: %@", client_->pid(),
+                           identifierText(*plugIn), uuidText(*plugIn), value);
+        // "extension" is replaced whole; "election" is left as it is.
+        db->setAnnotationForPlugIn(Value::emptyDictionary().with("extension", value), *plugIn);
+        return true;
+    };
+    // An empty dictionary walks nothing and still broadcasts.
+    walk(annotations->size(), std::move(element), [this, db] {
+        db->notifyAnnotationChange();
+        done();
+    });
 }
 
 } // namespace tv

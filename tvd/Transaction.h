@@ -14,9 +14,10 @@
 //    receive it); only the version refusal can get there, since it comes
 //    before the check for a dead client.
 //
-// Long requests yield: a walk over "paths" stops between elements once the
-// request has run for the server's request time slice, and resume() goes on
-// with it on the client's next turn (docs/requests.md, "Fairness"), so that
+// Long requests yield: a walk over "paths", "uuids" or the entries of a
+// "bulk-annotate" dictionary stops between elements once the request has run
+// for the server's request time slice, and resume() goes on with it on the
+// client's next turn (docs/requests.md, "Fairness"), so that
 // other clients' requests run in between. The request still ends with
 // exactly one reply.
 //
@@ -89,6 +90,10 @@ public:
     // 4: not an array, an element that is not a UUID, a UUID the registry
     // does not know). Sends no reply on success: the handler does.
     bool processUuidList(const UuidStep& step);
+    // processUuidList() that yields between elements like marshalPaths(),
+    // calling `walked` once every element was walked. Returns false when the
+    // walk has already ended the request with a failure, else true.
+    bool marshalUuids(UuidStep step, std::function<void()> walked);
 
     // Handlers, one per request type.
     void addPlugIns();
@@ -97,6 +102,8 @@ public:
     // "match": the forms of the plug-ins that answer the host's query
     // (docs/match.md).
     void matchPlugIns();
+    void annotatePlugIns();
+    void bulkAnnotatePlugIns();
 
     const std::shared_ptr<TvdVynClient>& client() const { return client_; }
     const platform::Message& request() const { return request_; }
@@ -107,14 +114,21 @@ public:
     std::shared_ptr<platform::VynConnection> connection() const;
 
 private:
-    struct PathWalk;
+    // Handles one element of a walk; false when it ended the request.
+    using WalkElement = std::function<bool()>;
+    struct Walk;
 
     void route(const std::string& type);
     // Runs `serve` with broken invariants ending this request only.
     void guarded(const char* type, const std::function<void()>& serve);
     void startSlice();
+    // Starts a walk of `count` elements, handled in order by `element`;
+    // `walked` runs once all were. False when the walk ended the request.
+    bool walk(std::size_t count, WalkElement element, std::function<void()> walked);
     // Walks on from walk_; false when a step or check ended the request.
     bool continueWalk();
+    bool walkPath(const Value& element, const PathStep& step);
+    bool walkUuid(const Value& element, const UuidStep& step);
 
     std::shared_ptr<TvdVynClient> client_;
     platform::Message request_;
@@ -122,7 +136,7 @@ private:
     bool replyRoutable_ = false;
     bool replied_ = false;
     std::uint64_t version_ = 0;
-    std::unique_ptr<PathWalk> walk_;
+    std::unique_ptr<Walk> walk_;
     std::chrono::steady_clock::time_point sliceEnd_;
 };
 

@@ -72,8 +72,10 @@ void TvdAnnotationStore::start()
     // is the file's only writer.
     platform::removeStaleTemporaryFiles(path_);
     TvError error;
-    if (loadDb(Value(path_), &error))
+    if (loadDb(Value(path_), &error)) {
+        fileCurrent_ = true;
         return;
+    }
     bool missing = error.domain == platform::kPosixErrorDomain && error.code == ENOENT;
     if (!missing)
         TvLog::ops().error("unable to load annotation database:%{public}@ error:%{public}@ (resetting)",
@@ -98,6 +100,8 @@ Value TvdAnnotationStore::annotationForIdentifier(const std::string& key) const
 void TvdAnnotationStore::setAnnotationForIdentifier(const Value& annotation, const std::string& key)
 {
     if (annotation.isNull()) {
+        if (!table_.contains(key) && fileCurrent_)
+            return; // nothing to remove
         table_.erase(key);
         written_.erase(key);
     } else {
@@ -112,6 +116,10 @@ void TvdAnnotationStore::setAnnotationForIdentifier(const Value& annotation, con
             merged = Value::emptyDictionary();
         for (const auto& [name, value] : *annotation.asDictionary())
             merged = merged.with(name, value);
+        // A change that changes nothing is not saved again: a request that
+        // names one plug-in many times costs one save, not one per mention.
+        if (auto it = table_.find(key); it != table_.end() && it->second == merged && fileCurrent_)
+            return;
         // An entry that cannot be written (text that is not UTF-8, nesting
         // too deep) is refused here: kept in memory it would make every
         // later save fail, and nothing more would be persisted.
@@ -166,6 +174,7 @@ bool TvdAnnotationStore::loadDb(const Value& url, TvError* error)
     }
     const Value& data = (*root)["data"];
     replaceTable(data.isDictionary() ? *data.asDictionary() : Dictionary());
+    fileCurrent_ = false; // the caller knows whether `url` is the store's own file
     return true;
 }
 
@@ -177,6 +186,7 @@ bool TvdAnnotationStore::saveDb(TvError* error)
     // A file the loader would refuse is never written: the previous one
     // stays, and the change stays in memory only.
     if (size > platform::VlistLimits().maxBytes) {
+        fileCurrent_ = false;
         if (error)
             *error = platform::posixError(EFBIG, "the annotation table is too large to save");
         return false;
@@ -200,10 +210,12 @@ bool TvdAnnotationStore::saveDb(TvError* error)
     // so that per-user daemons can migrate from it.
     unsigned mode = isMultiUser(services_) ? 0600 : 0644;
     if (auto err = platform::writeFileAtomically(path_, document, mode)) {
+        fileCurrent_ = false;
         if (error)
             *error = *err;
         return false;
     }
+    fileCurrent_ = true;
     return true;
 }
 

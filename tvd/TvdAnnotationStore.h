@@ -75,6 +75,8 @@ public:
     // replace existing ones whole; keys not given keep their values); a null
     // annotation removes the whole entry. Then saves; a failed save is logged
     // ("unable to save annotations:...") and the change stays in memory.
+    // A change that leaves the entry as it was is not saved again, unless the
+    // file is known to differ from the table (a failed save or load).
     // A non-null annotation that is not a dictionary is refused with a log line.
     void setAnnotationForIdentifier(const Value& annotation, const std::string& key);
 
@@ -126,6 +128,9 @@ private:
     // dictionary, so that a save after one change serialises only that entry.
     std::map<std::string, std::string, std::less<>> written_;
     std::string document_; // the last file written, reused as the next one's buffer
+    // True while the file holds exactly the table: after a load or a save
+    // that succeeded.
+    bool fileCurrent_ = false;
 };
 
 } // namespace tv

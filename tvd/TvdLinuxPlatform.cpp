@@ -13,6 +13,7 @@
 #include "platform/security/LinuxCodeSigningService.h"
 #include "platform/sdk/LinuxExtensionSdkRegistry.h"
 #include "platform/process/LinuxProcessInfo.h"
+#include "platform/processstate/LinuxProcessStateService.h"
 #include "platform/lifecycle/LinuxServiceLifecycle.h"
 #include "platform/ipc/LinuxVynService.h"
 #include "platform/activation/LinuxActivationRuleEvaluator.h"
@@ -44,6 +45,7 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
     TvdPlugIn::setSystemVolumeRoot(config.systemVolumeRoot);
     TvdPlugIn::setPrivacyConsentService(
         std::make_shared<platform::LinuxPrivacyConsentService>(config.privacyGrantsFile));
+    TvdPlugIn::setProcessStateService(std::make_shared<platform::LinuxProcessStateService>(bundles));
     TvPlugInCore::setSdkRegistry(sdks);
     auto types = std::make_shared<platform::LinuxTypeIdentifierService>(config.typesDir);
     // Elections come from the process-wide server's annotation store; match

@@ -5,9 +5,12 @@
 #include "Tarvik/TvLog.h"
 #include "platform/privacy/PrivacyConsentService.h"
 #include "tvd/TvdVynClient.h"
+#include "platform/jobs/JobManager.h"
+#include "platform/processstate/ProcessStateService.h"
 #include "tvd/TvdMatchPattern.h"
 #include "tvd/TvdMatchRules.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -26,6 +29,8 @@ std::shared_ptr<platform::PrivacyConsentService> gPrivacyConsent; // guarded by 
 constexpr const char* kHostRestrictionEntitlement = "com.veltra.developer.tarvik.allowedplugins";
 // The plug-in dictionary names an entitlement that its hosts must hold.
 constexpr const char* kHostEntitlementKey = "KoExtensionHostEntitlement";
+
+std::atomic<std::shared_ptr<platform::ProcessStateService>> gProcessState;
 
 // `root` without trailing "/" (the file-system root stays "/").
 std::string withoutTrailingSlash(std::string root)
@@ -308,6 +313,33 @@ bool TvdPlugIn::matchValuePattern(std::string_view value, std::string_view patte
 bool TvdPlugIn::matchDictionaryPattern(const Value& value, const Value& pattern) const
 {
     return TvdMatchRules::shared()->matchDictionaryPattern(value, pattern);
+}
+
+void TvdPlugIn::setProcessStateService(std::shared_ptr<platform::ProcessStateService> service)
+{
+    gProcessState.store(std::move(service));
+}
+
+Value TvdPlugIn::checkBusy() const
+{
+    const std::string* bundleIdentifier = infoKey("KbBundleIdentifier").asString();
+    auto keepd = gProcessState.load();
+    if (!bundleIdentifier || !keepd)
+        return Value();
+    std::string uuidText = uuid() ? uuid()->string() : std::string();
+    auto instances = keepd->busyExtensionInstances({*bundleIdentifier});
+    if (!instances.ok()) {
+        TvLog::ops().error("unable to learn whether plug-in %@/%{public}@ is busy: %{public}@",
+                           identifier().value_or(""), uuidText, instances.error().localizedDescription());
+        return Value{{platform::kJobExtensionBundleIdentifierKey, *bundleIdentifier}};
+    }
+    for (const Value& instance : *instances) {
+        if (const std::string* busy = instance[platform::ProcessStateService::kInstanceBundleIdentifierKey].asString())
+            return Value{{platform::kJobExtensionBundleIdentifierKey, *busy}};
+        TvLog::ops().error("keepd reported incomplete bundle for plug-in %@/%{public}@", identifier().value_or(""),
+                           uuidText);
+    }
+    return Value();
 }
 
 } // namespace tv

@@ -34,6 +34,7 @@ namespace tv {
 
 namespace platform {
 class PrivacyConsentService;
+class ProcessStateService;
 }
 
 class TvdVynClient;
@@ -120,6 +121,21 @@ public:
     static std::shared_ptr<platform::PrivacyConsentService> privacyConsentService();
 
     const platform::RegistryPlugInRecordPtr& rsproxy() const { return rsproxy_; }
+
+    // Whether an instance of this plug-in is running, asked of the
+    // process-state service for its "KbBundleIdentifier": the busy
+    // description of the first busy instance (a dictionary holding the
+    // instance's bundle identifier under kJobExtensionBundleIdentifierKey),
+    // or null when none is. An instance reported without a bundle identifier
+    // is logged and skipped. A plug-in without a bundle identifier, or with
+    // no service set, is not busy; when the service cannot tell, the plug-in
+    // counts as busy (logged), since a hold must not be placed on a plug-in
+    // that may be in use. Runs on the caller's thread.
+    Value checkBusy() const;
+
+    // The process-state service that checkBusy() asks. Set once at process
+    // start.
+    static void setProcessStateService(std::shared_ptr<platform::ProcessStateService> service);
 
     // The root below which plug-ins outside applications must lie ("/System"
     // unless the platform configures another). Set once at process start.

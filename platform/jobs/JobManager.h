@@ -24,6 +24,10 @@
 
 namespace tv::platform {
 
+// The key under which the job manager's extension properties name the bundle
+// identifier of a plug-in instance.
+inline constexpr const char* kJobExtensionBundleIdentifierKey = "ExtensionBundleIdentifier";
+
 struct ExternalService {
     pid_t hostPid = 0;
     std::string bundleIdentifier;

@@ -6,7 +6,7 @@
 // 69 the daemon cannot be reached.
 #pragma once
 
-#include "platform/ipc/VynEvent.h"
+#include "Tarvik/TvDaemonClient.h"
 
 #include <functional>
 #include <iosfwd>
@@ -14,8 +14,6 @@
 #include <vector>
 
 namespace tv {
-
-class TvDaemonClient;
 
 class Tvkit {
 public:
@@ -29,15 +27,22 @@ public:
     int run(const std::vector<std::string>& args);
 
 private:
+    // Builds and sends one request on `client`, handing it the completion.
+    using Send = std::function<void(TvDaemonClient& client, TvDaemonClient::Reply reply)>;
+
     int usage(const std::string& problem);
     int help(const std::vector<std::string>& args);
     int raw(const std::vector<std::string>& args);
     int match(const std::vector<std::string>& args);
-    // Connects to the daemon, lets `send` issue one request through the
-    // client and waits for its answer. kExitSuccess with `answer` set, or
-    // the exit status of the failure (reported on the error stream).
-    int exchange(const std::function<void(TvDaemonClient&, std::function<void(const platform::VynEvent&)>)>& send,
-                 platform::VynEvent& answer);
+    int registration(const std::string& command, const std::vector<std::string>& args);
+    int election(const std::string& command, const std::vector<std::string>& args);
+    // Sends one request to the daemon and reports its answer: the reply as
+    // typed JSON on standard output when `printReply`, else an error reply as
+    // a line on standard error. Returns the exit status.
+    int exchange(const Send& send, bool printReply);
+    // Sends one request and waits for its answer: kExitSuccess with `answer`
+    // set, or the exit status of a failure to reach the daemon (reported).
+    int request(const Send& send, platform::VynEvent& answer);
 
     std::istream& in_;
     std::ostream& out_;

@@ -1,0 +1,209 @@
+// "annotate" and "bulk-annotate" through the real daemon and the client
+// library: every refusal with its code and text, one annotation-change
+// notification per successful request, partial failures that keep earlier
+// changes, hostile input, and the annotation file across a restart.
+#include "Tarvik/TvDaemonClient.h"
+#include "platform/PlatformConfig.h"
+#include "platform/formats/Vlist.h"
+#include "platform/ipc/LinuxVynService.h"
+#include "platform/notify/LinuxNotificationService.h"
+#include "tests/support/PlugInBundles.h"
+#include "tests/support/TestDaemon.h"
+#include "tvd/TvDatabase.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <future>
+
+namespace tv {
+namespace {
+
+using platform::Message;
+using platform::VynEvent;
+
+class AnnotateTest : public ::testing::Test {
+protected:
+    AnnotateTest() : daemon_({"application_roots = " + apps_.path()}) {}
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(daemon_.start({"-d", file_})) << daemon_.log();
+        connect();
+        test::makeApplicationWithPlugIn(apps_.path(), "com.example.a");
+        test::makeApplicationWithPlugIn(apps_.path(), "com.example.b");
+        a_ = test::installedUuid(daemon_, "com.example.a").value_or(Uuid());
+        b_ = test::installedUuid(daemon_, "com.example.b").value_or(Uuid());
+        ASSERT_FALSE(a_.isNil() || b_.isNil()) << daemon_.log();
+    }
+
+    void connect()
+    {
+        client_.reset();
+        vyn_ = platform::LinuxVynService::create(*platform::PlatformConfig::loadFile(daemon_.configPath()));
+        client_ = std::make_unique<TvDaemonClient>(vyn_, daemon_.socketPath().c_str());
+    }
+
+    // Sends what `send` builds; the answer's error code and text (0 and ""
+    // for success). A connection the transport cut is made again.
+    using Answer = std::pair<std::int64_t, std::string>;
+    Answer ask(const std::function<void(TvDaemonClient::Reply)>& send)
+    {
+        std::promise<VynEvent> answered;
+        auto f = answered.get_future();
+        send([&](const VynEvent& a) { answered.set_value(a); });
+        EXPECT_EQ(f.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+        VynEvent answer = f.get();
+        if (platform::eventError(answer))
+            connect();
+        auto error = TvDaemonClient::errorInReply(answer);
+        return error ? Answer{error->code, error->description.value_or("")} : Answer{0, ""};
+    }
+    Answer annotate(const Value& change, const std::vector<Uuid>& uuids)
+    {
+        return ask([&](auto reply) { client_->setPluginAnnotationsAnnotationsReply(uuids, change, reply); });
+    }
+    Answer bulk(const Value& annotations)
+    {
+        return ask([&](auto reply) { client_->bulkSetPluginAnnotationsReply(annotations, reply); });
+    }
+    std::uint64_t notifications()
+    {
+        return platform::LinuxNotificationService(daemon_.root() + "/run/tvd").state(kAnnotationChangeNotification);
+    }
+    // The annotation stored in the file for `identifier` (null: none).
+    Value stored(const std::string& identifier)
+    {
+        if (!std::filesystem::exists(file_))
+            return Value();
+        auto root = platform::readVlistFile(file_);
+        EXPECT_TRUE(root.ok()) << "the annotation file must always load";
+        return root.ok() ? (*root)["data"][identifier] : Value();
+    }
+
+    test::TempDir dir_, apps_;
+    std::string file_ = dir_.file("Annotations");
+    test::TestDaemon daemon_;
+    std::shared_ptr<platform::LinuxVynService> vyn_;
+    std::unique_ptr<TvDaemonClient> client_;
+    Uuid a_, b_;
+};
+
+TEST_F(AnnotateTest, RefusalsCarryTheirCodeAndTextAndChangeNothing)
+{
+    const Value none, a(Array{Value(a_)}), ok{{"election", 1}}, empty(Dictionary{});
+    const std::string badDictionary = "invalid request format (bad annotations dictionary)",
+                      badElection = "invalid request format (annotation election)",
+                      badUuid = "invalid request (bad uuid array)", unknown = "FFFFFFFF-0000-4000-8000-000000000000";
+    struct Case {
+        const char* type;
+        Value annotations, uuids; // each left out of the request when null
+        Answer answer;
+    };
+    const Case cases[] = {
+        {"annotate", none, a, {4, badDictionary}},
+        {"annotate", Value("election"), a, {4, badDictionary}},
+        {"annotate", Value{{"election", "1"}}, a, {4, badElection}},
+        {"annotate", Value{{"election", true}}, a, {4, badElection}},
+        {"annotate", Value{{"election", 1}, {"extension", Value(Array{})}}, a,
+         {4, "invalid request format (annotation extension)"}},
+        {"annotate", ok, none, {4, "invalid request format (uuid)"}},
+        {"annotate", ok, Value(a_), {4, "invalid request format (uuid)"}},
+        {"annotate", ok, Value(Array{Value(a_.string())}), {4, badUuid}},
+        {"annotate", ok, Value(Array{Value::data(Bytes(a_.bytes().begin(), a_.bytes().end()))}), {4, badUuid}},
+        {"annotate", ok, Value(Array{Value(1)}), {4, badUuid}},
+        {"annotate", ok, Value(Array{Value(*Uuid::parse(unknown)), Value(a_)}), {4, "no such plugin (uuid not found)"}},
+        {"bulk-annotate", none, none, {4, badDictionary}},
+        {"bulk-annotate", Value(Array{}), none, {4, badDictionary}},
+        {"bulk-annotate", Value{{a_.string(), "x"}}, none, {18, "annotations values must be dictionaries"}},
+        {"bulk-annotate", Value{{"not-a-uuid", empty}}, none, {18, "invalid plug-in UUID value"}},
+        {"bulk-annotate", Value{{a_.string() + " ", empty}}, none, {18, "invalid plug-in UUID value"}},
+        {"bulk-annotate", Value{{unknown, empty}}, none, {2, "no plug-in with the requested uuid"}},
+    };
+    std::uint64_t before = notifications();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.type) + " " + c.annotations.description() + " " + c.uuids.description());
+        Message m = client_->request(c.type);
+        m.set("annotations", c.annotations);
+        m.set("uuids", c.uuids);
+        EXPECT_EQ(ask([&](auto reply) { client_->sendReply(m, reply); }), c.answer);
+    }
+    EXPECT_EQ(notifications(), before);
+    EXPECT_TRUE(stored("com.example.a").isNull());
+}
+
+TEST_F(AnnotateTest, OneNotificationPerSuccessfulRequestAndEarlierChangesStay)
+{
+    const Answer ok{0, ""};
+    std::uint64_t n = notifications();
+    EXPECT_EQ(annotate(Value{{"election", 1}}, {a_, b_}), ok); // both plug-ins, one notification
+    // Only keys that are not a change: nothing stored, no notification,
+    // "uuids" not even read.
+    Message noChange = client_->request("annotate");
+    noChange.set("annotations", Value{{"colour", "red"}});
+    EXPECT_EQ(ask([&](auto reply) { client_->sendReply(noChange, reply); }), ok);
+    // "extension" merges beside "election"; bulk replaces "extension" whole
+    // and keeps "election"; an empty bulk request still notifies.
+    EXPECT_EQ(annotate(Value{{"extension", Value{{"k", "v"}}}}, {a_}), ok);
+    EXPECT_EQ(bulk(Value{{a_.string(), Value{{"x", 2}}}}), ok);
+    EXPECT_EQ(bulk(Value(Dictionary{})), ok);
+    EXPECT_EQ(notifications(), n + 4);
+    const Value a{{"election", 1}, {"extension", Value{{"x", 2}}}};
+    EXPECT_EQ(stored("com.example.a"), a);
+
+    // A failure part-way keeps what came before it and does not notify.
+    Uuid unknown = *Uuid::parse("FFFFFFFF-0000-4000-8000-000000000000");
+    EXPECT_EQ(annotate(Value{{"election", 0}}, {b_, unknown, a_}).first, 4);
+    EXPECT_EQ(bulk(Value{{b_.string(), Value{{"y", 3}}}, {unknown.string(), Value(Dictionary{})}}).first, 2);
+    EXPECT_EQ(notifications(), n + 4);
+    EXPECT_EQ(stored("com.example.a"), a);
+    EXPECT_EQ(stored("com.example.b"), (Value{{"election", 0}, {"extension", Value{{"y", 3}}}}));
+
+    // A restarted daemon starts from the file: a change merges over it.
+    daemon_.stop();
+    ASSERT_TRUE(daemon_.start({"-d", file_})) << daemon_.log();
+    connect();
+    EXPECT_EQ(annotate(Value{{"election", 0}}, {a_}), ok);
+    EXPECT_EQ(stored("com.example.a"), a.with("election", 0));
+}
+
+TEST_F(AnnotateTest, HostileInputIsRefusedOrServedWithoutHarm)
+{
+    // Every value kind in an "extension", nesting up to and past the
+    // transport's depth: each request gets an answer (success, or code 4 when
+    // the transport refuses it), the file stays loadable and the other
+    // plug-in's entry is untouched.
+    ASSERT_EQ(annotate(Value{{"election", 1}}, {b_}).first, 0);
+    std::vector<Value> values{Value(true), Value(-1), Value(UINT64_MAX), Value(0.5), Value(std::nan("")),
+                              Value(HUGE_VAL), Value(""), Value("\xc3\xa9t\xc3\xa9"), Value("bad\x01text"),
+                              Value("\xff\xfe"), Value::data(Bytes{0, 1}), Value(Date::fromMicroseconds(0)),
+                              Value(a_), Value(Array{Value(1), Value("x")})};
+    for (int depth : {60, 61, 62, 63}) {
+        Value nested = Value(Dictionary{});
+        for (int i = 0; i < depth; ++i)
+            nested = Value{{"n", nested}};
+        values.push_back(nested);
+    }
+    for (const Value& value : values) {
+        SCOPED_TRACE(value.description());
+        auto answer = annotate(Value{{"extension", Value{{"v", value}}}}, {a_});
+        EXPECT_TRUE(answer.first == 0 || answer.first == 4) << answer.second;
+        EXPECT_EQ(stored("com.example.b"), (Value{{"election", 1}}));
+    }
+
+    // A huge "uuids" array is served (one save, one notification); one
+    // larger than a request frame may be is refused by the transport.
+    std::uint64_t n = notifications();
+    std::vector<Uuid> many(100'000, a_);
+    EXPECT_EQ(annotate(Value{{"election", 0}}, many).first, 0);
+    EXPECT_EQ(notifications(), n + 1);
+    many.resize(300'000, b_);
+    EXPECT_EQ(annotate(Value{{"election", 0}}, many).first, 4);
+    EXPECT_EQ(annotate(Value{{"election", 2}}, {b_}).first, 0);
+    EXPECT_EQ(stored("com.example.b"), (Value{{"election", 2}}));
+    EXPECT_TRUE(daemon_.running());
+}
+
+} // namespace
+} // namespace tv
