@@ -18,6 +18,7 @@
 #include "Tarvik/TvDaemonClient.h"
 #include "platform/ipc/LinuxVynService.h"
 #include "platform/ipc/VynFrame.h"
+#include "LoadSupport.h"
 #include "platform/PlatformConfig.h"
 
 #include <algorithm>
@@ -45,7 +46,7 @@
 #include <vector>
 
 using namespace tv;
-using Clock = std::chrono::steady_clock;
+using namespace tv::bench;
 using platform::Message;
 using platform::VynFrame;
 
@@ -53,54 +54,6 @@ namespace {
 
 Bytes gRequest; // a "bulk" request frame, message id 1
 Bytes gReply;   // its reply frame
-
-double micros(Clock::duration d)
-{
-    return std::chrono::duration<double, std::micro>(d).count();
-}
-
-double percentile(std::vector<double> v, double p)
-{
-    if (v.empty())
-        return 0;
-    std::sort(v.begin(), v.end());
-    return v[static_cast<std::size_t>(p * static_cast<double>(v.size() - 1))];
-}
-
-double median(std::vector<double> v)
-{
-    return percentile(std::move(v), 0.5);
-}
-
-bool readExact(int fd, std::uint8_t* p, std::size_t n)
-{
-    while (n > 0) {
-        ssize_t r = ::read(fd, p, n);
-        if (r <= 0) {
-            if (r < 0 && errno == EINTR)
-                continue;
-            return false;
-        }
-        p += r;
-        n -= static_cast<std::size_t>(r);
-    }
-    return true;
-}
-
-bool writeAll(int fd, const std::uint8_t* p, std::size_t n)
-{
-    while (n > 0) {
-        ssize_t w = ::send(fd, p, n, MSG_NOSIGNAL);
-        if (w <= 0) {
-            if (w < 0 && errno == EINTR)
-                continue;
-            return false;
-        }
-        p += w;
-        n -= static_cast<std::size_t>(w);
-    }
-    return true;
-}
 
 std::uint32_t bodyLength(const std::uint8_t* header)
 {
@@ -120,30 +73,6 @@ void setField64(std::uint8_t* p, std::uint64_t v)
 {
     for (int i = 0; i < 8; ++i)
         p[i] = static_cast<std::uint8_t>(v >> (8 * i));
-}
-
-// Reads one frame; false at end of stream.
-bool readFrame(int fd, Bytes& frame)
-{
-    frame.resize(VynFrame::kHeaderSize);
-    if (!readExact(fd, frame.data(), VynFrame::kHeaderSize))
-        return false;
-    std::size_t body = bodyLength(frame.data());
-    frame.resize(VynFrame::kHeaderSize + body);
-    return readExact(fd, frame.data() + VynFrame::kHeaderSize, body);
-}
-
-int connectTo(const std::string& path)
-{
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
 }
 
 // ---------------------------------------------------------------------------
@@ -426,35 +355,6 @@ Load rawLoad(const std::string& path, int clients, int requests, int window)
         ::close(c.fd);
     ::close(ep);
     return load;
-}
-
-pid_t startTvd(const std::string& tvd, const std::string& dir, const std::string& socket)
-{
-    std::string conf = dir + "/tvd.conf";
-    std::filesystem::create_directories(dir + "/vyn");
-    std::ofstream(conf) << "socket_dir = " << dir << "/vyn\nruntime_dir = " << dir << "/run\nregistry_database = " << dir
-                        << "/registry.sqlite\ncontainers_root = " << dir << "/containers\napplication_roots = " << dir
-                        << "/apps\npreferences_dir = " << dir << "/preferences\nprivacy_grants = " << dir
-                        << "/grants.vlist\n";
-    ::setenv("TVD_CONFIG", conf.c_str(), 1);
-    pid_t child = ::fork();
-    if (child == 0) {
-        std::string log = dir + "/tvd.log";
-        std::freopen(log.c_str(), "w", stderr);
-        ::execl(tvd.c_str(), tvd.c_str(), "-S", socket.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    for (int i = 0; i < 400; ++i) {
-        int fd = connectTo(socket);
-        if (fd >= 0) {
-            ::close(fd);
-            return child;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(25));
-    }
-    std::fprintf(stderr, "tvd_latency: tvd did not come up (see %s/tvd.log)\n", dir.c_str());
-    ::kill(child, SIGKILL);
-    std::exit(1);
 }
 
 } // namespace

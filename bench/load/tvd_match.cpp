@@ -20,6 +20,7 @@
 #include "platform/formats/Vlist.h"
 #include "platform/ipc/Message.h"
 #include "platform/ipc/VynFrame.h"
+#include "LoadSupport.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -40,7 +41,7 @@
 #include <vector>
 
 using namespace tv;
-using Clock = std::chrono::steady_clock;
+using namespace tv::bench;
 using platform::Message;
 using platform::VynFrame;
 
@@ -49,75 +50,6 @@ namespace {
 constexpr int kPoints = 200;
 constexpr int kCandidates = 50;
 constexpr int kPerApplication = 500;
-
-double micros(Clock::duration d)
-{
-    return std::chrono::duration<double, std::micro>(d).count();
-}
-
-double median(std::vector<double> v)
-{
-    if (v.empty())
-        return 0;
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
-bool readExact(int fd, std::uint8_t* p, std::size_t n)
-{
-    while (n > 0) {
-        ssize_t r = ::read(fd, p, n);
-        if (r <= 0) {
-            if (r < 0 && errno == EINTR)
-                continue;
-            return false;
-        }
-        p += r;
-        n -= static_cast<std::size_t>(r);
-    }
-    return true;
-}
-
-bool writeAll(int fd, const std::uint8_t* p, std::size_t n)
-{
-    while (n > 0) {
-        ssize_t w = ::send(fd, p, n, MSG_NOSIGNAL);
-        if (w <= 0) {
-            if (w < 0 && errno == EINTR)
-                continue;
-            return false;
-        }
-        p += w;
-        n -= static_cast<std::size_t>(w);
-    }
-    return true;
-}
-
-bool readFrame(int fd, Bytes& frame)
-{
-    frame.resize(VynFrame::kHeaderSize);
-    if (!readExact(fd, frame.data(), VynFrame::kHeaderSize))
-        return false;
-    auto header = VynFrame::parseHeader(std::span<const std::uint8_t, VynFrame::kHeaderSize>(
-        frame.data(), VynFrame::kHeaderSize));
-    if (!header)
-        return false;
-    frame.resize(header->frameSize());
-    return readExact(fd, frame.data() + VynFrame::kHeaderSize, frame.size() - VynFrame::kHeaderSize);
-}
-
-int connectTo(const std::string& path)
-{
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
 
 std::string pointName(int i)
 {
@@ -147,37 +79,6 @@ void writePlatform(const std::string& dir, int count)
                                          {"KoExtensionAttributes", Value{{"KoExtensionVersion", "1"}}}}}};
         (void)platform::writeVlistFileAtomically(pdir + "/Info.vlist", info);
     }
-}
-
-pid_t startTvd(const std::string& tvd, const std::string& dir, const std::string& socket)
-{
-    std::string conf = dir + "/tvd.conf";
-    std::filesystem::create_directories(dir + "/vyn");
-    std::ofstream(conf) << "socket_dir = " << dir << "/vyn\nruntime_dir = " << dir << "/run\nregistry_database = " << dir
-                        << "/registry.sqlite\ncontainers_root = " << dir << "/containers\napplication_roots = " << dir
-                        << "/apps\npreferences_dir = " << dir << "/preferences\nprivacy_grants = " << dir
-                        << "/grants.vlist\nglobal_annotations = " << dir << "/Annotations\nsystem_volume_root = " << dir
-                        << "/System\nsystem_plugins_dir = " << dir << "/System/Library/PlugIns\n";
-    pid_t child = ::fork();
-    if (child == 0) {
-        ::setenv("TVD_CONFIG", conf.c_str(), 1);
-        std::string log = dir + "/tvd.log";
-        std::freopen(log.c_str(), "w", stderr);
-        ::execl(tvd.c_str(), tvd.c_str(), "-S", socket.c_str(), static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    // Scanning 100,000 bundles takes a while on a busy machine.
-    for (int i = 0; i < 24000; ++i) {
-        int fd = connectTo(socket);
-        if (fd >= 0) {
-            ::close(fd);
-            return child;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(25));
-    }
-    std::fprintf(stderr, "tvd_match: tvd did not come up (see %s/tvd.log)\n", dir.c_str());
-    ::kill(child, SIGKILL);
-    std::exit(1);
 }
 
 struct Figures {
@@ -217,7 +118,8 @@ Figures measure(const std::string& tvd, int plugIns, int rounds)
     writePlatform(dir, plugIns);
     std::string socket = dir + "/vyn/tvd";
     std::fprintf(stderr, "tvd_match: starting tvd\n");
-    pid_t daemon = startTvd(tvd, dir, socket);
+    // Scanning 100,000 bundles takes a while on a busy machine.
+    pid_t daemon = startTvd(tvd, dir, socket, std::chrono::seconds(600));
 
     Message request;
     request.set("request", Value("match"));

@@ -21,6 +21,7 @@
 //
 // Files go to $TVD_BENCH_DIR, else the system's temporary directory. Each
 // figure is the median of N rounds.
+#include "LoadSupport.h"
 #include "Tarvik/TvDaemonClient.h"
 #include "platform/PlatformConfig.h"
 #include "platform/formats/AtomicFile.h"
@@ -51,23 +52,12 @@
 
 using namespace tv;
 using Clock = std::chrono::steady_clock;
+using tv::bench::median;
+using tv::bench::micros;
 
 namespace {
 
 constexpr int kAnnotations = 10000;
-
-double micros(Clock::duration d)
-{
-    return std::chrono::duration<double, std::micro>(d).count();
-}
-
-double median(std::vector<double> v)
-{
-    if (v.empty())
-        return 0;
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
 
 template <class F>
 double medianOf(int rounds, F f)
