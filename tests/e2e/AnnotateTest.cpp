@@ -16,6 +16,9 @@
 #include <cmath>
 #include <filesystem>
 #include <future>
+#include <random>
+#include <signal.h>
+#include <thread>
 
 namespace tv {
 namespace {
@@ -203,6 +206,38 @@ TEST_F(AnnotateTest, HostileInputIsRefusedOrServedWithoutHarm)
     EXPECT_EQ(annotate(Value{{"election", 2}}, {b_}).first, 0);
     EXPECT_EQ(stored("com.example.b"), (Value{{"election", 2}}));
     EXPECT_TRUE(daemon_.running());
+}
+
+// A daemon killed at any instant during a burst of changes leaves a file
+// that loads and holds every acknowledged change, with the change in flight
+// either whole or not at all. Each round goes on from what the file holds.
+TEST_F(AnnotateTest, KilledAtAnyInstantTheFileKeepsEveryAcknowledgedChange)
+{
+    std::mt19937 random(std::random_device{}());
+    for (int round = 0; round < 25; ++round) {
+        SCOPED_TRACE(round);
+        const std::int64_t from = stored("com.example.a")["election"].integerValue();
+        std::atomic<std::int64_t> acknowledged{from};
+        std::atomic<bool> killed{false};
+        auto burst = std::async(std::launch::async, [&] {
+            for (std::int64_t v = from + 1; !killed; ++v) {
+                if (annotate(Value{{"election", v}}, {a_}).first != 0)
+                    return;
+                acknowledged = v;
+            }
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(std::uniform_int_distribution<>(2, 80)(random)));
+        ASSERT_EQ(::kill(daemon_.pid(), SIGKILL), 0);
+        killed = true;
+        burst.wait();
+        daemon_.stop(); // collects the killed process
+        const std::int64_t election = stored("com.example.a")["election"].integerValue();
+        EXPECT_GE(election, acknowledged.load());
+        EXPECT_LE(election, acknowledged.load() + 1);
+        ASSERT_TRUE(daemon_.start({"-d", file_})) << daemon_.log();
+        connect();
+    }
+    EXPECT_GT(stored("com.example.a")["election"].integerValue(), 25) << "the bursts hardly ran";
 }
 
 } // namespace
