@@ -98,5 +98,21 @@ TEST_F(MatchTest, HostsGetTheNewestCopyOverrideMarksElectionsAndTheWireCodes)
     EXPECT_TRUE(daemon_.running());
 }
 
+// "-c" sets the record cache's limit: filling it past the limit empties it,
+// and the answer is the same.
+TEST_F(MatchTest, TheCacheLimitFromTheCommandLineTakesEffect)
+{
+    bundle("Applications/One.app", Value{{"KbBundleIdentifier", "com.test.one"}});
+    for (const char* name : {"a", "b", "c", "d"})
+        plugIn(std::string("Applications/One.app/PlugIns/") + name + ".vext", std::string("com.test.") + name, "1");
+    ASSERT_TRUE(daemon_.start({"-c", "2", "-v"})) << daemon_.log();
+    for (int round = 0; round < 2; ++round) {
+        auto found = tvkit({"match", "--json", kPoint});
+        ASSERT_EQ(found.exitStatus, 0) << found.err;
+        EXPECT_EQ(std::count(found.out.begin(), found.out.end(), '{'), 4) << found.out;
+    }
+    EXPECT_TRUE(daemon_.waitForLog("purging cache for 3 > 2")) << daemon_.log();
+}
+
 } // namespace
 } // namespace tv
