@@ -19,7 +19,8 @@ class MatchTest : public ::testing::Test {
 protected:
     MatchTest()
         : daemon_({"application_roots = " + disk_.file("Applications"), "system_volume_root = " + disk_.file("System"),
-                   "system_plugins_dir = " + disk_.file("System/Library/PlugIns")})
+                   "system_plugins_dir = " + disk_.file("System/Library/PlugIns"),
+                   "entitlements_dir = " + disk_.file("entitlements.d")})
     {
     }
 
@@ -112,6 +113,36 @@ TEST_F(MatchTest, TheCacheLimitFromTheCommandLineTakesEffect)
         EXPECT_EQ(std::count(found.out.begin(), found.out.end(), '{'), 4) << found.out;
     }
     EXPECT_TRUE(daemon_.waitForLog("purging cache for 3 > 2")) << daemon_.log();
+}
+
+// "tvkit list" shows every installed copy to a manager, and tells anyone
+// else what it needs.
+TEST_F(MatchTest, ListShowsEveryInstalledCopyToTheManagerOnly)
+{
+    bundle("Applications/One.app", Value{{"KbBundleIdentifier", "com.test.one"}});
+    bundle("Applications/Two.app", Value{{"KbBundleIdentifier", "com.test.two"}});
+    plugIn("Applications/One.app/PlugIns/Dup.vext", "com.test.dup", "1");
+    plugIn("Applications/Two.app/PlugIns/Dup.vext", "com.test.dup", "1");
+    plugIn("System/Library/PlugIns/Sys.vext", "com.test.sys", "1");
+    std::filesystem::create_directories(disk_.file("entitlements.d"));
+    ASSERT_TRUE(daemon_.start()) << daemon_.log();
+
+    auto refused = tvkit({"list"});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_NE(refused.err.find("needs the entitlement com.veltra.private.tarvik.manager"), std::string::npos)
+        << refused.err;
+
+    EXPECT_FALSE(platform::writeVlistFileAtomically(
+        disk_.file("entitlements.d/tvkit.vlist"),
+        Value{{"Executable", std::filesystem::canonical(TVKIT_BINARY).string()},
+              {"Entitlements", Value{{"com.veltra.private.tarvik.manager", true}}}}));
+    auto listed = tvkit({"list", "--json"});
+    ASSERT_EQ(listed.exitStatus, 0) << listed.err;
+    EXPECT_EQ(std::count(listed.out.begin(), listed.out.end(), '{'), 3) << listed.out;
+    EXPECT_NE(listed.out.find(std::string("\"extensionPoint\": \"") + kPoint + "\""), std::string::npos) << listed.out;
+    auto text = tvkit({"list", "com.other.point"});
+    ASSERT_EQ(text.exitStatus, 0) << text.err;
+    EXPECT_EQ(text.out, "");
 }
 
 } // namespace

@@ -1,12 +1,14 @@
 #include "tools/tvkit/Tvkit.h"
 
 #include "Tarvik/TvDaemonClient.h"
+#include "Tarvik/TvDiscoveryFlags.h"
 #include "Tarvik/TvMessageConversion.h"
 #include "base/InternalInconsistency.h"
 #include "platform/ipc/LinuxVynService.h"
 #include "platform/PlatformConfig.h"
 #include "platform/formats/TypedJson.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -26,6 +28,7 @@ const char* kOverview =
     "Talks to tvd, the plug-in registry daemon.\n"
     "\n"
     "Commands:\n"
+    "  list [POINT]     list the installed plug-ins (manager entitlement)\n"
     "  match POINT [RULES]\n"
     "                   list the plug-ins that a host of extension point POINT\n"
     "                   is offered\n"
@@ -43,6 +46,23 @@ const char* kOverview =
     "\n"
     "Exit status: 0 success, 1 the daemon answered with an error, 2 bad usage,\n"
     "69 the daemon cannot be reached. TVD_CONFIG names the platform configuration.\n";
+
+const char* kListHelp =
+    "usage: tvkit list [--json] [POINT]\n"
+    "\n"
+    "Lists the installed plug-ins, or those of the extension point POINT, one\n"
+    "line each, ordered by identifier: identifier, version, UUID, extension\n"
+    "point, election (0 no choice, 1 elected), path. With --json: a JSON array\n"
+    "of objects with the keys identifier, version, uuid, extensionPoint,\n"
+    "election and path.\n"
+    "\n"
+    "Every installed copy is listed, held or not and whatever its hosts need:\n"
+    "tvkit sends a privileged \"match\", so the tvkit executable needs the\n"
+    "entitlement com.veltra.private.tarvik.manager (given in the entitlements\n"
+    "drop-in directory, docs/entitlements.md) and must not run in a sandbox.\n"
+    "\n"
+    "Exit status: 0 success, 1 the daemon refused the request (its code and\n"
+    "message on standard error), 2 bad usage, 69 the daemon cannot be reached.\n";
 
 const char* kMatchHelp =
     "usage: tvkit match [--json] [--all-versions] [--duplicates] [--system-only]\n"
@@ -178,7 +198,7 @@ struct CommandHelp {
 };
 
 const CommandHelp kHelp[] = {
-    {"match", kMatchHelp}, {"add", kAddHelp}, {"remove", kRemoveHelp}, {"elect", kElectHelp}, {"unelect", kUnelectHelp}, {"raw", kRawHelp},
+    {"list", kListHelp}, {"match", kMatchHelp}, {"add", kAddHelp}, {"remove", kRemoveHelp}, {"elect", kElectHelp}, {"unelect", kUnelectHelp}, {"raw", kRawHelp},
 };
 
 const char* helpFor(const std::string& command)
@@ -256,6 +276,8 @@ int Tvkit::run(const std::vector<std::string>& argsIn)
         return raw(args);
     if (command == "match")
         return match(args);
+    if (command == "list")
+        return list(args);
     if (command == "add" || command == "remove")
         return registration(command, args);
     if (command == "elect" || command == "unelect")
@@ -403,13 +425,13 @@ int Tvkit::match(const std::vector<std::string>& args)
         } else if (a == "--json") {
             json = true;
         } else if (a == "--all-versions") {
-            flags |= 0x1;
+            flags |= TvDiscoverAllVersions;
         } else if (a == "--duplicates") {
-            flags |= 0x4;
+            flags |= TvDiscoverDuplicates;
         } else if (a == "--system-only") {
-            flags |= 0x8;
+            flags |= TvDiscoverSystemOnly;
         } else if (a == "--all") {
-            flags |= 0x200;
+            flags |= TvDiscoverAll;
         } else if (a == "--flags") {
             if (i + 1 >= args.size())
                 return usage("option --flags needs a number");
@@ -440,29 +462,9 @@ int Tvkit::match(const std::vector<std::string>& args)
     }
     rules = rules.with("KoExtensionPointIdentifier", Value(operands[0]));
 
-    platform::VynEvent answer;
     Value decoded;
-    int status = request(
-        [&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
-            client.matchPlugInsFlagsReply(rules, flags, [&client, &decoded, reply](const platform::VynEvent& a) {
-                if (const auto* message = platform::eventMessage(a))
-                    decoded = client.convertFromVYN(message->get("matches"));
-                reply(a);
-            });
-        },
-        answer);
-    if (status != kExitSuccess)
+    if (int status = matchForms(rules, flags, decoded); status != kExitSuccess)
         return status;
-    try {
-        if (auto error = TvDaemonClient::errorInReply(answer)) {
-            err_ << "tvkit: tvd refused the match (code " << error->code
-                 << "): " << error->description.value_or("") << "\n";
-            return kExitErrorReply;
-        }
-    } catch (const TvInternalInconsistency& e) {
-        err_ << "tvkit: " << e.what() << "\n";
-        return kExitErrorReply;
-    }
 
     Array summaries;
     if (const Array* forms = decoded.asArray())
@@ -481,6 +483,72 @@ int Tvkit::match(const std::vector<std::string>& args)
             out_ << "\toverridden-by=" << textOf(s["overrider"]);
         out_ << "\n";
     }
+    return kExitSuccess;
+}
+
+int Tvkit::matchForms(const Value& rules, std::uint64_t flags, Value& forms)
+{
+    platform::VynEvent answer;
+    int status = request(
+        [&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
+            client.matchPlugInsFlagsReply(rules, flags, [&client, &forms, reply](const platform::VynEvent& a) {
+                if (const auto* message = platform::eventMessage(a))
+                    forms = client.convertFromVYN(message->get("matches"));
+                reply(a);
+            });
+        },
+        answer);
+    if (status != kExitSuccess)
+        return status;
+    try {
+        if (auto error = TvDaemonClient::errorInReply(answer)) {
+            err_ << "tvkit: tvd refused the match (code " << error->code << "): " << error->description.value_or("")
+                 << "\n";
+            if (error->code == 11 && (flags & TvDiscoverAll))
+                err_ << "tvkit: listing every plug-in needs the entitlement com.veltra.private.tarvik.manager"
+                     << " for this tvkit executable (docs/entitlements.md), outside any sandbox\n";
+            return kExitErrorReply;
+        }
+    } catch (const TvInternalInconsistency& e) {
+        err_ << "tvkit: " << e.what() << "\n";
+        return kExitErrorReply;
+    }
+    return kExitSuccess;
+}
+
+int Tvkit::list(const std::vector<std::string>& args)
+{
+    bool json = false;
+    std::string problem;
+    std::vector<std::string> points = operands(args, json, problem);
+    if (!problem.empty())
+        return usage(problem);
+    if (points.size() > 1)
+        return usage("list takes at most one extension point");
+    Value rules = Value::emptyDictionary();
+    if (!points.empty())
+        rules = rules.with("KoExtensionPointIdentifier", Value(points[0]));
+
+    // Every installed copy, held or not, whatever rights its hosts need.
+    Value forms;
+    if (int status = matchForms(rules, TvDiscoverAll | TvDiscoverAllVersions | TvDiscoverDuplicates, forms);
+        status != kExitSuccess)
+        return status;
+    Array rows;
+    if (const Array* all = forms.asArray())
+        for (const Value& form : *all)
+            rows.push_back(summaryOf(form).with("extensionPoint", form["info"]["KoExtensionPointIdentifier"]));
+    std::sort(rows.begin(), rows.end(), [](const Value& a, const Value& b) {
+        return std::pair(textOf(a["identifier"]), textOf(a["path"])) < std::pair(textOf(b["identifier"]), textOf(b["path"]));
+    });
+    if (json) {
+        out_ << platform::toTypedJson(Value(std::move(rows))) << "\n";
+        return kExitSuccess;
+    }
+    for (const Value& r : rows)
+        out_ << textOf(r["identifier"]) << "\t" << textOf(r["version"]) << "\t" << textOf(r["uuid"]) << "\t"
+             << textOf(r["extensionPoint"]) << "\t" << r["election"].integerValue() << "\t" << textOf(r["path"])
+             << "\n";
     return kExitSuccess;
 }
 

@@ -34,6 +34,10 @@ private:
     int help(const std::vector<std::string>& args);
     int raw(const std::vector<std::string>& args);
     int match(const std::vector<std::string>& args);
+    int list(const std::vector<std::string>& args);
+    // Sends "match" with `rules` and `flags`: kExitSuccess with the decoded
+    // forms in `forms`, or the exit status of a failure (reported).
+    int matchForms(const Value& rules, std::uint64_t flags, Value& forms);
     int registration(const std::string& command, const std::vector<std::string>& args);
     int election(const std::string& command, const std::vector<std::string>& args);
     // Sends one request to the daemon and reports its answer: the reply as
