@@ -34,7 +34,10 @@ Result<std::unique_ptr<RegistryWatcher>> RegistryWatcher::start(std::chrono::mil
     }
     std::unique_ptr<RegistryWatcher> watcher(
         new RegistryWatcher(inotifyFd, stopFd, settle, std::move(directories), std::move(changed)));
-    watcher->refreshWatches();
+    // A watcher that reports at once sets its watches on its own thread: the
+    // report's scan, made after them, sees anything that changed before.
+    if (!reportAtStart)
+        watcher->refreshWatches();
     watcher->thread_ = std::thread([w = watcher.get(), reportAtStart] { w->run(reportAtStart); });
     return watcher;
 }
@@ -101,6 +104,8 @@ bool RegistryWatcher::drainEvents()
 void RegistryWatcher::run(bool reportAtStart)
 {
     using Clock = std::chrono::steady_clock;
+    if (reportAtStart)
+        refreshWatches();
     bool pending = reportAtStart;
     Clock::time_point deadline = Clock::now();
     for (;;) {

@@ -32,7 +32,8 @@ public:
     using Directories = std::function<std::vector<std::string>()>;
 
     // With `reportAtStart`, `changed` is called once as soon as the thread
-    // runs, as if a change had been seen.
+    // runs, as if a change had been seen, and the first watches are set on
+    // that thread rather than before start() returns.
     static Result<std::unique_ptr<RegistryWatcher>> start(std::chrono::milliseconds settle, Directories directories,
                                                           std::function<void()> changed, bool reportAtStart = false);
     ~RegistryWatcher();
