@@ -3,6 +3,7 @@
 #include "Tarvik/TvBundle.h"
 #include "Tarvik/TvDaemonClient.h"
 #include "Tarvik/TvDiscoveryFlags.h"
+#include "Tarvik/TvFileReadGrant.h"
 #include "Tarvik/TvLog.h"
 #include "Tarvik/TvVersionComparison.h"
 #include "base/InternalInconsistency.h"
@@ -15,6 +16,7 @@
 #include "tvd/TvdVynClient.h"
 
 #include <array>
+#include <cerrno>
 #include <filesystem>
 #include <string_view>
 #include <unordered_map>
@@ -37,7 +39,7 @@ const std::array<Route, 9> kRoutes{{
     {"bulk", &Transaction::bulkPlugIns},
     {"match", &Transaction::matchPlugIns},
     {"ready", nullptr},
-    {"access", nullptr},
+    {"access", &Transaction::accessPlugIns},
     {"annotate", &Transaction::annotatePlugIns},
     {"bulk-annotate", &Transaction::bulkAnnotatePlugIns},
     {"lock", nullptr},
@@ -633,6 +635,27 @@ void Transaction::bulkAnnotatePlugIns()
     // An empty dictionary walks nothing and still broadcasts.
     walk(annotations->size(), std::move(element), [this, db] {
         db->notifyAnnotationChange();
+        done();
+    });
+}
+
+void Transaction::accessPlugIns()
+{
+    // Any client may read the bundles of registered plug-ins it names: no
+    // entitlement, hold or host rule is checked.
+    auto tokens = std::make_shared<Array>();
+    auto step = [this, tokens](const std::shared_ptr<TvdPlugIn>& plugIn) {
+        std::optional<std::string> token = fileReadGrant(plugIn->url());
+        if (!token) {
+            const int error = errno;
+            failMessage(4, formatString("cannot create extension to %@: %d", plugIn->path(), error));
+            return false;
+        }
+        tokens->push_back(Value(std::move(*token)));
+        return true;
+    };
+    marshalUuids(step, [this, tokens] {
+        reply_.set("extensions", Value(std::move(*tokens)));
         done();
     });
 }

@@ -102,6 +102,8 @@ public:
     // "match": the forms of the plug-ins that answer the host's query
     // (docs/match.md).
     void matchPlugIns();
+    // "access": one read-only token per named plug-in's bundle.
+    void accessPlugIns();
     void annotatePlugIns();
     void bulkAnnotatePlugIns();
 
