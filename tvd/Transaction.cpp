@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace tv {
 
@@ -38,7 +39,7 @@ const std::array<Route, 9> kRoutes{{
     {"remove", &Transaction::removePlugIns},
     {"bulk", &Transaction::bulkPlugIns},
     {"match", &Transaction::matchPlugIns},
-    {"ready", nullptr},
+    {"ready", &Transaction::readyPlugIns},
     {"access", &Transaction::accessPlugIns},
     {"annotate", &Transaction::annotatePlugIns},
     {"bulk-annotate", &Transaction::bulkAnnotatePlugIns},
@@ -657,6 +658,46 @@ void Transaction::accessPlugIns()
     marshalUuids(step, [this, tokens] {
         reply_.set("extensions", Value(std::move(*tokens)));
         done();
+    });
+}
+
+void Transaction::readyPlugIns()
+{
+    // Two phases: every named plug-in is checked before any is enabled.
+    auto db = server();
+    auto kept = std::make_shared<std::vector<std::shared_ptr<TvdPlugIn>>>();
+    auto seen = std::make_shared<std::unordered_set<Uuid>>();
+    auto step = [this, db, kept, seen](const std::shared_ptr<TvdPlugIn>& plugIn) {
+        TvdTrace::pluginReady(uuidText(*plugIn));
+        if (db->holdOnPlugIn(*plugIn)) {
+            TvLog::ops().notice("denied access to %d for plugin %@(%{public}@): the plug-in is on hold",
+                                client_->pid(), identifierText(*plugIn), uuidText(*plugIn));
+            failMessage(11, formatString("access to plugin %@ denied: the plug-in is on hold", identifierText(*plugIn)));
+            return false;
+        }
+        if (plugIn->isData())
+            return true; // never enabled
+        if (auto reason = plugIn->allowForClient(*client_)) {
+            TvLog::ops().notice("denied access to %d for plugin %@(%{public}@): %{public}@", client_->pid(),
+                                identifierText(*plugIn), uuidText(*plugIn), *reason);
+            failMessage(11, formatString("access to plugin %@ denied: %@", identifierText(*plugIn), *reason));
+            return false;
+        }
+        if (auto uuid = plugIn->uuid(); uuid && seen->insert(*uuid).second)
+            kept->push_back(plugIn);
+        return true;
+    };
+    marshalUuids(step, [this, kept] {
+        // Every kept plug-in is enabled even after a failure; the first one
+        // is reported.
+        MaybeError first;
+        for (const auto& plugIn : *kept)
+            if (MaybeError error = plugIn->enableForClient(*client_); error && !first)
+                first = std::move(error);
+        if (first)
+            failError(static_cast<std::uint64_t>(first->code), *first);
+        else
+            done();
     });
 }
 

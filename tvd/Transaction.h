@@ -102,6 +102,9 @@ public:
     // "match": the forms of the plug-ins that answer the host's query
     // (docs/match.md).
     void matchPlugIns();
+    // "ready": checks every named plug-in, then enables the kept ones for
+    // the client's process (TvdPlugIn::enableForClient).
+    void readyPlugIns();
     // "access": one read-only token per named plug-in's bundle.
     void accessPlugIns();
     void annotatePlugIns();

@@ -3,15 +3,18 @@
 #include "Tarvik/TvBundle.h"
 #include "Tarvik/TvFileReadGrant.h"
 #include "Tarvik/TvLog.h"
+#include "Tarvik/TvMessageConversion.h"
 #include "platform/privacy/PrivacyConsentService.h"
 #include "tvd/TvdVynClient.h"
 #include "platform/jobs/JobManager.h"
 #include "platform/processstate/ProcessStateService.h"
 #include "tvd/TvdMatchPattern.h"
 #include "tvd/TvdMatchRules.h"
+#include "tvd/TvdServer.h"
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
 
@@ -232,6 +235,90 @@ Value TvdPlugIn::issueResourceExtensions(const Value& resources) const
 }
 
 // --- Host rights ------------------------------------------------------------
+
+std::string TvdPlugIn::sandboxProfile() const
+{
+    const std::string* point = pluginKey("KoExtensionPointIdentifier").asString();
+    if (!point)
+        return "plugin";
+    if (*point == "com.veltra.keyboard-service") {
+        // The privacy service is asked only for keyboards that want open access.
+        if (attribute("RequestsOpenAccess") == Value(true) &&
+            allowedPCSServices().count(platform::kPrivacyServiceKeyboardNetwork))
+            return "plugin";
+        return "keyboard";
+    }
+    if (*point == "com.veltra.flowguard.filter-data")
+        return "network-filter";
+    if (*point == "com.veltra.peek.extension.preview")
+        return "peekd";
+    if (*point == "com.veltra.app.non-ui-extension" || *point == "com.veltra.app.non-ui-extension.multiple-instances")
+        return "playground-devtools";
+    return "plugin";
+}
+
+MaybeError TvdPlugIn::enableForClient(const TvdVynClient& client) const
+{
+    const std::string id = identifier().value_or("(null)");
+    const std::string uuidText = uuid() ? uuid()->string() : "(null)";
+    const Value version = this->version();
+
+    Dictionary environment;
+    const Value container = rsproxy_ ? rsproxy_->dataContainerUrl() : Value();
+    if (!container.isNull()) {
+        const std::string home = container.urlPath();
+        environment["HOME"] = Value(home);
+        environment["KBFIXED_USER_HOME"] = Value(home);
+        environment["TMPDIR"] = Value(home + (home.ends_with('/') ? "tmp" : "/tmp"));
+    } else {
+        TvLog::ops().debug("no data container for plug-in %@(%@) %{public}@ at %@", id, version, uuidText, path());
+    }
+    const std::string profile = sandboxProfile();
+    if (const char* sdk = std::getenv("TVTEST_SDK"))
+        environment["TVTEST_SDK"] = Value(sdk);
+
+    Dictionary service;
+    const Value raw = infoKey("VynService");
+    if (const Dictionary* own = raw.asDictionary()) {
+        TvLog::rs().debug("raw VynService=%@", raw);
+        service = *own;
+    } else {
+        TvLog::ops().info("no VynService for plug-in; database returned %@", raw);
+    }
+    if (const Dictionary* variables = service["EnvironmentVariables"].asDictionary())
+        for (const auto& [name, value] : *variables)
+            environment[name] = value;
+    service["EnvironmentVariables"] = Value(std::move(environment));
+    service["_SandboxProfile"] = Value(profile);
+    service["_OmitSandboxParameters"] = Value(true);
+    TvLog::ops().info("assigning plug-in %@(%@) %{public}@ to %s sandbox", id, version, uuidText, profile);
+
+    const Value launch{{"VynService", plainValueForVyn(Value(std::move(service)))},
+                       {"KbBundlePackageType", Value("VYN!")}};
+    TvLog::ops().notice("allowing host %d %@ to use plug-in %@(%@) uuid=%{public}@ at %@", client.pid(), client.path(),
+                        id, version, uuidText, url().urlPath());
+
+    auto bundle = TvBundle::initWithURL(url());
+    std::optional<std::string> executable = bundle ? bundle->executablePath() : std::nullopt;
+    if (!executable) {
+        TvLog::ops().error("failed to obtain execPath for plug-in %@(%{public}@) bundle=%@", id, uuidText,
+                           bundle ? bundle->path().value_or("(null)") : std::string("(null)"));
+        return makeErrorWithFormat(4, "cannot obtain executable path for plug-in %@(%@)", id, uuidText);
+    }
+    TvLog::ops().debug("activation overlay=%@", launch);
+
+    const auto& jobs = client.server() ? client.server()->platform().jobManager : nullptr;
+    const int result = jobs ? jobs->addExternalService(platform::ExternalService{
+                                  client.pid(), rsproxy_ ? rsproxy_->bundleIdentifier : id,
+                                  rsproxy_ ? rsproxy_->bundleVersion : std::string(), *executable, launch})
+                            : ENOSYS;
+    if (result != 0) {
+        TvLog::ops().error("jobd error %d trying to allow %d %@ to use plug-in %@(%@) uuid=%{public}@ at %@", result,
+                           client.pid(), client.path(), id, version, uuidText, path());
+        return makeErrorWithFormat(4, "unable to enable plug-in %@(%@)", id, uuidText);
+    }
+    return std::nullopt;
+}
 
 std::optional<std::string> TvdPlugIn::allowForClient(const TvdVynClient& client) const
 {

@@ -110,6 +110,16 @@ public:
     // not run on the database queue.
     std::optional<std::string> allowForClient(const TvdVynClient& client) const;
 
+    // Registers this plug-in with the job manager as a service that the
+    // host process of `client` may use: its environment (data container
+    // home and temporary directory), its sandbox profile (sandboxProfile())
+    // and its own "VynService" description. None on success; an error with
+    // code 4 when the plug-in has no executable or the job manager refuses.
+    MaybeError enableForClient(const TvdVynClient& client) const;
+    // The sandbox profile name the job manager applies to this plug-in's
+    // process, chosen by extension point (docs/enabling.md).
+    std::string sandboxProfile() const;
+
     // The privacy services granted to the containing application (a plug-in
     // has no grants of its own): empty for a plug-in outside applications,
     // and after every failure (logged at info level).

@@ -12,6 +12,11 @@
 
 namespace tv::platform {
 
+// The privacy service of a keyboard's network access: a keyboard that asks for
+// open access runs in the general plug-in sandbox only when its application
+// was granted this service.
+inline constexpr const char* kPrivacyServiceKeyboardNetwork = "com.veltra.privacy.keyboard-network";
+
 // One privacy service recorded for an application. `granted` is none when the
 // record does not say.
 struct PrivacyGrant {

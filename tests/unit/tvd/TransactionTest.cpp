@@ -45,7 +45,7 @@ TEST(TransactionTest, OnlyVersionsTwoAndThreeOfKnownTypesAreServed)
         {request(nullptr), "4 invalid request format (missing type)"},
         {request("Add"), "4 unrecognized request"},
         {request("bulk-annotatex"), "4 unrecognized request"},
-        {request("ready"), "4 unrecognized request"}, // not landed
+        {request("ready-x"), "4 unrecognized request"},
         {request("bulk").with("flags", Value(std::uint64_t{0x10})), "0 <none>"},
     };
     for (const auto& [body, expected] : cases)

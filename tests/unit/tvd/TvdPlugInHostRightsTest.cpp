@@ -82,5 +82,47 @@ TEST(TvdPlugInHostRightsTest, PrivacyServicesAreThoseGrantedToTheContainingAppli
     TvBundle::setBundleService(bundles);
 }
 
+// The job manager's sandbox profile follows the extension point; a keyboard
+// leaves the keyboard sandbox only when it asks for open access and its
+// application was granted network access for keyboards.
+TEST(TvdPlugInHostRightsTest, SandboxProfileFollowsTheExtensionPoint)
+{
+    test::FakeVlistFiles files;
+    auto bundles = TvBundle::setBundleService(
+        std::make_shared<platform::LinuxBundleService>(test::FakeVlistFiles::reader()));
+    TvdPlugIn::setPrivacyConsentService(std::make_shared<platform::LinuxPrivacyConsentService>(
+        files.path("grants.vlist"), test::FakeVlistFiles::reader()));
+    files.writeValue("grants.vlist", Value{{"com.example.app", Value(Array{Value{
+                                                                  {"service", platform::kPrivacyServiceKeyboardNetwork},
+                                                                  {"granted", true}}})}});
+    const std::string granted = files.makeExampleApplication(), other = files.path("Other.app");
+    const struct {
+        const char* point;
+        Value openAccess;
+        std::string app;
+        const char* profile;
+    } cases[] = {
+        {"com.veltra.keyboard-service", Value(), granted, "keyboard"},
+        {"com.veltra.keyboard-service", Value(true), granted, "plugin"},
+        {"com.veltra.keyboard-service", Value(true), other, "keyboard"},
+        {"com.veltra.flowguard.filter-data", Value(), granted, "network-filter"},
+        {"com.veltra.peek.extension.preview", Value(), granted, "peekd"},
+        {"com.veltra.app.non-ui-extension", Value(), granted, "playground-devtools"},
+        {"com.veltra.app.non-ui-extension.multiple-instances", Value(), granted, "playground-devtools"},
+        {"com.example.point", Value(true), granted, "plugin"},
+    };
+    for (const auto& c : cases) {
+        auto r = test::makePlugInRecord(c.app + "/PlugIns/K.vext");
+        r->plugInDictionary = Value{{"KoExtensionPointIdentifier", c.point},
+                                    {"KoExtensionAttributes", Value{{"RequestsOpenAccess", c.openAccess}}}};
+        auto app = std::make_shared<platform::RegistryApplicationRecord>();
+        app->bundlePath = c.app;
+        r->containingApplication = app;
+        EXPECT_EQ(TvdPlugIn::initWithRSData(r)->sandboxProfile(), c.profile) << c.point << " " << c.app;
+    }
+    TvdPlugIn::setPrivacyConsentService(nullptr);
+    TvBundle::setBundleService(bundles);
+}
+
 } // namespace
 } // namespace tv

@@ -1,0 +1,116 @@
+// "ready" and "access" through the real daemon and the client library:
+// every named plug-in is checked before any is enabled for the host, each
+// kept plug-in is enabled once, and "access" answers one read-only token per
+// named plug-in's bundle, in request order.
+#include "Tarvik/TvDaemonClient.h"
+#include "platform/PlatformConfig.h"
+#include "platform/formats/Vlist.h"
+#include "platform/ipc/LinuxVynService.h"
+#include "tests/support/PlugInBundles.h"
+#include "tests/support/TestDaemon.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <future>
+
+namespace tv {
+namespace {
+
+class ReadyAccessTest : public ::testing::Test {
+protected:
+    ReadyAccessTest() : daemon_({"application_roots = " + apps_.path()}) {}
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(daemon_.start()) << daemon_.log();
+        vyn_ = platform::LinuxVynService::create(*platform::PlatformConfig::loadFile(daemon_.configPath()));
+        client_ = std::make_unique<TvDaemonClient>(vyn_, daemon_.socketPath().c_str());
+    }
+
+    // An application holding the plug-in `identifier` with an executable;
+    // `extension` replaces its "KoExtension".
+    Uuid install(const std::string& identifier, const Value& extension = Value())
+    {
+        const std::string app = apps_.path() + "/" + identifier + ".app";
+        std::filesystem::create_directories(app + "/PlugIns");
+        EXPECT_FALSE(platform::writeVlistFileAtomically(app + "/Info.vlist",
+                                                        Value{{"KbBundleIdentifier", identifier + ".app"}}));
+        const std::string bundle = app + "/PlugIns/P.vext";
+        test::makePlugInBundle(bundle, identifier, "/bin/true");
+        if (!extension.isNull()) {
+            auto info = platform::readVlistFile(bundle + "/Info.vlist");
+            EXPECT_FALSE(platform::writeVlistFileAtomically(bundle + "/Info.vlist", info->with("KoExtension", extension)));
+        }
+        return test::installedUuid(daemon_, identifier).value_or(Uuid());
+    }
+
+    platform::VynEvent ask(const std::function<void(TvDaemonClient::Reply)>& send)
+    {
+        std::promise<platform::VynEvent> answered;
+        send([&](const platform::VynEvent& e) { answered.set_value(e); });
+        return answered.get_future().get();
+    }
+    std::string ready(const std::vector<Uuid>& uuids)
+    {
+        auto error = TvDaemonClient::errorInReply(
+            ask([&](auto reply) { client_->readyPlugInsFlagsReply(uuids, 0, reply); }));
+        return error ? std::to_string(error->code) + " " + error->description.value_or("") : "ok";
+    }
+    std::size_t enabled(const std::string& identifier)
+    {
+        const std::string log = daemon_.log(), line = "to use plug-in " + identifier + "(";
+        std::size_t n = 0;
+        for (auto at = log.find(line); at != std::string::npos; at = log.find(line, at + 1))
+            ++n;
+        return n;
+    }
+
+    test::TempDir apps_;
+    test::TestDaemon daemon_;
+    std::shared_ptr<platform::LinuxVynService> vyn_;
+    std::unique_ptr<TvDaemonClient> client_;
+};
+
+TEST_F(ReadyAccessTest, ReadyChecksEveryPlugInFirstThenEnablesEachOnce)
+{
+    const Uuid run = install("com.example.run");
+    const Uuid demanding = install("com.example.demanding",
+                                   Value{{"KoExtensionPointIdentifier", "com.veltra.keyboard-service"},
+                                         {"KoExtensionHostEntitlement", "com.example.host-right"}});
+    ASSERT_FALSE(run.isNil() || demanding.isNil()) << daemon_.log();
+
+    EXPECT_EQ(ready({run, run}), "ok");
+    ASSERT_TRUE(daemon_.waitForLog("assigning plug-in com.example.run("));
+    EXPECT_EQ(enabled("com.example.run"), 1u);
+    EXPECT_NE(daemon_.log().find("to plugin sandbox"), std::string::npos);
+
+    // A host right refused ends the request before anything is enabled.
+    EXPECT_EQ(ready({run, demanding}), "11 access to plugin com.example.demanding denied: the host does not have "
+                                       "the \"com.example.host-right\" entitlement");
+    EXPECT_EQ(enabled("com.example.run"), 1u);
+    EXPECT_EQ(ready({}), "ok");
+}
+
+TEST_F(ReadyAccessTest, AccessAnswersOneTokenPerNamedPlugInInRequestOrder)
+{
+    const Uuid a = install("com.example.a"), b = install("com.example.b");
+    ASSERT_FALSE(a.isNil() || b.isNil()) << daemon_.log();
+    auto access = [&](const std::vector<Uuid>& uuids) {
+        auto answer = ask([&](auto reply) { client_->accessPlugInsFlagsReply(uuids, 0, reply); });
+        EXPECT_FALSE(TvDaemonClient::errorInReply(answer));
+        const Array* tokens = platform::eventMessage(answer)->get("extensions").asArray();
+        return tokens ? *tokens : Array{Value("<no extensions>")};
+    };
+    const Array tokens = access({a, b, a});
+    ASSERT_EQ(tokens.size(), 3u);
+    const std::string pathA = std::filesystem::canonical(apps_.path() + "/com.example.a.app/PlugIns/P.vext");
+    const std::string pathB = std::filesystem::canonical(apps_.path() + "/com.example.b.app/PlugIns/P.vext");
+    EXPECT_NE(tokens[0].asString()->find(pathA), std::string::npos) << tokens[0].description();
+    EXPECT_NE(tokens[1].asString()->find(pathB), std::string::npos) << tokens[1].description();
+    EXPECT_NE(tokens[2].asString()->find(pathA), std::string::npos);
+    EXPECT_EQ(access({}), Array{});
+}
+
+} // namespace
+} // namespace tv
