@@ -112,10 +112,7 @@ TEST_F(AnnotateTest, RefusalsCarryTheirCodeAndTextAndChangeNothing)
         {"annotate", Value{{"election", 1}, {"extension", Value(Array{})}}, a,
          {4, "invalid request format (annotation extension)"}},
         {"annotate", ok, none, {4, "invalid request format (uuid)"}},
-        {"annotate", ok, Value(a_), {4, "invalid request format (uuid)"}},
         {"annotate", ok, Value(Array{Value(a_.string())}), {4, badUuid}},
-        {"annotate", ok, Value(Array{Value::data(Bytes(a_.bytes().begin(), a_.bytes().end()))}), {4, badUuid}},
-        {"annotate", ok, Value(Array{Value(1)}), {4, badUuid}},
         {"annotate", ok, Value(Array{Value(*Uuid::parse(unknown)), Value(a_)}), {4, "no such plugin (uuid not found)"}},
         {"bulk-annotate", none, none, {4, badDictionary}},
         {"bulk-annotate", Value(Array{}), none, {4, badDictionary}},
@@ -173,15 +170,12 @@ TEST_F(AnnotateTest, OneNotificationPerSuccessfulRequestAndEarlierChangesStay)
 
 TEST_F(AnnotateTest, HostileInputIsRefusedOrServedWithoutHarm)
 {
-    // Every value kind in an "extension", nesting up to and past the
-    // transport's depth: each request gets an answer (success, or code 4 when
-    // the transport refuses it), the file stays loadable and the other
-    // plug-in's entry is untouched.
+    // Values the file cannot hold, nesting up to and past the transport's
+    // depth: each request gets an answer (success, or code 4 when the
+    // transport refuses it), the file stays loadable and the other plug-in's
+    // entry is untouched.
     ASSERT_EQ(annotate(Value{{"election", 1}}, {b_}).first, 0);
-    std::vector<Value> values{Value(true), Value(-1), Value(UINT64_MAX), Value(0.5), Value(std::nan("")),
-                              Value(HUGE_VAL), Value(""), Value("\xc3\xa9t\xc3\xa9"), Value("bad\x01text"),
-                              Value("\xff\xfe"), Value::data(Bytes{0, 1}), Value(Date::fromMicroseconds(0)),
-                              Value(a_), Value(Array{Value(1), Value("x")})};
+    std::vector<Value> values{Value(std::nan("")), Value("bad\x01text"), Value("\xff\xfe"), Value(a_)};
     for (int depth : {60, 61, 62, 63}) {
         Value nested = Value(Dictionary{});
         for (int i = 0; i < depth; ++i)

@@ -1,17 +1,16 @@
 // Fairness of the real daemon under a client that sends long requests: other
 // clients are served in between, and the watchdog keeps being pinged.
 #include "Tarvik/TvDaemonClient.h"
-#include "platform/formats/Vlist.h"
 #include "platform/ipc/LinuxVynService.h"
 #include "platform/PlatformConfig.h"
 #include "tests/support/NotifySocket.h"
+#include "tests/support/PlugInBundles.h"
 #include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <future>
 #include <unistd.h>
 
@@ -32,11 +31,7 @@ TEST(FairnessTest, LongRequestsShareTheQueueAndTheWatchdogKeepsBeingPinged)
     ASSERT_TRUE(manager.await("READY=1"));
 
     std::string bundle = daemon.root() + "/bundles/Long.vext";
-    std::filesystem::create_directories(bundle);
-    Value info{{"KbBundleIdentifier", "com.example.long"},
-               {"KbBundleVersion", "1"},
-               {"KoExtension", Value{{"KoExtensionPointIdentifier", "com.veltra.share-services"}}}};
-    ASSERT_FALSE(platform::writeVlistFileAtomically(bundle + "/Info.vlist", info));
+    test::makePlugInBundle(bundle, "com.example.long");
 
     auto config = platform::PlatformConfig::loadFile(daemon.configPath());
     ASSERT_TRUE(config.ok());

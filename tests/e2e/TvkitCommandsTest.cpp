@@ -1,10 +1,15 @@
 // tvkit's request commands against the real daemon: add, remove, elect and
-// unelect, plain and with --json, and their help; and a path walk that ends
-// at its first failure.
+// unelect, plain, with --json and as raw requests; the path handling of the
+// request frame and the manager entitlement, read from an administrator's
+// drop-in.
+#include "platform/formats/Vlist.h"
 #include "tests/support/PlugInBundles.h"
 #include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sys/stat.h>
 
 namespace tv {
 namespace {
@@ -12,16 +17,37 @@ namespace {
 class TvkitCommandsTest : public ::testing::Test {
 protected:
     TvkitCommandsTest() : daemon_({"application_roots = " + apps_.path()}) {}
-    void SetUp() override { ASSERT_TRUE(daemon_.start()) << daemon_.log(); }
+    void SetUp() override
+    {
+        std::filesystem::create_directories(daemon_.root() + "/entitlements.d");
+        ::chmod((daemon_.root() + "/entitlements.d").c_str(), 0755);
+        ASSERT_TRUE(daemon_.start()) << daemon_.log();
+        test::makePlugInBundle(bundle_, "com.example.extra");
+    }
 
     test::ProcessResult tvkit(std::vector<std::string> args)
     {
         args.insert(args.begin(), {TVKIT_BINARY, "--service", daemon_.socketPath()});
         return test::runProgram(args, daemon_.clientEnv());
     }
+    test::ProcessResult raw(const std::string& type, const std::vector<std::string>& paths)
+    {
+        std::string json = R"({"request": ")" + type + R"(", "version": 3, "paths": [)";
+        for (std::size_t i = 0; i < paths.size(); ++i)
+            json += (i ? ", \"" : "\"") + paths[i] + "\"";
+        return tvkit({"raw", json + "]}"});
+    }
+    // Gives tvkit the entitlements `value` for "com.veltra.private.tarvik.manager".
+    void entitleTvkit(Value value)
+    {
+        Value dropIn{{"Executable", std::filesystem::canonical(TVKIT_BINARY).string()},
+                     {"Entitlements", Value{{"com.veltra.private.tarvik.manager", std::move(value)}}}};
+        EXPECT_FALSE(platform::writeVlistFileAtomically(daemon_.root() + "/entitlements.d/tvkit.vlist", dropIn));
+    }
 
     test::TempDir apps_;
     test::TestDaemon daemon_;
+    std::string bundle_ = daemon_.root() + "/bundles/Extra.vext";
 };
 
 TEST_F(TvkitCommandsTest, CommandsSendTheirRequestsAndReportTheAnswer)
@@ -32,9 +58,7 @@ TEST_F(TvkitCommandsTest, CommandsSendTheirRequestsAndReportTheAnswer)
         EXPECT_EQ(tvkit({command, "--help"}).out, help.out);
         EXPECT_EQ(tvkit({command}).exitStatus, 2);
     }
-    std::string bundle = daemon_.root() + "/bundles/Extra.vext";
-    test::makePlugInBundle(bundle, "com.example.extra");
-    auto added = tvkit({"add", "--json", bundle});
+    auto added = tvkit({"add", "--json", bundle_});
     EXPECT_EQ(added.out, "{}\n");
     EXPECT_EQ(added.exitStatus, 0) << added.err;
 
@@ -53,24 +77,58 @@ TEST_F(TvkitCommandsTest, CommandsSendTheirRequestsAndReportTheAnswer)
     EXPECT_EQ(unknown.exitStatus, 1);
     EXPECT_NE(unknown.out.find("\"error\": \"no such plugin (uuid not found)\""), std::string::npos) << unknown.out;
     EXPECT_EQ(tvkit({"unelect", "not-a-uuid"}).exitStatus, 2);
-    auto refused = tvkit({"remove", bundle});
+    auto refused = tvkit({"remove", bundle_});
     EXPECT_EQ(refused.exitStatus, 1);
     EXPECT_EQ(refused.err, "tvkit: tvd refused the request: caller lacks entitlement for this operation (error 11)\n");
-    EXPECT_TRUE(daemon_.waitForLog(" to remove plug-in at " + bundle + " - client lacks required entitlement"));
 }
 
-TEST_F(TvkitCommandsTest, APathWalkEndsAtItsFirstFailure)
+TEST_F(TvkitCommandsTest, AddWalksPathsInOrderAndStopsAtTheFirstBadOne)
 {
-    // The path after a refused one is never registered, on this turn of the
-    // walk or a later one.
-    std::string late = daemon_.root() + "/bundles/Late.vext", next = daemon_.root() + "/bundles/Next.vext";
-    test::makePlugInBundle(late, "com.example.late");
-    test::makePlugInBundle(next, "com.example.next");
-    auto r = tvkit({"raw", R"({"request": "add", "version": 3, "paths": ["/x\u0000y", ")" + late + "\"]}"});
-    EXPECT_NE(r.out.find("\"errorcode\": 9"), std::string::npos) << r.out;
-    EXPECT_EQ(tvkit({"add", next}).exitStatus, 0);
-    ASSERT_TRUE(test::installedUuid(daemon_, "com.example.next"));
-    EXPECT_EQ(daemon_.log().find("plug-in INSTALLED:com.example.late"), std::string::npos);
+    auto ok = raw("add", {bundle_, daemon_.root() + "/bundles/../bundles/Extra.vext"});
+    EXPECT_EQ(ok.exitStatus, 0) << ok.out << ok.err;
+    EXPECT_EQ(ok.out, "{}\n");
+    EXPECT_EQ(raw("add", {}).exitStatus, 0);
+
+    std::string missing = daemon_.root() + "/bundles/Missing.vext";
+    auto unresolved = raw("add", {missing});
+    EXPECT_EQ(unresolved.exitStatus, 1);
+    EXPECT_NE(unresolved.out.find("invalid plugin path: " + missing), std::string::npos) << unresolved.out;
+
+    std::string notBundle = daemon_.root() + "/bundles";
+    auto refused = raw("add", {notBundle});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_NE(refused.out.find("\"errorcode\": 2"), std::string::npos);
+    EXPECT_NE(refused.out.find("unable to register plug-in at " + notBundle), std::string::npos);
+    EXPECT_TRUE(daemon_.waitForLog("failed to register plug-in at " + notBundle));
+}
+
+TEST_F(TvkitCommandsTest, RemoveNeedsTheManagerEntitlement)
+{
+    ASSERT_EQ(raw("add", {bundle_}).exitStatus, 0);
+
+    // No entitlement and false count as absent.
+    for (Value value : {Value(), Value(false)}) {
+        SCOPED_TRACE(value.description());
+        if (!value.isNull())
+            entitleTvkit(value);
+        auto r = raw("remove", {bundle_});
+        EXPECT_EQ(r.exitStatus, 1);
+        EXPECT_NE(r.out.find("\"errorcode\": 11"), std::string::npos) << r.out;
+        EXPECT_NE(r.out.find("caller lacks entitlement for this operation"), std::string::npos);
+    }
+    EXPECT_TRUE(daemon_.waitForLog("to remove plug-in at " + bundle_ + " - client lacks required entitlement"));
+
+    // Any other value entitles: a string does, and so does true.
+    entitleTvkit(Value("yes"));
+    auto removed = raw("remove", {bundle_});
+    EXPECT_EQ(removed.exitStatus, 0) << removed.out;
+    // An unregistered path, even one that does not exist, reaches the
+    // registry, which refuses it.
+    std::string gone = daemon_.root() + "/bundles/Gone.vext";
+    auto r = raw("remove", {gone});
+    EXPECT_EQ(r.exitStatus, 1);
+    EXPECT_NE(r.out.find("\"errorcode\": 9"), std::string::npos);
+    EXPECT_NE(r.out.find("no plugin at " + gone), std::string::npos) << r.out;
 }
 
 } // namespace
