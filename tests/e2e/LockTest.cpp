@@ -1,7 +1,7 @@
 // "lock" through the real daemon and the client library: every refusal with
 // its code and text (and "conflicts" for busy plug-ins), holds taking
-// plug-ins out of "match" until released by token, and the holds of a client
-// that disconnects released with it.
+// plug-ins out of "match" until released by token, the holds of a client
+// that disconnects released with it, and tvkit's hold and release.
 #include "Tarvik/TvDaemonClient.h"
 #include "platform/PlatformConfig.h"
 #include "platform/formats/Vlist.h"
@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <future>
 #include <set>
@@ -226,6 +227,67 @@ TEST_F(LockTest, HoldsOfADisconnectedClientAreReleased)
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(matched(), (std::set<Uuid>{a_, b_}));
     EXPECT_EQ(notifications(), n + 2); // one per released hold
+}
+
+TEST_F(LockTest, TvkitHoldKeepsItsHoldUntilStoppedAndReleaseEndsOne)
+{
+    auto tvkit = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {TVKIT_BINARY, "--service", daemon_.socketPath()});
+        return test::runProgram(args, daemon_.clientEnv());
+    };
+    // Until SIGTERM: the token is printed and the plug-in stays held.
+    int in[2];
+    ASSERT_EQ(pipe(in), 0);
+    test::TempDir out;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_addopen(&actions, 1, out.file("token").c_str(), O_WRONLY | O_CREAT, 0600);
+    std::vector<std::string> args{TVKIT_BINARY, "--service", daemon_.socketPath(), "hold", plugInA_};
+    std::vector<char*> argv;
+    for (auto& a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::string config = "TVD_CONFIG=" + daemon_.configPath();
+    char* envp[] = {config.data(), nullptr};
+    pid_t pid = -1;
+    ASSERT_EQ(posix_spawn(&pid, TVKIT_BINARY, &actions, nullptr, argv.data(), envp), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    close(in[0]);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    std::error_code ec;
+    while (std::filesystem::file_size(out.file("token"), ec) < 37 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(std::filesystem::file_size(out.file("token"), ec), 37u);
+    EXPECT_EQ(matched(), (std::set<Uuid>{b_}));
+    kill(pid, SIGTERM);
+    int status = -1;
+    waitpid(pid, &status, 0);
+    close(in[1]);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(matched(), (std::set<Uuid>{a_, b_}));
+
+    // Standard input at its end: placed and released at once.
+    const std::uint64_t n = notifications();
+    auto held = tvkit({"hold", "--apps", app("com.example.b")});
+    EXPECT_EQ(held.exitStatus, 0) << held.err;
+    EXPECT_TRUE(Uuid::parse(held.out.substr(0, 36))) << held.out;
+    EXPECT_EQ(notifications(), n + 2);
+    auto refused = tvkit({"hold", "/no/such"});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_NE(refused.err.find("invalid path: /no/such (error 9)"), std::string::npos) << refused.err;
+
+    Uuid token = hold({plugInA_}, 2);
+    EXPECT_EQ(tvkit({"release", token.string()}).exitStatus, 0);
+    EXPECT_EQ(matched(), (std::set<Uuid>{a_, b_}));
+    EXPECT_EQ(tvkit({"release", "not-a-token"}).exitStatus, 2);
+    for (const char* command : {"hold", "release"}) {
+        auto help = tvkit({"help", command});
+        EXPECT_EQ(help.out.rfind(std::string("usage: tvkit ") + command + " [--json] ", 0), 0u) << help.out;
+        EXPECT_EQ(tvkit({command, "--help"}).out, help.out);
+        EXPECT_NE(tvkit({"--help"}).out.find(std::string("  ") + command + " "), std::string::npos);
+    }
+    EXPECT_NE(tvkit({"help", "hold"}).out.find("(SIGINT or SIGTERM) or its standard input ends"), std::string::npos);
 }
 
 } // namespace
