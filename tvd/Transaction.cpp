@@ -11,6 +11,7 @@
 #include "platform/security/SandboxService.h"
 #include "tvd/TvdTrace.h"
 #include "tvd/TvdPlugIn.h"
+#include "tvd/TvdPlugInHold.h"
 #include "tvd/TvdServer.h"
 #include "tvd/TvdUserPrefs.h"
 #include "tvd/TvdVynClient.h"
@@ -43,7 +44,7 @@ const std::array<Route, 9> kRoutes{{
     {"access", &Transaction::accessPlugIns},
     {"annotate", &Transaction::annotatePlugIns},
     {"bulk-annotate", &Transaction::bulkAnnotatePlugIns},
-    {"lock", nullptr},
+    {"lock", &Transaction::lockDownPlugIns},
 }};
 
 // The text of a version value: a string as it is, a number in decimal,
@@ -699,6 +700,103 @@ void Transaction::readyPlugIns()
         else
             done();
     });
+}
+
+void Transaction::lockDownPlugIns()
+{
+    if (const Array* tokens = request_.arrayForKey("uuids"))
+        releaseHolds(*tokens);
+    else
+        placeHold();
+}
+
+void Transaction::releaseHolds(const Array& tokens)
+{
+    auto db = server();
+    // One token per walk element, so that a long list yields to other
+    // clients; elements that are not UUID values are skipped.
+    auto element = [this, db, &tokens] {
+        if (const Uuid* token = tokens[walk_->next].asUuid())
+            db->unholdToken(*token);
+        return true;
+    };
+    walk(tokens.size(), std::move(element), [this] { done(); });
+}
+
+void Transaction::placeHold()
+{
+    const std::uint64_t flags = request_.uint64ForKey("flags");
+    auto db = server();
+    auto plugIns = std::make_shared<std::vector<std::shared_ptr<TvdPlugIn>>>();
+    auto step = [this, db, flags, plugIns](const std::string& path, bool resolved) {
+        if (!resolved) {
+            failMessage(9, formatString("invalid path: %@", path));
+            return false;
+        }
+        if (flags == 2) {
+            auto plugIn = db->findPlugInAtPath(Value::fileURL(path));
+            if (!plugIn) {
+                failMessage(9, formatString("no plug-in at path:%@", path));
+                return false;
+            }
+            plugIns->push_back(std::move(plugIn));
+            return true;
+        }
+        if (flags == 1) {
+            // An application without plug-ins adds nothing.
+            auto within = db->plugInsWithinApplication(Value::fileURL(path));
+            if (within)
+                plugIns->insert(plugIns->end(), within->begin(), within->end());
+            return true;
+        }
+        failMessage(4, "invalid request format (unsupported hold flags)");
+        return false;
+    };
+    marshalPaths(std::move(step), [this, flags, plugIns] {
+        if (flags == 2) {
+            grantHold(*plugIns);
+            return;
+        }
+        // Each busy check reads the process table, so the plug-ins are
+        // checked one per walk element and a long list yields.
+        auto busy = std::make_shared<Array>();
+        auto conflicts = std::make_shared<Array>();
+        auto check = [this, plugIns, busy, conflicts] {
+            const auto& plugIn = (*plugIns)[walk_->next];
+            Value conflict = plugIn->checkBusy();
+            if (!conflict.isNull()) {
+                busy->push_back(Value(identifierText(*plugIn) + "(" + uuidText(*plugIn) + ")"));
+                conflicts->push_back(std::move(conflict));
+            }
+            return true;
+        };
+        walk(plugIns->size(), std::move(check), [this, plugIns, busy, conflicts] {
+            if (!busy->empty()) {
+                TvLog::ops().debug("hold rejected. Busy plug-ins:%@", Value(std::move(*busy)));
+                reply_.set("conflicts", Value(std::move(*conflicts)));
+                failMessage(14, "plug-ins are busy");
+                return;
+            }
+            grantHold(*plugIns);
+        });
+    });
+}
+
+void Transaction::grantHold(const std::vector<std::shared_ptr<TvdPlugIn>>& plugIns)
+{
+    auto db = server();
+    auto hold = TvdPlugInHold::initWithPlugInsForClient(plugIns, client_);
+    const Uuid token = hold->uuid();
+    db->addHold(std::move(hold));
+    // A client that died while its request was served has had its holds
+    // released already (the client stops accepting work before its holds
+    // are released): this one would outlive it, so it goes too. The reply
+    // is dropped with the connection.
+    if (!client_->acceptWork())
+        db->unholdToken(token);
+    reply_.set("uuids", Value(token));
+    TvLog::ops().debug("hold request granted uuid:%{public}@", token.string());
+    done();
 }
 
 } // namespace tv

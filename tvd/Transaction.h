@@ -33,6 +33,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace tv {
 
@@ -109,6 +110,9 @@ public:
     void accessPlugIns();
     void annotatePlugIns();
     void bulkAnnotatePlugIns();
+    // "lock": places a hold on plug-ins named by path, or releases holds by
+    // token (docs/requests.md, "Holds").
+    void lockDownPlugIns();
 
     const std::shared_ptr<TvdVynClient>& client() const { return client_; }
     const platform::Message& request() const { return request_; }
@@ -134,6 +138,11 @@ private:
     bool continueWalk();
     bool walkPath(const Value& element, const PathStep& step);
     bool walkUuid(const Value& element, const UuidStep& step);
+    void releaseHolds(const Array& tokens);
+    void placeHold();
+    // Makes the hold on `plugIns` for the client, adds it to the server's
+    // table and replies with its token.
+    void grantHold(const std::vector<std::shared_ptr<TvdPlugIn>>& plugIns);
 
     std::shared_ptr<TvdVynClient> client_;
     platform::Message request_;

@@ -107,9 +107,12 @@ void TvdVynClient::dying()
 
 void TvdVynClient::dead()
 {
+    // Work is refused before the holds go, so that a hold request served
+    // meanwhile either sees the client dead (and releases its hold itself)
+    // or added its hold in time to be released here.
+    acceptWork_ = false;
     server_->unholdClient(shared_from_this());
     TvLog::ops().debug("client %d is dead", pid_);
-    acceptWork_ = false;
     TvdTrace::clientDone(pid_);
 }
 

@@ -9,14 +9,18 @@
 #include "platform/formats/TypedJson.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
 #include <iostream>
 #include <iterator>
+#include <pthread.h>
 #include <sstream>
+#include <thread>
 
 namespace tv {
 
@@ -36,6 +40,8 @@ const char* kOverview =
     "  remove PATH...   unregister plug-in bundles\n"
     "  elect UUID...    elect plug-ins (the user's choice to use them)\n"
     "  unelect UUID...  withdraw the election of plug-ins\n"
+    "  hold PATH...     take plug-ins out of use while the command runs\n"
+    "  release TOKEN    end a hold by its token\n"
     "  raw [JSON]       send one request written as typed JSON, print the reply\n"
     "  help [COMMAND]   show help for a command\n"
     "\n"
@@ -192,13 +198,46 @@ const char* kUnelectHelp =
     "\n"
     "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
 
+const char* kHoldHelp =
+    "usage: tvkit hold [--json] [--apps] PATH...\n"
+    "\n"
+    "Places a hold on plug-ins (a \"lock\" request): while it lasts, hosts are not\n"
+    "offered them. PATH names plug-in bundles, or with --apps applications, all\n"
+    "of whose plug-ins are held; an application is refused while one of its\n"
+    "plug-ins is running. Relative paths are taken from the working directory.\n"
+    "\n"
+    "Prints the hold's token, then waits, keeping the hold, until it is\n"
+    "interrupted (SIGINT or SIGTERM) or its standard input ends (end of file);\n"
+    "then it releases the hold and exits. The hold also ends when tvd loses the\n"
+    "connection. Use </dev/null to place a hold and release it at once.\n"
+    "\n"
+    "  --apps  PATH names applications (with the busy check)\n"
+    "  --json  print the reply as typed JSON instead of the bare token\n"
+    "\n"
+    "Errors: 14 \"plug-ins are busy\" (the running plug-ins are listed),\n"
+    "9 \"invalid path: PATH\" or \"no plug-in at path:PATH\".\n"
+    "\n"
+    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
+
+const char* kReleaseHelp =
+    "usage: tvkit release [--json] TOKEN\n"
+    "\n"
+    "Ends the hold with this token (a \"lock\" request with \"uuids\"), whichever\n"
+    "client placed it. An unknown or already released token is not an error.\n"
+    "\n"
+    "  --json  print the reply as typed JSON\n"
+    "\n"
+    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
+
 struct CommandHelp {
     const char* name;
     const char* text;
 };
 
 const CommandHelp kHelp[] = {
-    {"list", kListHelp}, {"match", kMatchHelp}, {"add", kAddHelp}, {"remove", kRemoveHelp}, {"elect", kElectHelp}, {"unelect", kUnelectHelp}, {"raw", kRawHelp},
+    {"list", kListHelp}, {"match", kMatchHelp}, {"add", kAddHelp},       {"remove", kRemoveHelp},
+    {"elect", kElectHelp}, {"unelect", kUnelectHelp}, {"hold", kHoldHelp}, {"release", kReleaseHelp},
+    {"raw", kRawHelp},
 };
 
 const char* helpFor(const std::string& command)
@@ -282,6 +321,10 @@ int Tvkit::run(const std::vector<std::string>& argsIn)
         return registration(command, args);
     if (command == "elect" || command == "unelect")
         return election(command, args);
+    if (command == "hold")
+        return hold(args);
+    if (command == "release")
+        return release(args);
     return usage("unknown command " + command);
 }
 
@@ -364,6 +407,139 @@ int Tvkit::election(const std::string& command, const std::vector<std::string>& 
     Value change{{"election", Value(std::int64_t{command == "elect" ? 1 : 0})}};
     return exchange([&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
         client.setPluginAnnotationsAnnotationsReply(uuids, change, std::move(reply));
+    }, json);
+}
+
+int Tvkit::hold(const std::vector<std::string>& args)
+{
+    bool json = false;
+    bool apps = false;
+    std::vector<std::string> rest;
+    for (const auto& a : args) {
+        if (a == "--apps")
+            apps = true;
+        else
+            rest.push_back(a);
+    }
+    std::string problem;
+    std::vector<std::string> paths = operands(rest, json, problem);
+    if (!problem.empty())
+        return usage(problem);
+    if (paths.empty())
+        return usage("hold needs at least one path");
+    for (auto& path : paths) {
+        std::error_code ec;
+        auto absolute = std::filesystem::absolute(path, ec);
+        if (ec)
+            return usage("cannot make " + path + " absolute: " + ec.message());
+        path = absolute.string();
+    }
+
+    // The signals are taken by sigtimedwait() below; blocked before the IPC
+    // service starts its threads, so that every thread inherits the mask.
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    sigset_t previous;
+    pthread_sigmask(SIG_BLOCK, &stop, &previous);
+    struct Restore {
+        sigset_t mask;
+        ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
+    } restore{previous};
+
+    auto config = platform::PlatformConfig::load();
+    if (!config) {
+        err_ << "tvkit: " << config.error().localizedDescription() << "\n";
+        return kExitUsage;
+    }
+    auto vyn = platform::LinuxVynService::create(*config);
+    if (!vyn) {
+        err_ << "tvkit: cannot set up the IPC service\n";
+        return kExitUnavailable;
+    }
+    // The hold lives as long as this client's connection.
+    TvDaemonClient client(vyn, service_.c_str());
+    auto ask = [](const std::function<void(TvDaemonClient::Reply)>& send) {
+        auto answered = std::make_shared<std::promise<platform::VynEvent>>();
+        send([answered](const platform::VynEvent& a) { answered->set_value(a); });
+        return answered->get_future().get();
+    };
+    platform::VynEvent answer = ask([&](TvDaemonClient::Reply reply) {
+        client.holdPluginsFlagsReply(paths, apps ? 1 : 2, std::move(reply));
+    });
+    if (auto error = platform::eventError(answer)) {
+        err_ << "tvkit: cannot reach tvd at " << service_ << ": " << error->description << "\n";
+        return kExitUnavailable;
+    }
+    const platform::Message& reply = *platform::eventMessage(answer);
+    if (json)
+        out_ << platform::toTypedJson(reply.body()) << "\n";
+    try {
+        if (auto error = TvDaemonClient::errorInReply(answer)) {
+            if (!json) {
+                err_ << "tvkit: tvd refused the hold: " << error->description.value_or("") << " (error "
+                     << error->code << ")\n";
+                if (const Array* conflicts = reply.get("conflicts").asArray())
+                    for (const Value& c : *conflicts)
+                        err_ << "  busy: " << platform::toTypedJson(c) << "\n";
+            }
+            return kExitErrorReply;
+        }
+    } catch (const TvInternalInconsistency& e) {
+        err_ << "tvkit: " << e.what() << "\n";
+        return kExitErrorReply;
+    }
+    const Uuid* token = reply.get("uuids").asUuid();
+    if (!token) {
+        err_ << "tvkit: tvd granted the hold without a token\n";
+        return kExitErrorReply;
+    }
+    if (!json)
+        out_ << token->string() << "\n";
+    out_.flush();
+
+    // Standard input is read on its own thread until it ends; the wait
+    // checks it between signal waits.
+    auto inputEnded = std::make_shared<std::atomic<bool>>(false);
+    std::thread reader([this, inputEnded] {
+        char buffer[4096];
+        while (in_.read(buffer, sizeof buffer) || in_.gcount() > 0) {
+        }
+        inputEnded->store(true);
+    });
+    const timespec tick{0, 100'000'000};
+    while (!inputEnded->load()) {
+        int got = sigtimedwait(&stop, nullptr, &tick);
+        if (got == SIGINT || got == SIGTERM)
+            break;
+    }
+    if (inputEnded->load())
+        reader.join();
+    else
+        reader.detach(); // still blocked reading; the process is about to end
+
+    // Released explicitly, so the hold is gone before the command exits.
+    answer = ask([&](TvDaemonClient::Reply r) { client.releaseHoldReply(*token, std::move(r)); });
+    if (platform::eventError(answer))
+        err_ << "tvkit: connection to tvd lost; the hold ended with it\n";
+    return kExitSuccess;
+}
+
+int Tvkit::release(const std::vector<std::string>& args)
+{
+    bool json = false;
+    std::string problem;
+    std::vector<std::string> tokens = operands(args, json, problem);
+    if (!problem.empty())
+        return usage(problem);
+    if (tokens.size() != 1)
+        return usage("release takes one hold token");
+    auto token = Uuid::parse(tokens[0]);
+    if (!token)
+        return usage("not a UUID: " + tokens[0]);
+    return exchange([&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
+        client.releaseHoldReply(*token, std::move(reply));
     }, json);
 }
 

@@ -40,6 +40,10 @@ private:
     int matchForms(const Value& rules, std::uint64_t flags, Value& forms);
     int registration(const std::string& command, const std::vector<std::string>& args);
     int election(const std::string& command, const std::vector<std::string>& args);
+    // Places a hold, prints its token and keeps the connection (and with it
+    // the hold) until SIGINT or SIGTERM arrives or standard input ends.
+    int hold(const std::vector<std::string>& args);
+    int release(const std::vector<std::string>& args);
     // Sends one request to the daemon and reports its answer: the reply as
     // typed JSON on standard output when `printReply`, else an error reply as
     // a line on standard error. Returns the exit status.

@@ -1,0 +1,294 @@
+// "lock" through the real daemon and the client library: every refusal with
+// its code and text (and "conflicts" for busy plug-ins), holds taking
+// plug-ins out of "match" until released by token, the holds of a client
+// that disconnects released with it, and tvkit's hold and release.
+#include "Tarvik/TvDaemonClient.h"
+#include "platform/PlatformConfig.h"
+#include "platform/formats/Vlist.h"
+#include "platform/ipc/LinuxVynService.h"
+#include "platform/notify/LinuxNotificationService.h"
+#include "tests/support/PlugInBundles.h"
+#include "tests/support/TestDaemon.h"
+#include "tvd/TvDatabase.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <future>
+#include <set>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace tv {
+namespace {
+
+using platform::Message;
+using platform::VynEvent;
+
+struct Connection {
+    std::shared_ptr<platform::LinuxVynService> vyn;
+    std::unique_ptr<TvDaemonClient> client;
+};
+
+class LockTest : public ::testing::Test {
+protected:
+    LockTest() : daemon_({"application_roots = " + apps_.path()}) {}
+
+    void SetUp() override
+    {
+        ASSERT_TRUE(daemon_.start()) << daemon_.log();
+        main_ = connect();
+        plugInA_ = test::makeApplicationWithPlugIn(apps_.path(), "com.example.a");
+        test::makeApplicationWithPlugIn(apps_.path(), "com.example.b");
+        a_ = test::installedUuid(daemon_, "com.example.a").value_or(Uuid());
+        b_ = test::installedUuid(daemon_, "com.example.b").value_or(Uuid());
+        ASSERT_FALSE(a_.isNil() || b_.isNil()) << daemon_.log();
+    }
+
+    void TearDown() override
+    {
+        if (busyPid_ > 0) {
+            kill(busyPid_, SIGKILL);
+            waitpid(busyPid_, nullptr, 0);
+        }
+    }
+
+    Connection connect()
+    {
+        Connection c;
+        c.vyn = platform::LinuxVynService::create(*platform::PlatformConfig::loadFile(daemon_.configPath()));
+        c.client = std::make_unique<TvDaemonClient>(c.vyn, daemon_.socketPath().c_str());
+        return c;
+    }
+
+    std::string app(const std::string& identifier) const
+    {
+        return std::filesystem::canonical(apps_.path() + "/" + identifier + ".app").string();
+    }
+
+    // The reply to `m` sent on `c` (main when null).
+    Message send(const Message& m, Connection* c = nullptr)
+    {
+        TvDaemonClient& client = *(c ? c : &main_)->client;
+        std::promise<VynEvent> answered;
+        auto f = answered.get_future();
+        client.sendReply(m, [&](const VynEvent& a) { answered.set_value(a); });
+        EXPECT_EQ(f.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+        VynEvent answer = f.get();
+        const Message* reply = platform::eventMessage(answer);
+        EXPECT_NE(reply, nullptr);
+        return reply ? *reply : Message();
+    }
+    Message lock(const Value& paths, const Value& flags, Connection* c = nullptr)
+    {
+        Message m = main_.client->request("lock");
+        m.set("paths", paths);
+        m.set("flags", flags);
+        return send(m, c);
+    }
+    // The token of a granted hold (nil when refused).
+    Uuid hold(const std::vector<std::string>& paths, std::uint64_t flags, Connection* c = nullptr)
+    {
+        Array list;
+        for (const auto& p : paths)
+            list.push_back(Value(p));
+        Message reply = lock(Value(std::move(list)), Value(flags), c);
+        EXPECT_EQ(reply.get("errorcode"), Value()) << reply.get("error").description();
+        const Uuid* token = reply.get("uuids").asUuid();
+        return token ? *token : Uuid();
+    }
+    Message release(const Array& tokens, Connection* c = nullptr)
+    {
+        Message m = main_.client->request("lock");
+        m.set("uuids", Value(tokens));
+        return send(m, c);
+    }
+    // The UUIDs "match" answers for the plug-ins' extension point.
+    std::set<Uuid> matched()
+    {
+        Message m = main_.client->request("match");
+        m.set("rules", Value{{"KoExtensionPointIdentifier", "com.veltra.share-services"}});
+        m.set("flags", Value(std::uint64_t{0}));
+        Value forms = main_.client->convertFromVYN(send(m).get("matches"));
+        std::set<Uuid> uuids;
+        for (const Value& form : forms.asArray() ? *forms.asArray() : Array{})
+            if (const Uuid* u = form["uuid"].asUuid())
+                uuids.insert(*u);
+            else if (auto parsed = form["uuid"].asString() ? Uuid::parse(*form["uuid"].asString()) : std::nullopt)
+                uuids.insert(*parsed);
+        return uuids;
+    }
+    std::uint64_t notifications()
+    {
+        return platform::LinuxNotificationService(daemon_.root() + "/run/tvd").state(kAnnotationChangeNotification);
+    }
+
+    test::TempDir apps_;
+    test::TestDaemon daemon_;
+    Connection main_;
+    std::string plugInA_;
+    Uuid a_, b_;
+    pid_t busyPid_ = -1;
+};
+
+TEST_F(LockTest, RefusalsCarryTheirCodeTextAndConflictsAndHoldNothing)
+{
+    // An application whose plug-in is running: a copy of sleep as the
+    // plug-in's executable.
+    const std::string busyApp = apps_.path() + "/com.example.busy.app";
+    std::filesystem::create_directories(busyApp);
+    ASSERT_FALSE(platform::writeVlistFileAtomically(busyApp + "/Info.vlist",
+                                                    Value{{"KbBundleIdentifier", "com.example.busy.app"}}));
+    test::makePlugInBundle(busyApp + "/PlugIns/P.vext", "com.example.busy", "/bin/sleep");
+    ASSERT_TRUE(test::installedUuid(daemon_, "com.example.busy")) << daemon_.log();
+    std::string exe = busyApp + "/PlugIns/P.vext/plugin";
+    char* argv[] = {exe.data(), const_cast<char*>("60"), nullptr};
+    ASSERT_EQ(posix_spawn(&busyPid_, exe.c_str(), nullptr, nullptr, argv, environ), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200)); // until its image is the copy
+
+    const Value none, a(app("com.example.a")), missing("/no/such/app");
+    auto u = [](std::uint64_t flags) { return Value(flags); }; // flags are unsigned on the wire
+    const Value busyConflicts(Array{Value{{"ExtensionBundleIdentifier", "com.example.busy"}}});
+    const std::string flagsText = "invalid request format (unsupported hold flags)";
+    struct Case {
+        Value paths, flags; // each left out of the request when null
+        std::int64_t code;
+        std::string text;
+        Value conflicts;
+    };
+    const Case cases[] = {
+        {none, u(1), 4, "invalid request format", none},
+        {Value("/x"), u(1), 4, "invalid request format", none},
+        {Value(Array{Value(1)}), u(1), 4, "invalid request format", none},
+        {Value(Array{Value("rel/x")}), u(1), 9, "absolute path required: rel/x", none},
+        {Value(Array{missing}), u(1), 9, "invalid path: /no/such/app", none},
+        {Value(Array{missing}), none, 9, "invalid path: /no/such/app", none}, // before the flags
+        {Value(Array{a}), none, 4, flagsText, none},
+        {Value(Array{a}), u(0), 4, flagsText, none},
+        {Value(Array{a}), u(3), 4, flagsText, none},
+        {Value(Array{a}), u(2), 9, "no plug-in at path:" + *a.asString(), none},
+        {Value(Array{Value(plugInA_), missing}), u(2), 9, "invalid path: /no/such/app", none},
+        {Value(Array{a, Value(app("com.example.busy"))}), u(1), 14, "plug-ins are busy", busyConflicts},
+    };
+    const std::uint64_t before = notifications();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.paths.description() + " flags " + c.flags.description());
+        Message reply = lock(c.paths, c.flags);
+        EXPECT_EQ(reply.get("errorcode").integerValue(), c.code);
+        EXPECT_EQ(reply.get("error"), Value(c.text)) << reply.get("error").description();
+        EXPECT_EQ(reply.get("conflicts"), c.conflicts);
+        EXPECT_TRUE(reply.get("uuids").isNull());
+    }
+    EXPECT_EQ(notifications(), before);
+    EXPECT_TRUE(matched().count(a_));
+    // A plug-in named by its own path is never refused as busy.
+    EXPECT_FALSE(hold({busyApp + "/PlugIns/P.vext"}, 2).isNil());
+}
+
+TEST_F(LockTest, HeldPlugInsLeaveMatchUntilTheirTokenIsReleased)
+{
+    const std::uint64_t n = notifications();
+    ASSERT_EQ(matched(), (std::set<Uuid>{a_, b_}));
+    Uuid onA = hold({plugInA_}, 2);
+    EXPECT_EQ(matched(), (std::set<Uuid>{b_}));
+    Uuid onB = hold({app("com.example.b")}, 1);
+    EXPECT_EQ(matched(), (std::set<Uuid>{}));
+    // Nothing named: a token for a hold that blocks nothing.
+    EXPECT_FALSE(hold({}, 0).isNil());
+    EXPECT_EQ(notifications(), n + 3);
+
+    // Non-UUID elements are skipped; a second release of a token and an
+    // unknown token change nothing and still succeed.
+    Message released = release(Array{Value("x"), Value(onA), Value(onA), Value(Uuid::random())});
+    EXPECT_TRUE(released.get("errorcode").isNull());
+    EXPECT_EQ(matched(), (std::set<Uuid>{a_}));
+    EXPECT_EQ(notifications(), n + 4);
+    // Any client may release a token.
+    Connection other = connect();
+    EXPECT_TRUE(release(Array{Value(onB)}, &other).get("errorcode").isNull());
+    EXPECT_EQ(matched(), (std::set<Uuid>{a_, b_}));
+    EXPECT_EQ(notifications(), n + 5);
+}
+
+TEST_F(LockTest, HoldsOfADisconnectedClientAreReleased)
+{
+    Connection other = connect();
+    hold({plugInA_}, 2, &other);
+    hold({app("com.example.b")}, 1, &other);
+    ASSERT_EQ(matched(), (std::set<Uuid>{}));
+    const std::uint64_t n = notifications();
+    other = Connection();
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (matched() != std::set<Uuid>{a_, b_} && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(matched(), (std::set<Uuid>{a_, b_}));
+    EXPECT_EQ(notifications(), n + 2); // one per released hold
+}
+
+TEST_F(LockTest, TvkitHoldKeepsItsHoldUntilStoppedAndReleaseEndsOne)
+{
+    auto tvkit = [&](std::vector<std::string> args) {
+        args.insert(args.begin(), {TVKIT_BINARY, "--service", daemon_.socketPath()});
+        return test::runProgram(args, daemon_.clientEnv());
+    };
+    // Until SIGTERM: the token is printed and the plug-in stays held.
+    int in[2];
+    ASSERT_EQ(pipe(in), 0);
+    test::TempDir out;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_addopen(&actions, 1, out.file("token").c_str(), O_WRONLY | O_CREAT, 0600);
+    std::vector<std::string> args{TVKIT_BINARY, "--service", daemon_.socketPath(), "hold", plugInA_};
+    std::vector<char*> argv;
+    for (auto& a : args)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
+    std::string config = "TVD_CONFIG=" + daemon_.configPath();
+    char* envp[] = {config.data(), nullptr};
+    pid_t pid = -1;
+    ASSERT_EQ(posix_spawn(&pid, TVKIT_BINARY, &actions, nullptr, argv.data(), envp), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    close(in[0]);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    std::error_code ec;
+    while (std::filesystem::file_size(out.file("token"), ec) < 37 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(std::filesystem::file_size(out.file("token"), ec), 37u);
+    EXPECT_EQ(matched(), (std::set<Uuid>{b_}));
+    kill(pid, SIGTERM);
+    int status = -1;
+    waitpid(pid, &status, 0);
+    close(in[1]);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(matched(), (std::set<Uuid>{a_, b_}));
+
+    // Standard input at its end: placed and released at once.
+    const std::uint64_t n = notifications();
+    auto held = tvkit({"hold", "--apps", app("com.example.b")});
+    EXPECT_EQ(held.exitStatus, 0) << held.err;
+    EXPECT_TRUE(Uuid::parse(held.out.substr(0, 36))) << held.out;
+    EXPECT_EQ(notifications(), n + 2);
+    auto refused = tvkit({"hold", "/no/such"});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_NE(refused.err.find("invalid path: /no/such (error 9)"), std::string::npos) << refused.err;
+
+    Uuid token = hold({plugInA_}, 2);
+    EXPECT_EQ(tvkit({"release", token.string()}).exitStatus, 0);
+    EXPECT_EQ(matched(), (std::set<Uuid>{a_, b_}));
+    EXPECT_EQ(tvkit({"release", "not-a-token"}).exitStatus, 2);
+    for (const char* command : {"hold", "release"}) {
+        auto help = tvkit({"help", command});
+        EXPECT_EQ(help.out.rfind(std::string("usage: tvkit ") + command + " [--json] ", 0), 0u) << help.out;
+        EXPECT_EQ(tvkit({command, "--help"}).out, help.out);
+        EXPECT_NE(tvkit({"--help"}).out.find(std::string("  ") + command + " "), std::string::npos);
+    }
+    EXPECT_NE(tvkit({"help", "hold"}).out.find("(SIGINT or SIGTERM) or its standard input ends"), std::string::npos);
+}
+
+} // namespace
+} // namespace tv
