@@ -1,12 +1,14 @@
-// tvkit's request commands against the real daemon: add, remove, elect and
-// unelect, plain, with --json and as raw requests; the path handling of the
-// request frame and the manager entitlement, read from an administrator's
+// tvkit's request commands against the real daemon: add, remove, elect,
+// unelect, ready and access, plain, with --json and as raw requests; the
+// path handling of the request frame and the manager entitlement, read from an administrator's
 // drop-in.
 #include "platform/formats/Vlist.h"
 #include "tests/support/PlugInBundles.h"
 #include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 #include <filesystem>
 #include <sys/stat.h>
@@ -52,7 +54,7 @@ protected:
 
 TEST_F(TvkitCommandsTest, CommandsSendTheirRequestsAndReportTheAnswer)
 {
-    for (const char* command : {"add", "remove", "elect", "unelect"}) {
+    for (const char* command : {"add", "remove", "elect", "unelect", "ready", "access"}) {
         auto help = tvkit({"help", command});
         EXPECT_EQ(help.out.rfind(std::string("usage: tvkit ") + command + " [--json] ", 0), 0u) << help.out;
         EXPECT_EQ(tvkit({command, "--help"}).out, help.out);
@@ -72,6 +74,12 @@ TEST_F(TvkitCommandsTest, CommandsSendTheirRequestsAndReportTheAnswer)
     }
     EXPECT_TRUE(daemon_.waitForLog("com.example.pick(" + uuid->string() + ") election := 1"));
     EXPECT_TRUE(daemon_.waitForLog("com.example.pick(" + uuid->string() + ") election := 0"));
+    auto ready = tvkit({"ready", uuid->string()});
+    EXPECT_EQ(ready.exitStatus, 0) << ready.err;
+    EXPECT_TRUE(daemon_.waitForLog("to use plug-in com.example.pick("));
+    auto access = tvkit({"access", uuid->string(), uuid->string()});
+    EXPECT_EQ(access.exitStatus, 0) << access.err;
+    EXPECT_EQ(std::count(access.out.begin(), access.out.end(), '\n'), 2) << access.out;
 
     auto unknown = tvkit({"elect", "--json", "FFFFFFFF-0000-4000-8000-000000000000"});
     EXPECT_EQ(unknown.exitStatus, 1);

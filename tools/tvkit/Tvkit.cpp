@@ -40,6 +40,8 @@ const char* kOverview =
     "  remove PATH...   unregister plug-in bundles\n"
     "  elect UUID...    elect plug-ins (the user's choice to use them)\n"
     "  unelect UUID...  withdraw the election of plug-ins\n"
+    "  ready UUID...    prepare plug-ins for use by this process (\"ready\")\n"
+    "  access UUID...   print a read-only token for each plug-in's bundle\n"
     "  hold PATH...     take plug-ins out of use while the command runs\n"
     "  release TOKEN    end a hold by its token\n"
     "  raw [JSON]       send one request written as typed JSON, print the reply\n"
@@ -169,6 +171,31 @@ const char* kRemoveHelp =
     "\n"
     "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
 
+const char* kReadyHelp =
+    "usage: tvkit ready [--json] UUID...\n"
+    "\n"
+    "Asks tvd to prepare the plug-ins with these UUIDs for use by this tvkit\n"
+    "process (a \"ready\" request): each must not be on hold and must allow\n"
+    "this host; then each is registered with the job manager for it.\n"
+    "\n"
+    "  --json  print the reply as typed JSON\n"
+    "\n"
+    "Errors: 11 \"access to plugin ID denied: REASON\" when a plug-in is on hold\n"
+    "or refuses this host (nothing is enabled then); 4 for an unknown UUID.\n"
+    "\n"
+    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
+
+const char* kAccessHelp =
+    "usage: tvkit access [--json] UUID...\n"
+    "\n"
+    "Asks tvd for read-only access to the bundles of the plug-ins with these\n"
+    "UUIDs (an \"access\" request) and prints one token per plug-in, in the\n"
+    "order given, one per line; with --json the reply as typed JSON.\n"
+    "\n"
+    "Errors: 4 for an unknown UUID or a bundle that cannot be granted.\n"
+    "\n"
+    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
+
 const char* kElectHelp =
     "usage: tvkit elect [--json] UUID...\n"
     "\n"
@@ -236,7 +263,8 @@ struct CommandHelp {
 
 const CommandHelp kHelp[] = {
     {"list", kListHelp}, {"match", kMatchHelp}, {"add", kAddHelp},       {"remove", kRemoveHelp},
-    {"elect", kElectHelp}, {"unelect", kUnelectHelp}, {"hold", kHoldHelp}, {"release", kReleaseHelp},
+    {"elect", kElectHelp}, {"unelect", kUnelectHelp},
+    {"ready", kReadyHelp}, {"access", kAccessHelp}, {"hold", kHoldHelp}, {"release", kReleaseHelp},
     {"raw", kRawHelp},
 };
 
@@ -319,8 +347,8 @@ int Tvkit::run(const std::vector<std::string>& argsIn)
         return list(args);
     if (command == "add" || command == "remove")
         return registration(command, args);
-    if (command == "elect" || command == "unelect")
-        return election(command, args);
+    if (command == "elect" || command == "unelect" || command == "ready" || command == "access")
+        return byUuid(command, args);
     if (command == "hold")
         return hold(args);
     if (command == "release")
@@ -388,7 +416,7 @@ int Tvkit::registration(const std::string& command, const std::vector<std::strin
     }, json);
 }
 
-int Tvkit::election(const std::string& command, const std::vector<std::string>& args)
+int Tvkit::byUuid(const std::string& command, const std::vector<std::string>& args)
 {
     bool json = false;
     std::string problem;
@@ -404,6 +432,20 @@ int Tvkit::election(const std::string& command, const std::vector<std::string>& 
             return usage("not a UUID: " + text);
         uuids.push_back(*uuid);
     }
+    if (command == "ready")
+        return exchange([&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
+            client.readyPlugInsFlagsReply(uuids, 0, std::move(reply));
+        }, json);
+    if (command == "access")
+        return exchange(
+            [&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
+                client.accessPlugInsFlagsReply(uuids, 0, std::move(reply));
+            },
+            json, [this](const Value& body) {
+                if (const Array* tokens = body["extensions"].asArray())
+                    for (const Value& token : *tokens)
+                        out_ << textOf(token) << "\n";
+            });
     Value change{{"election", Value(std::int64_t{command == "elect" ? 1 : 0})}};
     return exchange([&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
         client.setPluginAnnotationsAnnotationsReply(uuids, change, std::move(reply));
@@ -567,7 +609,7 @@ int Tvkit::request(const Send& send, platform::VynEvent& answer)
     return kExitSuccess;
 }
 
-int Tvkit::exchange(const Send& send, bool printReply)
+int Tvkit::exchange(const Send& send, bool printReply, const std::function<void(const Value&)>& printSuccess)
 {
     platform::VynEvent answer;
     if (int status = request(send, answer); status != kExitSuccess)
@@ -576,8 +618,11 @@ int Tvkit::exchange(const Send& send, bool printReply)
         out_ << platform::toTypedJson(platform::eventMessage(answer)->body()) << "\n";
     try {
         auto error = TvDaemonClient::errorInReply(answer);
-        if (!error)
+        if (!error) {
+            if (!printReply && printSuccess)
+                printSuccess(platform::eventMessage(answer)->body());
             return kExitSuccess;
+        }
         if (!printReply)
             err_ << "tvkit: tvd refused the request: " << error->description.value_or("") << " (error "
                  << error->code << ")\n";

@@ -39,7 +39,8 @@ private:
     // forms in `forms`, or the exit status of a failure (reported).
     int matchForms(const Value& rules, std::uint64_t flags, Value& forms);
     int registration(const std::string& command, const std::vector<std::string>& args);
-    int election(const std::string& command, const std::vector<std::string>& args);
+    // elect, unelect, ready and access: a request naming plug-ins by UUID.
+    int byUuid(const std::string& command, const std::vector<std::string>& args);
     // Places a hold, prints its token and keeps the connection (and with it
     // the hold) until SIGINT or SIGTERM arrives or standard input ends.
     int hold(const std::vector<std::string>& args);
@@ -47,7 +48,9 @@ private:
     // Sends one request to the daemon and reports its answer: the reply as
     // typed JSON on standard output when `printReply`, else an error reply as
     // a line on standard error. Returns the exit status.
-    int exchange(const Send& send, bool printReply);
+    // `printSuccess`, when set and the reply is not printed whole, shows a
+    // successful reply's body.
+    int exchange(const Send& send, bool printReply, const std::function<void(const Value&)>& printSuccess = {});
     // Sends one request and waits for its answer: kExitSuccess with `answer`
     // set, or the exit status of a failure to reach the daemon (reported).
     int request(const Send& send, platform::VynEvent& answer);
