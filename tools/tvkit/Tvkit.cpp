@@ -301,6 +301,20 @@ std::vector<std::string> operands(const std::vector<std::string>& args, bool& js
     return out;
 }
 
+// Makes each path absolute (the daemon takes absolute paths only and
+// canonicalises them itself); the problem with the first that cannot be.
+std::string makeAbsolute(std::vector<std::string>& paths)
+{
+    for (auto& path : paths) {
+        std::error_code ec;
+        auto absolute = std::filesystem::absolute(path, ec);
+        if (ec)
+            return "cannot make " + path + " absolute: " + ec.message();
+        path = absolute.string();
+    }
+    return {};
+}
+
 } // namespace
 
 int Tvkit::usage(const std::string& problem)
@@ -399,14 +413,8 @@ int Tvkit::registration(const std::string& command, const std::vector<std::strin
         return usage(problem);
     if (paths.empty())
         return usage(command + " needs at least one path");
-    // The daemon takes absolute paths only; it canonicalises them itself.
-    for (auto& path : paths) {
-        std::error_code ec;
-        auto absolute = std::filesystem::absolute(path, ec);
-        if (ec)
-            return usage("cannot make " + path + " absolute: " + ec.message());
-        path = absolute.string();
-    }
+    if (std::string unusable = makeAbsolute(paths); !unusable.empty())
+        return usage(unusable);
     bool add = command == "add";
     return exchange([&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
         if (add)
@@ -469,13 +477,8 @@ int Tvkit::hold(const std::vector<std::string>& args)
         return usage(problem);
     if (paths.empty())
         return usage("hold needs at least one path");
-    for (auto& path : paths) {
-        std::error_code ec;
-        auto absolute = std::filesystem::absolute(path, ec);
-        if (ec)
-            return usage("cannot make " + path + " absolute: " + ec.message());
-        path = absolute.string();
-    }
+    if (std::string unusable = makeAbsolute(paths); !unusable.empty())
+        return usage(unusable);
 
     // The signals are taken by sigtimedwait() below; blocked before the IPC
     // service starts its threads, so that every thread inherits the mask.
