@@ -1,4 +1,5 @@
-// tvd_requests: annotation requests and the busy check, each measured beside
+// tvd_requests: annotation requests, "ready" for 50 plug-ins and the busy
+// check, each measured beside
 // a baseline run in the same process run, reported as ratios.
 //
 //   tvd_requests --tvd PATH [--rounds N] [--processes P]
@@ -252,6 +253,52 @@ void annotations(const std::string& tvd, int rounds)
     std::filesystem::remove_all(gRuntime);
 }
 
+// "ready" for 50 plug-ins of one application, each enabled for this process
+// with the job manager, beside a "bulk" round trip through the same client
+// (a request that touches no plug-in): the ratio is the cost of the checks
+// and the 50 registrations.
+void readyFifty(const std::string& tvd, int rounds)
+{
+    constexpr int kPlugIns = 50;
+    std::string dir = scratchDirectory();
+    std::string socket = dir + "/vyn/tvd";
+    pid_t daemon = startTvd(tvd, dir, socket, dir + "/Annotations");
+    auto config = platform::PlatformConfig::load();
+    std::shared_ptr<platform::VynService> vyn = platform::LinuxVynService::create(*config);
+    TvDaemonClient client(vyn, socket.c_str());
+
+    std::filesystem::create_directories(dir + "/apps/Fifty.app");
+    if (platform::writeVlistFileAtomically(dir + "/apps/Fifty.app/Info.vlist",
+                                           Value{{"KbBundleIdentifier", "com.example.fifty.app"}}))
+        die("cannot write the application");
+    for (int i = 0; i < kPlugIns; ++i)
+        writePlugIn(dir + "/apps/Fifty.app/PlugIns/P" + std::to_string(i) + ".vext",
+                    "com.example.fifty" + std::to_string(i), "/bin/true");
+    std::vector<Uuid> uuids;
+    for (int i = 0; i < kPlugIns; ++i)
+        uuids.push_back(installedUuid(dir + "/tvd.log", "com.example.fifty" + std::to_string(i)));
+
+    std::vector<double> readyTimes, bulkTimes;
+    for (int i = 0; i < rounds; ++i) {
+        auto t = Clock::now();
+        check(roundTrip([&](auto reply) { client.readyPlugInsFlagsReply(uuids, 0, reply); }), "ready");
+        readyTimes.push_back(micros(Clock::now() - t));
+        t = Clock::now();
+        check(roundTrip([&](auto reply) { client.bulkPluginsReply(0, reply); }), "bulk");
+        bulkTimes.push_back(micros(Clock::now() - t));
+    }
+    ::kill(daemon, SIGTERM);
+    ::waitpid(daemon, nullptr, 0);
+    gDaemon = -1;
+    double ready = median(readyTimes), bulk = median(bulkTimes);
+    std::printf("ready: %d plug-ins, median of %d:\n", kPlugIns, rounds);
+    std::printf("  bulk round trip (touches nothing)   %9.1f us\n", bulk);
+    std::printf("  ready round trip                    %9.1f us  %.2fx bulk, %.1f us per plug-in\n", ready,
+                ready / bulk, (ready - bulk) / kPlugIns);
+    std::filesystem::remove_all(dir);
+    std::filesystem::remove_all(gRuntime);
+}
+
 std::size_t rawProcScan()
 {
     std::size_t seen = 0;
@@ -327,6 +374,7 @@ int main(int argc, char** argv)
     }
     std::signal(SIGPIPE, SIG_IGN);
     annotations(tvd, rounds);
+    readyFifty(tvd, rounds);
     busyCheck(processes, rounds);
     return 0;
 }
