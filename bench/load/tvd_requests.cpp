@@ -1,6 +1,6 @@
 // tvd_requests: annotation requests, "ready" for 50 plug-ins and the busy
-// check, each measured beside
-// a baseline run in the same process run, reported as ratios.
+// check, each measured beside a baseline run in the same process run,
+// reported as ratios.
 //
 //   tvd_requests --tvd PATH [--rounds N] [--processes P]
 //
