@@ -1,5 +1,6 @@
 #include "tvd/Transaction.h"
 
+#include "tests/support/LogCapture.h"
 #include "tests/support/RegistryRecords.h"
 #include "tests/support/ServerHarness.h"
 #include "tvd/TvdPlugIn.h"
@@ -90,6 +91,26 @@ TEST_F(TransactionUuidListTest, RefusalsEndTheRequestAfterTheEarlierElements)
         ASSERT_EQ(w.replies.size(), 1u);
         EXPECT_EQ(w.replies[0].body(), (Value{{"errorcode", std::uint64_t{4}}, {"error", error}}));
     }
+}
+
+// "ready" enables every plug-in it kept, once each, even after one failed,
+// and answers with the first failure. (These bundles are not on disk, so
+// each has no executable.)
+TEST_F(TransactionUuidListTest, ReadyEnablesEveryKeptPlugInOnceAndReportsTheFirstFailure)
+{
+    test::LogCapture log;
+    auto c = h_.connect(42);
+    h_.send(*c, Value{{"request", "ready"},
+                      {"version", std::uint64_t{3}},
+                      {"uuids", Value(Array{Value(a_->uuid), Value(b_->uuid), Value(a_->uuid)})}});
+    h_.drain();
+    auto replies = h_.replies(*c);
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies[0].body(),
+              (Value{{"errorcode", std::uint64_t{4}},
+                     {"error", "cannot obtain executable path for plug-in com.example.a(" + a_->uuid.string() + ")"}}));
+    EXPECT_EQ(log.countContaining("failed to obtain execPath for plug-in com.example.a("), 1u);
+    EXPECT_EQ(log.countContaining("failed to obtain execPath for plug-in com.example.b("), 1u);
 }
 
 } // namespace
