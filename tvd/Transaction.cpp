@@ -689,16 +689,21 @@ void Transaction::readyPlugIns()
         return true;
     };
     marshalUuids(step, [this, kept] {
-        // Every kept plug-in is enabled even after a failure; the first one
-        // is reported.
-        MaybeError first;
-        for (const auto& plugIn : *kept)
-            if (MaybeError error = plugIn->enableForClient(*client_); error && !first)
-                first = std::move(error);
-        if (first)
-            failError(static_cast<std::uint64_t>(first->code), *first);
-        else
-            done();
+        // Every kept plug-in is enabled even after a failure, the first
+        // failure being answered; enabling yields between plug-ins like the
+        // checks did.
+        auto first = std::make_shared<MaybeError>();
+        auto enable = [this, kept, first, next = std::size_t{0}]() mutable {
+            if (MaybeError error = (*kept)[next++]->enableForClient(*client_); error && !*first)
+                *first = std::move(error);
+            return true;
+        };
+        walk(kept->size(), std::move(enable), [this, first] {
+            if (*first)
+                failError(static_cast<std::uint64_t>((*first)->code), **first);
+            else
+                done();
+        });
     });
 }
 
