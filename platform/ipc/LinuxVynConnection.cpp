@@ -492,11 +492,7 @@ void LinuxVynConnection::processFrames()
         if (request) {
             reserve = std::min({limits_.maxQueuedPerConnection, limits_.maxQueuedPerUid,
                                 header_->bodyLength * kMaxDecodedCostPerByte + kDecodedCostOverhead});
-            if (!mayDecode(reserve)) {
-                {
-                    std::lock_guard lock(outMutex_);
-                    readingPaused_ = true;
-                }
+            if (!mayDecode(reserve)) { // marks the pause
                 setReading(false);
                 return;
             }
@@ -523,17 +519,29 @@ void LinuxVynConnection::processFrames()
 
 bool LinuxVynConnection::mayDecode(std::size_t reserve)
 {
+    // The pause is marked under the same lock as the check: a request that
+    // finishes on another thread meanwhile (requestDone) then sees the pause
+    // and resumes reading, instead of finding nothing paused yet.
     std::size_t queued;
+    bool full;
     {
         std::lock_guard lock(outMutex_);
         queued = queuedBytes_;
+        full = queued > 0 && queued + reserve > limits_.maxQueuedPerConnection;
+        if (full)
+            readingPaused_ = true;
     }
-    if (queued > 0 && queued + reserve > limits_.maxQueuedPerConnection) {
+    if (full) {
         platformLog(LogLevel::Debug, "vyn", "%{public}s: reading paused: %zu bytes of requests queued", description_,
                     queued);
         return false;
     }
+    // A connection waiting for its uid's quota is woken through the table.
     if (!slot_->table()->reserve(auditToken_.uid, reserve, weak_from_this())) {
+        {
+            std::lock_guard lock(outMutex_);
+            readingPaused_ = true;
+        }
         platformLog(LogLevel::Debug, "vyn", "%{public}s: reading paused: quota of uid %u full", description_,
                     auditToken_.uid);
         return false;

@@ -126,6 +126,9 @@ private:
     void processFrames();
     void dispatch(Message message, std::size_t cost);
     void resumeReading();
+    // Whether a request reserving `reserve` decoded bytes may be read now;
+    // when not, reading is marked paused, to be resumed by a finished
+    // request of this connection or by the uid's quota freeing up.
     bool mayDecode(std::size_t reserve);
     // Wakes connections that waited for their uid's quota and gives freed
     // memory back to the system when the table asks for it.
