@@ -18,6 +18,7 @@
 #include <future>
 #include <iostream>
 #include <iterator>
+#include <mutex>
 #include <pthread.h>
 #include <sstream>
 #include <thread>
@@ -601,9 +602,15 @@ int Tvkit::request(const Send& send, platform::VynEvent& answer)
         return kExitUnavailable;
     }
     TvDaemonClient client(vyn, service_.c_str());
-    std::promise<platform::VynEvent> answered;
-    send(client, [&answered](const platform::VynEvent& a) { answered.set_value(a); });
-    answer = answered.get_future().get();
+    // The first answer counts. A failed connection may report again after
+    // this function returned, so the handler owns what it writes to.
+    auto answered = std::make_shared<std::promise<platform::VynEvent>>();
+    auto once = std::make_shared<std::once_flag>();
+    auto future = answered->get_future();
+    send(client, [answered, once](const platform::VynEvent& a) {
+        std::call_once(*once, [&] { answered->set_value(a); });
+    });
+    answer = future.get();
 
     if (auto error = platform::eventError(answer)) {
         err_ << "tvkit: cannot reach tvd at " << service_ << ": " << error->description << "\n";
