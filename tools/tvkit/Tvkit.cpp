@@ -283,8 +283,10 @@ bool isHelpOption(const std::string& a)
 }
 
 // Splits a command's arguments into its operands and the --json flag; an
-// empty result with `problem` set when an option is unknown.
-std::vector<std::string> operands(const std::vector<std::string>& args, bool& json, std::string& problem)
+// empty result with `problem` set when an option is unknown, or when there
+// is no operand and `needsOne` says what is missing.
+std::vector<std::string> operands(const std::vector<std::string>& args, bool& json, std::string& problem,
+                                  const std::string& needsOne = {})
 {
     std::vector<std::string> out;
     bool optionsEnded = false;
@@ -299,6 +301,8 @@ std::vector<std::string> operands(const std::vector<std::string>& args, bool& js
         } else
             out.push_back(a);
     }
+    if (out.empty() && !needsOne.empty())
+        problem = needsOne;
     return out;
 }
 
@@ -409,11 +413,9 @@ int Tvkit::registration(const std::string& command, const std::vector<std::strin
 {
     bool json = false;
     std::string problem;
-    std::vector<std::string> paths = operands(args, json, problem);
+    std::vector<std::string> paths = operands(args, json, problem, command + " needs at least one path");
     if (!problem.empty())
         return usage(problem);
-    if (paths.empty())
-        return usage(command + " needs at least one path");
     if (std::string unusable = makeAbsolute(paths); !unusable.empty())
         return usage(unusable);
     bool add = command == "add";
@@ -429,11 +431,9 @@ int Tvkit::byUuid(const std::string& command, const std::vector<std::string>& ar
 {
     bool json = false;
     std::string problem;
-    std::vector<std::string> operandList = operands(args, json, problem);
+    std::vector<std::string> operandList = operands(args, json, problem, command + " needs at least one plug-in UUID");
     if (!problem.empty())
         return usage(problem);
-    if (operandList.empty())
-        return usage(command + " needs at least one plug-in UUID");
     std::vector<Uuid> uuids;
     for (const auto& text : operandList) {
         auto uuid = Uuid::parse(text);
@@ -473,11 +473,9 @@ int Tvkit::hold(const std::vector<std::string>& args)
             rest.push_back(a);
     }
     std::string problem;
-    std::vector<std::string> paths = operands(rest, json, problem);
+    std::vector<std::string> paths = operands(rest, json, problem, "hold needs at least one path");
     if (!problem.empty())
         return usage(problem);
-    if (paths.empty())
-        return usage("hold needs at least one path");
     if (std::string unusable = makeAbsolute(paths); !unusable.empty())
         return usage(unusable);
 
