@@ -8,7 +8,7 @@ namespace tv {
 
 InterfaceDescriptorRegistry& InterfaceDescriptorRegistry::shared()
 {
-    static InterfaceDescriptorRegistry registry;
+    static InterfaceDescriptorRegistry& registry = *new InterfaceDescriptorRegistry;
     return registry;
 }
 

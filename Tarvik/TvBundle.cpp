@@ -11,13 +11,13 @@ namespace {
 
 std::mutex& serviceMutex()
 {
-    static std::mutex mutex;
+    static std::mutex& mutex = *new std::mutex;
     return mutex;
 }
 
 TvBundle::ServicePtr& installedService()
 {
-    static TvBundle::ServicePtr service;
+    static TvBundle::ServicePtr& service = *new TvBundle::ServicePtr;
     return service;
 }
 

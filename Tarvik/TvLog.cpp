@@ -25,8 +25,9 @@ std::unique_ptr<TvLog> createHandle(const char* category)
 
 const Categories& categories()
 {
+    // Never destroyed: queue threads may still log while the process exits.
     static std::once_flag once;
-    static Categories cats;
+    static Categories& cats = *new Categories;
     std::call_once(once, [] {
         const char* names[] = {"ops", "traffic", "extension", "rs"};
         for (std::size_t i = 0; i < 4; ++i) {
@@ -49,7 +50,7 @@ const TvLog& TvLog::rs() { return *categories().handles[3]; }
 
 const TvLog& TvLog::defaultLog()
 {
-    static const TvLog log("", "");
+    static const TvLog& log = *new TvLog("", "");
     return log;
 }
 

@@ -72,7 +72,7 @@ struct SdkRegistryHolder {
 
 SdkRegistryHolder& sdkRegistryHolder()
 {
-    static SdkRegistryHolder holder;
+    static SdkRegistryHolder& holder = *new SdkRegistryHolder;
     return holder;
 }
 

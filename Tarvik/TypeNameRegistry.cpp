@@ -4,7 +4,7 @@ namespace tv {
 
 TypeNameRegistry& TypeNameRegistry::shared()
 {
-    static TypeNameRegistry registry;
+    static TypeNameRegistry& registry = *new TypeNameRegistry;
     return registry;
 }
 

@@ -121,20 +121,32 @@ void SerialQueue::runTask(Task& task)
 }
 
 namespace {
-std::mutex gHandlerMutex;
-SerialQueue::UncaughtExceptionHandler gHandler;
+// Queue threads may still run while the process exits, so what they reach
+// through globals is never destroyed.
+struct HandlerSlot {
+    std::mutex mutex;
+    SerialQueue::UncaughtExceptionHandler handler;
+};
+
+HandlerSlot& handlerSlot()
+{
+    static HandlerSlot& slot = *new HandlerSlot;
+    return slot;
+}
 } // namespace
 
 void SerialQueue::setUncaughtExceptionHandler(UncaughtExceptionHandler handler)
 {
-    std::lock_guard lock(gHandlerMutex);
-    gHandler = std::move(handler);
+    HandlerSlot& slot = handlerSlot();
+    std::lock_guard lock(slot.mutex);
+    slot.handler = std::move(handler);
 }
 
 SerialQueue::UncaughtExceptionHandler SerialQueue::uncaughtExceptionHandler()
 {
-    std::lock_guard lock(gHandlerMutex);
-    return gHandler;
+    HandlerSlot& slot = handlerSlot();
+    std::lock_guard lock(slot.mutex);
+    return slot.handler;
 }
 
 void SerialQueue::workerLoop()

@@ -61,13 +61,13 @@ Value Value::fileURL(std::string_view path)
 
 const Value& Value::emptyDictionary()
 {
-    static const Value v{Dictionary{}};
+    static const Value& v = *new Value(Dictionary{});
     return v;
 }
 
 const Value& Value::emptyArray()
 {
-    static const Value v{Array{}};
+    static const Value& v = *new Value(Array{});
     return v;
 }
 
@@ -190,7 +190,7 @@ std::uint64_t Value::unsignedValue() const
 
 static const Value& nullValue()
 {
-    static const Value v;
+    static const Value& v = *new Value();
     return v;
 }
 

@@ -20,13 +20,13 @@ static_assert(kNodeCost / 5 <= kMaxDecodedCostPerByte && sizeof(Value) <= kMaxDe
 
 const Value& emptyString()
 {
-    static const Value v{std::string()};
+    static const Value& v = *new Value(std::string());
     return v;
 }
 
 const Value& emptyData()
 {
-    static const Value v = Value::data({});
+    static const Value& v = *new Value(Value::data({}));
     return v;
 }
 

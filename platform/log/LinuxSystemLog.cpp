@@ -139,8 +139,18 @@ void LinuxSystemLog::write(const LogRecord& r)
 }
 
 namespace {
-std::mutex gLogMutex;
-std::shared_ptr<SystemLog> gLog;
+// Never destroyed: queue threads may still log while the process exits.
+struct LogSlot {
+    std::mutex mutex;
+    std::shared_ptr<SystemLog> log;
+};
+
+LogSlot& logSlot()
+{
+    static LogSlot& slot = *new LogSlot;
+    return slot;
+}
+
 std::atomic<SystemLog*> gLogRaw{nullptr};
 } // namespace
 
@@ -148,22 +158,24 @@ SystemLog& systemLog()
 {
     if (SystemLog* l = gLogRaw.load(std::memory_order_acquire))
         return *l;
-    std::lock_guard lock(gLogMutex);
-    if (!gLog) {
-        gLog = std::make_shared<LinuxSystemLog>();
-        gLogRaw.store(gLog.get(), std::memory_order_release);
+    LogSlot& slot = logSlot();
+    std::lock_guard lock(slot.mutex);
+    if (!slot.log) {
+        slot.log = std::make_shared<LinuxSystemLog>();
+        gLogRaw.store(slot.log.get(), std::memory_order_release);
     }
-    return *gLog;
+    return *slot.log;
 }
 
 std::shared_ptr<SystemLog> setSystemLog(std::shared_ptr<SystemLog> log)
 {
-    std::lock_guard lock(gLogMutex);
+    LogSlot& slot = logSlot();
+    std::lock_guard lock(slot.mutex);
     if (!log)
         log = std::make_shared<LinuxSystemLog>();
-    auto previous = std::move(gLog);
-    gLog = std::move(log);
-    gLogRaw.store(gLog.get(), std::memory_order_release);
+    auto previous = std::move(slot.log);
+    slot.log = std::move(log);
+    gLogRaw.store(slot.log.get(), std::memory_order_release);
     // The previous log is handed back (not destroyed here) so that a thread
     // still writing to it through systemLog() finishes safely; tests restore
     // it when they are done.

@@ -319,30 +319,41 @@ bool LinuxSandboxService::isProcessSandboxed(pid_t pid)
 }
 
 namespace {
-std::mutex gSandboxMutex;
-std::shared_ptr<SandboxService> gSandbox;
+// Never destroyed: threads of the process may ask for it while it exits.
+struct SandboxSlot {
+    std::mutex mutex;
+    std::shared_ptr<SandboxService> service;
+};
+
+SandboxSlot& sandboxSlot()
+{
+    static SandboxSlot& slot = *new SandboxSlot;
+    return slot;
+}
 } // namespace
 
 std::shared_ptr<SandboxService> sandboxService()
 {
-    std::lock_guard lock(gSandboxMutex);
-    if (!gSandbox) {
+    SandboxSlot& slot = sandboxSlot();
+    std::lock_guard lock(slot.mutex);
+    if (!slot.service) {
         Result<PlatformConfig> config = PlatformConfig::load();
         if (!config) {
             platformLog(LogLevel::Error, "sandbox", "no sandbox service: %{public}s",
                         config.error().localizedDescription());
             return nullptr;
         }
-        gSandbox = std::make_shared<LinuxSandboxService>(config->runtimeDir);
+        slot.service = std::make_shared<LinuxSandboxService>(config->runtimeDir);
     }
-    return gSandbox;
+    return slot.service;
 }
 
 std::shared_ptr<SandboxService> setSandboxService(std::shared_ptr<SandboxService> service)
 {
-    std::lock_guard lock(gSandboxMutex);
-    auto previous = std::move(gSandbox);
-    gSandbox = std::move(service);
+    SandboxSlot& slot = sandboxSlot();
+    std::lock_guard lock(slot.mutex);
+    auto previous = std::move(slot.service);
+    slot.service = std::move(service);
     return previous;
 }
 
