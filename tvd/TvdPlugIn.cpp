@@ -309,7 +309,7 @@ MaybeError TvdPlugIn::enableForClient(const TvdVynClient& client) const
 
     const auto& jobs = client.server() ? client.server()->platform().jobManager : nullptr;
     const int result = jobs ? jobs->addExternalService(platform::ExternalService{
-                                  client.pid(), rsproxy_ ? rsproxy_->bundleIdentifier : id,
+                                  client.pid(), client.uid(), rsproxy_ ? rsproxy_->bundleIdentifier : id,
                                   rsproxy_ ? rsproxy_->bundleVersion : std::string(), *executable, launch})
                             : ENOSYS;
     if (result != 0) {

@@ -23,6 +23,7 @@ std::shared_ptr<TvdVynClient> TvdVynClient::initWithConnectionServer(
     client->server_ = std::move(server);
     client->acceptWork_ = true;
     client->pid_ = connection->pid();
+    client->uid_ = connection->auditToken().uid;
     TvdTrace::clientNew(client->pid_);
 
     // Requests wait, in order, until the client is identified; reading the

@@ -46,6 +46,8 @@ public:
     // stays readable after the connection is gone, so late log lines still
     // name the process.
     int pid() const { return pid_; }
+    // The peer's user id, from the same report.
+    uid_t uid() const { return uid_; }
 
     // The entitlement's value from the client's code signature, or null.
     Value entitlementValueForKey(std::string_view key) const;
@@ -88,6 +90,7 @@ private:
     std::shared_ptr<TvBundle> bundle_;
     std::shared_ptr<platform::CodeSigningTask> task_;
     int pid_ = -1;
+    uid_t uid_ = static_cast<uid_t>(-1);
 };
 
 } // namespace tv

@@ -6,7 +6,8 @@
 // behalf, with the launch description applied), and removes every
 // registration of a bundle identifier and version when that plug-in is
 // uninstalled. A registration is keyed by host process id, bundle identifier
-// and bundle version; registering the same key again replaces it.
+// and bundle version; registering the same key again replaces it. A
+// registration lasts while its host process lives.
 //
 // Results are errno numbers: 0 for success.
 // Thread-safety: every operation may be called from any thread. Completions
@@ -30,6 +31,7 @@ inline constexpr const char* kJobExtensionBundleIdentifierKey = "ExtensionBundle
 
 struct ExternalService {
     pid_t hostPid = 0;
+    uid_t hostUid = 0;
     std::string bundleIdentifier;
     std::string bundleVersion;
     std::string executablePath;  // absolute
@@ -44,8 +46,8 @@ public:
 
     // Registers `service`: 0, or EINVAL for a host pid that is not positive,
     // an empty bundle identifier, an executable path that is not absolute or
-    // a launch description that is not a dictionary; ENOSPC when the table is
-    // full.
+    // a launch description that is not a dictionary; ENOSPC when the table,
+    // or the host's user's share of it, is full of hosts that still run.
     virtual int addExternalService(ExternalService service) = 0;
 
     // Removes every registration of `bundleIdentifier` at `bundleVersion`,

@@ -1,6 +1,8 @@
 #include "platform/jobs/LinuxJobManager.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 
 namespace tv::platform {
 
@@ -16,10 +18,32 @@ int LinuxJobManager::addExternalService(ExternalService service)
         it->second = std::move(service);
         return 0;
     }
-    if (services_.size() >= maxServices_)
-        return ENOSPC;
+    if (!fitsLocked(service.hostUid)) {
+        dropExitedHostsLocked();
+        if (!fitsLocked(service.hostUid))
+            return ENOSPC;
+    }
     services_.emplace(std::move(key), std::move(service));
     return 0;
+}
+
+bool LinuxJobManager::fitsLocked(uid_t uid) const
+{
+    if (services_.size() >= maxServices_)
+        return false;
+    auto ofUid = std::count_if(services_.begin(), services_.end(),
+                               [uid](const auto& entry) { return entry.second.hostUid == uid; });
+    return static_cast<std::size_t>(ofUid) < maxPerUid_;
+}
+
+void LinuxJobManager::dropExitedHostsLocked()
+{
+    // A signal 0 reports whether the process exists (EPERM: it does, under
+    // another user). A reused process id keeps a stale entry alive until that
+    // process exits too.
+    std::erase_if(services_, [](const auto& entry) {
+        return ::kill(std::get<0>(entry.first), 0) == -1 && errno == ESRCH;
+    });
 }
 
 void LinuxJobManager::removeExternalService(const std::string& bundleIdentifier, const std::string& bundleVersion,

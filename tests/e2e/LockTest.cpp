@@ -229,6 +229,34 @@ TEST_F(LockTest, HoldsOfADisconnectedClientAreReleased)
     EXPECT_EQ(notifications(), n + 2); // one per released hold
 }
 
+// A lock on thousands of paths is served; a holder that goes away with its
+// lock request in flight leaves no hold behind.
+TEST_F(LockTest, HugeLocksAreServedAndAHolderThatDiesMidRequestLeavesNoHold)
+{
+    Array many(5'000, Value(plugInA_));
+    Message reply = lock(Value(many), Value(std::uint64_t{2}));
+    const Uuid* token = reply.get("uuids").asUuid();
+    ASSERT_NE(token, nullptr) << reply.get("error").description();
+    EXPECT_EQ(matched(), (std::set<Uuid>{b_}));
+    EXPECT_TRUE(release(Array{Value(*token)}).get("errorcode").isNull());
+
+    // Gone at different moments of the request's service (about 200 ms).
+    for (int waitMs : {0, 20, 60, 120, 200}) {
+        Connection dying = connect();
+        Message m = main_.client->request("lock");
+        m.set("paths", Value(many));
+        m.set("flags", Value(std::uint64_t{2}));
+        dying.client->sendReply(m, [](const VynEvent&) {});
+        std::this_thread::sleep_for(std::chrono::milliseconds(waitMs));
+    }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (matched() != std::set<Uuid>{a_, b_} && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(matched(), (std::set<Uuid>{a_, b_}));
+    EXPECT_TRUE(daemon_.running());
+}
+
 TEST_F(LockTest, TvkitHoldKeepsItsHoldUntilStoppedAndReleaseEndsOne)
 {
     auto tvkit = [&](std::vector<std::string> args) {

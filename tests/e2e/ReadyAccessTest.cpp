@@ -92,6 +92,23 @@ TEST_F(ReadyAccessTest, ReadyChecksEveryPlugInFirstThenEnablesEachOnce)
     EXPECT_EQ(ready({}), "ok");
 }
 
+// A plug-in uninstalled a moment before "ready" is still served, refused as
+// unknown, or refused because its bundle is gone; once the registry has seen
+// it go, it is refused as unknown.
+TEST_F(ReadyAccessTest, ReadyForAPlugInUninstalledAMomentBefore)
+{
+    const Uuid gone = install("com.example.gone");
+    ASSERT_FALSE(gone.isNil()) << daemon_.log();
+    std::filesystem::remove_all(apps_.path() + "/com.example.gone.app");
+    const std::string unknown = "4 no such plugin (uuid not found)";
+    const std::string first = ready({gone});
+    EXPECT_TRUE(first == "ok" || first == unknown ||
+                first == "4 cannot obtain executable path for plug-in com.example.gone(" + gone.string() + ")")
+        << first;
+    ASSERT_TRUE(daemon_.waitForLog("plug-in UNINSTALLED:")) << daemon_.log();
+    EXPECT_EQ(ready({gone}), unknown);
+}
+
 TEST_F(ReadyAccessTest, AccessAnswersOneTokenPerNamedPlugInInRequestOrder)
 {
     const Uuid a = install("com.example.a"), b = install("com.example.b");

@@ -34,12 +34,14 @@ public:
     std::shared_ptr<FakeCodeSigningService> codeSigning = std::make_shared<FakeCodeSigningService>();
     std::shared_ptr<FakeApplicationRegistry> registry = std::make_shared<FakeApplicationRegistry>();
     std::map<std::string, std::shared_ptr<SerialQueue>> queues;
-    // The job manager: records the removals asked for (bundle identifier,
-    // version) and answers them with `results` in order (3 once they run out).
+    // The job manager: answers registrations with `addResult`, records the
+    // removals asked for (bundle identifier, version) and answers them with
+    // `results` in order (3 once they run out).
     struct FakeJobManager final : platform::JobManager {
+        int addResult = 0;
         std::vector<std::pair<std::string, std::string>> removals;
         std::vector<int> results;
-        int addExternalService(platform::ExternalService) override { return 0; }
+        int addExternalService(platform::ExternalService) override { return addResult; }
         void removeExternalService(const std::string& identifier, const std::string& version,
                                    std::shared_ptr<SerialQueue> queue, Completion completion) override
         {

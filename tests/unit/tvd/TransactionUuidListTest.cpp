@@ -1,6 +1,7 @@
 #include "tvd/Transaction.h"
 
 #include "tests/support/LogCapture.h"
+#include "tests/support/PlugInBundles.h"
 #include "tests/support/RegistryRecords.h"
 #include "tests/support/ServerHarness.h"
 #include "tvd/TvdPlugIn.h"
@@ -111,6 +112,20 @@ TEST_F(TransactionUuidListTest, ReadyEnablesEveryKeptPlugInOnceAndReportsTheFirs
                      {"error", "cannot obtain executable path for plug-in com.example.a(" + a_->uuid.string() + ")"}}));
     EXPECT_EQ(log.countContaining("failed to obtain execPath for plug-in com.example.a("), 1u);
     EXPECT_EQ(log.countContaining("failed to obtain execPath for plug-in com.example.b("), 1u);
+
+    // A job manager that refuses the registration (its table is full).
+    test::TempDir disk;
+    auto onDisk = test::makePlugInRecord(disk.path() + "/A.app/PlugIns/C.vext", "com.example.c");
+    test::makePlugInBundle(onDisk->bundlePath, "com.example.c", "/bin/true");
+    h_.registry->plugIns.push_back(onDisk);
+    h_.jobManager->addResult = ENOSPC;
+    h_.send(*c, Value{{"request", "ready"}, {"version", std::uint64_t{3}}, {"uuids", Value(Array{Value(onDisk->uuid)})}});
+    h_.drain();
+    replies = h_.replies(*c);
+    ASSERT_EQ(replies.size(), 2u);
+    EXPECT_EQ(replies[1].body(), (Value{{"errorcode", std::uint64_t{4}},
+                                        {"error", "unable to enable plug-in com.example.c(" + onDisk->uuid.string() + ")"}}));
+    EXPECT_EQ(log.countContaining("jobd error 28 trying to allow 42 "), 1u);
 }
 
 } // namespace
