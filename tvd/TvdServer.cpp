@@ -5,6 +5,7 @@
 #include "platform/jobs/JobManager.h"
 #include "tvd/TvdPlugIn.h"
 #include "tvd/TvdPlugInHold.h"
+#include "tvd/TvdStatusService.h"
 #include "tvd/TvdUserPrefs.h"
 #include "tvd/TvdVynClient.h"
 
@@ -47,6 +48,8 @@ std::shared_ptr<TvdServer> TvdServer::initForServiceDatabase(const char* service
         return nullptr;
     }
     server->service_ = std::move(listener).value();
+    // The daemon serves without its status listener when that cannot be made.
+    server->status_ = TvdStatusService::initWithServer(server);
 
     {
         std::lock_guard lock(gServerMutex);
@@ -79,6 +82,8 @@ void TvdServer::acceptConnection(const std::shared_ptr<platform::VynConnection>&
 int TvdServer::run()
 {
     service_->resume();
+    if (status_)
+        status_->resume();
     return platform_.runMainLoop ? platform_.runMainLoop(*this) : 0;
 }
 

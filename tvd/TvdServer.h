@@ -38,6 +38,7 @@ class VynConnection;
 
 class TvdVynClient;
 class TvdPlugInHold;
+class TvdStatusService;
 class TvdUserPrefs;
 
 class TvdServer final : public TvDatabase,
@@ -109,6 +110,12 @@ public:
     void setUserPrefs(std::shared_ptr<TvdUserPrefs> prefs) { userPrefs_.store(std::move(prefs)); }
     const std::string& serviceName() const { return serviceName_; }
 
+    // For the status listener (TvdStatusService): when the server was built
+    // and how many requests it has begun to serve since.
+    std::chrono::steady_clock::time_point startTime() const { return startTime_; }
+    std::uint64_t requestsServed() const { return requestsServed_.load(std::memory_order_relaxed); }
+    void noteRequestServed() { requestsServed_.fetch_add(1, std::memory_order_relaxed); }
+
 private:
     explicit TvdServer(TvdPlatform platform) : platform_(std::move(platform)) {}
     void acceptConnection(const std::shared_ptr<platform::VynConnection>& connection);
@@ -119,6 +126,9 @@ private:
     std::shared_ptr<SerialQueue> vynQueue_;
     std::shared_ptr<SerialQueue> mainQueue_;
     std::shared_ptr<platform::VynListener> service_;
+    std::shared_ptr<TvdStatusService> status_;
+    const std::chrono::steady_clock::time_point startTime_ = std::chrono::steady_clock::now();
+    std::atomic<std::uint64_t> requestsServed_{0};
     std::atomic<std::shared_ptr<TvdUserPrefs>> userPrefs_;
     std::vector<std::shared_ptr<TvdPlugInHold>> holds_; // only on syncQueue_
     std::shared_ptr<SerialQueue> syncQueue_;

@@ -94,6 +94,7 @@ void TvdVynClient::handleRequest(const platform::Message& message)
             return transaction->resume();
         started = true;
         ++client->requestCount_;
+        client->server_->noteRequestServed();
         if (client->requestCount_ % 1000 == 0)
             TvLog::ops().debug("client %d used %u requests so far", client->pid_, client->requestCount_);
         transaction->dispatch();

@@ -49,8 +49,7 @@ public:
     // For the process lifecycle.
     // Whether the process was started with inherited listening sockets.
     bool socketActivated() const { return activation_.active(); }
-    // Accepted connections not yet closed (made by any of the listeners).
-    std::size_t connectionCount() const { return table_->count(); }
+    std::size_t connectionCount() const override { return table_->count(); }
     // Delivers TerminationImminent to every open accepted connection; returns
     // once the events are queued.
     void announceTermination();

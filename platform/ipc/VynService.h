@@ -36,6 +36,9 @@ public:
     virtual void beginTransaction() = 0;
     virtual void endTransaction() = 0;
     virtual std::size_t openTransactions() const = 0;
+
+    // Accepted connections not yet closed, of every listener.
+    virtual std::size_t connectionCount() const = 0;
 };
 
 } // namespace tv::platform

@@ -110,6 +110,55 @@ TEST_F(TvkitCommandsTest, AddWalksPathsInOrderAndStopsAtTheFirstBadOne)
     EXPECT_TRUE(daemon_.waitForLog("failed to register plug-in at " + notBundle));
 }
 
+// Long lists go in batches; the first failure still ends the command.
+TEST_F(TvkitCommandsTest, AddSendsLongListsInBatchesAndStopsAtTheFirstBadPath)
+{
+    std::vector<std::string> args(250, bundle_);
+    args.insert(args.begin(), "add");
+    auto ok = tvkit(args);
+    EXPECT_EQ(ok.exitStatus, 0) << ok.err;
+    const std::string missing = daemon_.root() + "/bundles/Missing.vext";
+    args[130] = missing;
+    auto stopped = tvkit(args);
+    EXPECT_EQ(stopped.exitStatus, 1);
+    EXPECT_NE(stopped.err.find("invalid plugin path: " + missing), std::string::npos) << stopped.err;
+}
+
+TEST_F(TvkitCommandsTest, StatusIsForTheManagerAndVersionForAnyone)
+{
+    auto version = tvkit({"--version"});
+    EXPECT_EQ(version.exitStatus, 0);
+    EXPECT_EQ(version.out.rfind("tvkit ", 0), 0u) << version.out;
+
+    auto refused = tvkit({"status"});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_NE(refused.err.find("caller lacks entitlement for this operation (error 11)"), std::string::npos)
+        << refused.err;
+    EXPECT_TRUE(daemon_.waitForLog("for the daemon's status - client lacks required entitlement"));
+
+    entitleTvkit(Value(true));
+    auto json = tvkit({"status", "--json"});
+    ASSERT_EQ(json.exitStatus, 0) << json.err;
+    for (const char* key : {"service", "pid", "uptime", "connections", "requests", "holds", "cached", "cacheLimit"})
+        EXPECT_NE(json.out.find(std::string("\"") + key + "\": "), std::string::npos) << key << " in " << json.out;
+    EXPECT_NE(json.out.find("\"service\": \"" + daemon_.socketPath() + "\""), std::string::npos) << json.out;
+    auto text = tvkit({"status"});
+    ASSERT_EQ(text.exitStatus, 0) << text.err;
+    EXPECT_NE(text.out.find("service      " + daemon_.socketPath() + "\n"), std::string::npos) << text.out;
+    EXPECT_NE(text.out.find("holds        0\n"), std::string::npos) << text.out;
+
+    // The status listener answers nothing else.
+    auto other = test::runProgram({TVKIT_BINARY, "--service", daemon_.socketPath() + ".status", "raw",
+                                   R"({"request": "match", "version": 3})"},
+                                  daemon_.clientEnv());
+    EXPECT_EQ(other.exitStatus, 1);
+    EXPECT_NE(other.out.find("unrecognized request"), std::string::npos) << other.out;
+
+    auto absent = test::runProgram({TVKIT_BINARY, "--service", daemon_.root() + "/none", "status"}, daemon_.clientEnv());
+    EXPECT_EQ(absent.exitStatus, 69);
+    EXPECT_NE(absent.err.find("is tvd running?"), std::string::npos) << absent.err;
+}
+
 TEST_F(TvkitCommandsTest, RemoveNeedsTheManagerEntitlement)
 {
     ASSERT_EQ(raw("add", {bundle_}).exitStatus, 0);

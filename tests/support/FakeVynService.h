@@ -107,8 +107,11 @@ class FakeVynService final : public platform::VynService {
 public:
     Result<std::shared_ptr<platform::VynListener>> listen(const std::string& name, std::shared_ptr<SerialQueue> queue) override
     {
-        listener_ = std::make_shared<FakeVynListener>(name, std::move(queue));
-        return std::shared_ptr<platform::VynListener>(listener_);
+        // listener() is the first one made (the daemon's service); the
+        // others (its status listener) are kept alongside.
+        auto made = std::make_shared<FakeVynListener>(name, std::move(queue));
+        (listener_ ? others_.emplace_back() : listener_) = made;
+        return std::shared_ptr<platform::VynListener>(made);
     }
     std::shared_ptr<platform::VynConnection> connect(const std::string& name, std::shared_ptr<SerialQueue> queue) override
     {
@@ -118,6 +121,7 @@ public:
     void beginTransaction() override { ++transactions_; }
     void endTransaction() override { --transactions_; }
     std::size_t openTransactions() const override { return transactions_; }
+    std::size_t connectionCount() const override { return 0; }
 
     std::shared_ptr<FakeVynListener> listener() const { return listener_; }
     std::shared_ptr<FakeVynConnection> lastConnection() const { return lastConnection_; }
@@ -125,6 +129,7 @@ public:
 
 private:
     std::shared_ptr<FakeVynListener> listener_;
+    std::vector<std::shared_ptr<FakeVynListener>> others_;
     std::shared_ptr<FakeVynConnection> lastConnection_;
     std::string lastConnectName_;
     std::size_t transactions_ = 0;

@@ -1,5 +1,7 @@
 #include "tools/tvkit/Tvkit.h"
 
+#include "tools/tvkit/TvkitHelp.h"
+
 #include "Tarvik/TvDaemonClient.h"
 #include "Tarvik/TvDiscoveryFlags.h"
 #include "Tarvik/TvMessageConversion.h"
@@ -27,78 +29,6 @@ namespace tv {
 
 namespace {
 
-const char* kOverview =
-    "usage: tvkit [--service NAME] COMMAND [ARGS...]\n"
-    "\n"
-    "Talks to tvd, the plug-in registry daemon.\n"
-    "\n"
-    "Commands:\n"
-    "  list [POINT]     list the installed plug-ins (manager entitlement)\n"
-    "  match POINT [RULES]\n"
-    "                   list the plug-ins that a host of extension point POINT\n"
-    "                   is offered\n"
-    "  add PATH...      register plug-in bundles\n"
-    "  remove PATH...   unregister plug-in bundles\n"
-    "  elect UUID...    elect plug-ins (the user's choice to use them)\n"
-    "  unelect UUID...  withdraw the election of plug-ins\n"
-    "  ready UUID...    prepare plug-ins for use by this process (\"ready\")\n"
-    "  access UUID...   print a read-only token for each plug-in's bundle\n"
-    "  hold PATH...     take plug-ins out of use while the command runs\n"
-    "  release TOKEN    end a hold by its token\n"
-    "  raw [JSON]       send one request written as typed JSON, print the reply\n"
-    "  help [COMMAND]   show help for a command\n"
-    "\n"
-    "Options:\n"
-    "  --service NAME  the daemon's service name (default com.veltra.tarvik.tvd);\n"
-    "                  a name with \"/\" is a socket path\n"
-    "  -h, --help      show this help\n"
-    "\n"
-    "Exit status: 0 success, 1 the daemon answered with an error, 2 bad usage,\n"
-    "69 the daemon cannot be reached. TVD_CONFIG names the platform configuration.\n";
-
-const char* kListHelp =
-    "usage: tvkit list [--json] [POINT]\n"
-    "\n"
-    "Lists the installed plug-ins, or those of the extension point POINT, one\n"
-    "line each, ordered by identifier: identifier, version, UUID, extension\n"
-    "point, election (0 no choice, 1 elected), path. With --json: a JSON array\n"
-    "of objects with the keys identifier, version, uuid, extensionPoint,\n"
-    "election and path.\n"
-    "\n"
-    "Every installed copy is listed, held or not and whatever its hosts need:\n"
-    "tvkit sends a privileged \"match\", so the tvkit executable needs the\n"
-    "entitlement com.veltra.private.tarvik.manager (given in the entitlements\n"
-    "drop-in directory, docs/entitlements.md) and must not run in a sandbox.\n"
-    "\n"
-    "Exit status: 0 success, 1 the daemon refused the request (its code and\n"
-    "message on standard error), 2 bad usage, 69 the daemon cannot be reached.\n";
-
-const char* kMatchHelp =
-    "usage: tvkit match [--json] [--all-versions] [--duplicates] [--system-only]\n"
-    "                   [--all] [--flags N] POINT [RULES]\n"
-    "\n"
-    "Sends a \"match\" request for the extension point POINT and prints the\n"
-    "plug-ins that tvd offers, one line each: identifier, version, UUID,\n"
-    "election (0 no choice, 1 elected), path, and the override marks\n"
-    "\"overrides=IDENTIFIER\" (this plug-in replaces that one) and\n"
-    "\"overridden-by=UUID\". RULES is a JSON object of further match rules\n"
-    "(typed JSON, docs/typed-json.md); its \"KoExtensionPointIdentifier\" is\n"
-    "replaced by POINT. With --json the list is printed as a JSON array of\n"
-    "objects with the keys identifier, version, uuid, path, election and, when\n"
-    "marked, overrider and overriding.\n"
-    "\n"
-    "Flags: --all-versions (0x1) keeps every version, --duplicates (0x4) with\n"
-    "it every copy, --system-only (0x8) only system plug-ins, --all (0x200,\n"
-    "manager entitlement only) skips holds and host rights; --flags N adds the\n"
-    "bits of N.\n"
-    "\n"
-    "Examples:\n"
-    "  tvkit match com.veltra.share-services\n"
-    "  tvkit match --json com.veltra.photo-editing '{\"KoUserElection\": \"=1\"}'\n"
-    "\n"
-    "Exit status: 0 success, 1 the daemon refused the request (its code and\n"
-    "message on standard error), 2 bad usage, 69 the daemon cannot be reached.\n";
-
 // One matching plug-in as the tool shows it, from its form.
 Value summaryOf(const Value& form)
 {
@@ -124,157 +54,6 @@ std::string textOf(const Value& v)
     if (v.isNull())
         return "-";
     return v.description();
-}
-
-const char* kRawHelp =
-    "usage: tvkit raw [JSON]\n"
-    "\n"
-    "Sends one request to tvd and prints its reply, both as typed JSON\n"
-    "(docs/typed-json.md). The request is the argument, or standard input when\n"
-    "there is none. It must be an object; \"request\" names the request type and\n"
-    "\"version\" the protocol version (3). Bare non-negative integers are\n"
-    "unsigned, as the protocol expects; {\"$uuid\": \"...\"} makes a UUID.\n"
-    "\n"
-    "Examples:\n"
-    "  tvkit raw '{\"request\": \"bulk\", \"version\": 3}'\n"
-    "  tvkit raw '{\"request\": \"ready\", \"version\": 3,\n"
-    "              \"uuids\": [{\"$uuid\": \"6F1C2A6E-3B1D-4C55-9A51-4E0C8C5D9B10\"}]}'\n"
-    "\n"
-    "Exit status: 0 for a success reply, 1 for an error reply (its \"errorcode\"\n"
-    "and \"error\" are in the printed reply), 2 for bad usage or a request that\n"
-    "is not valid typed JSON, 69 when the daemon cannot be reached.\n";
-
-const char* kAddHelp =
-    "usage: tvkit add [--json] PATH...\n"
-    "\n"
-    "Registers the plug-in bundles at PATH with tvd (an \"add\" request). Relative\n"
-    "paths are taken from the working directory. Paths are registered in order;\n"
-    "the first that fails stops the request, and those before it stay registered.\n"
-    "\n"
-    "  --json  print the reply as typed JSON\n"
-    "\n"
-    "Errors: 9 \"invalid plugin path: PATH\" for a path that does not exist,\n"
-    "2 \"unable to register plug-in at PATH\" when the registry refuses it.\n"
-    "\n"
-    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
-
-const char* kRemoveHelp =
-    "usage: tvkit remove [--json] PATH...\n"
-    "\n"
-    "Unregisters the plug-in bundles at PATH (a \"remove\" request), in order.\n"
-    "tvd serves it only for clients entitled to manage the registry\n"
-    "(com.veltra.private.tarvik.manager; docs/entitlements.md).\n"
-    "\n"
-    "  --json  print the reply as typed JSON\n"
-    "\n"
-    "Errors: 11 \"caller lacks entitlement for this operation\", 9 \"no plugin at\n"
-    "PATH\" for a path where nothing is registered.\n"
-    "\n"
-    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
-
-const char* kReadyHelp =
-    "usage: tvkit ready [--json] UUID...\n"
-    "\n"
-    "Asks tvd to prepare the plug-ins with these UUIDs for use by this tvkit\n"
-    "process (a \"ready\" request): each must not be on hold and must allow\n"
-    "this host; then each is registered with the job manager for it.\n"
-    "\n"
-    "  --json  print the reply as typed JSON\n"
-    "\n"
-    "Errors: 11 \"access to plugin ID denied: REASON\" when a plug-in is on hold\n"
-    "or refuses this host (nothing is enabled then); 4 for an unknown UUID.\n"
-    "\n"
-    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
-
-const char* kAccessHelp =
-    "usage: tvkit access [--json] UUID...\n"
-    "\n"
-    "Asks tvd for read-only access to the bundles of the plug-ins with these\n"
-    "UUIDs (an \"access\" request) and prints one token per plug-in, in the\n"
-    "order given, one per line; with --json the reply as typed JSON.\n"
-    "\n"
-    "Errors: 4 for an unknown UUID or a bundle that cannot be granted.\n"
-    "\n"
-    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
-
-const char* kElectHelp =
-    "usage: tvkit elect [--json] UUID...\n"
-    "\n"
-    "Elects the plug-ins with these UUIDs: stores \"election\" 1 in each one's\n"
-    "annotation (an \"annotate\" request), so hosts that ask for elected plug-ins\n"
-    "find them. Other annotation values are kept. One annotation-change\n"
-    "notification is posted when every plug-in was changed.\n"
-    "\n"
-    "  --json  print the reply as typed JSON\n"
-    "\n"
-    "Errors: 4 \"no such plugin (uuid not found)\" for a UUID that tvd does not\n"
-    "know; plug-ins named before it stay changed.\n"
-    "\n"
-    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
-
-const char* kUnelectHelp =
-    "usage: tvkit unelect [--json] UUID...\n"
-    "\n"
-    "Withdraws the election of the plug-ins with these UUIDs: stores \"election\"\n"
-    "0 (no choice) in each one's annotation (an \"annotate\" request). Other\n"
-    "annotation values are kept.\n"
-    "\n"
-    "  --json  print the reply as typed JSON\n"
-    "\n"
-    "Errors: 4 \"no such plugin (uuid not found)\" for a UUID that tvd does not\n"
-    "know; plug-ins named before it stay changed.\n"
-    "\n"
-    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
-
-const char* kHoldHelp =
-    "usage: tvkit hold [--json] [--apps] PATH...\n"
-    "\n"
-    "Places a hold on plug-ins (a \"lock\" request): while it lasts, hosts are not\n"
-    "offered them. PATH names plug-in bundles, or with --apps applications, all\n"
-    "of whose plug-ins are held; an application is refused while one of its\n"
-    "plug-ins is running. Relative paths are taken from the working directory.\n"
-    "\n"
-    "Prints the hold's token, then waits, keeping the hold, until it is\n"
-    "interrupted (SIGINT or SIGTERM) or its standard input ends (end of file);\n"
-    "then it releases the hold and exits. The hold also ends when tvd loses the\n"
-    "connection. Use </dev/null to place a hold and release it at once.\n"
-    "\n"
-    "  --apps  PATH names applications (with the busy check)\n"
-    "  --json  print the reply as typed JSON instead of the bare token\n"
-    "\n"
-    "Errors: 14 \"plug-ins are busy\" (the running plug-ins are listed),\n"
-    "9 \"invalid path: PATH\" or \"no plug-in at path:PATH\".\n"
-    "\n"
-    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
-
-const char* kReleaseHelp =
-    "usage: tvkit release [--json] TOKEN\n"
-    "\n"
-    "Ends the hold with this token (a \"lock\" request with \"uuids\"), whichever\n"
-    "client placed it. An unknown or already released token is not an error.\n"
-    "\n"
-    "  --json  print the reply as typed JSON\n"
-    "\n"
-    "Exit status: 0 success, 1 error reply, 2 bad usage, 69 tvd unreachable.\n";
-
-struct CommandHelp {
-    const char* name;
-    const char* text;
-};
-
-const CommandHelp kHelp[] = {
-    {"list", kListHelp}, {"match", kMatchHelp}, {"add", kAddHelp},       {"remove", kRemoveHelp},
-    {"elect", kElectHelp}, {"unelect", kUnelectHelp},
-    {"ready", kReadyHelp}, {"access", kAccessHelp}, {"hold", kHoldHelp}, {"release", kReleaseHelp},
-    {"raw", kRawHelp},
-};
-
-const char* helpFor(const std::string& command)
-{
-    for (const auto& h : kHelp)
-        if (command == h.name)
-            return h.text;
-    return nullptr;
 }
 
 bool isHelpOption(const std::string& a)
@@ -339,8 +118,11 @@ int Tvkit::run(const std::vector<std::string>& argsIn)
             service_ = argsIn[++i];
         } else if (args.empty() && a.rfind("--service=", 0) == 0) {
             service_ = a.substr(10);
+        } else if (args.empty() && a == "--version") {
+            out_ << "tvkit " << TVD_VERSION << "\n";
+            return kExitSuccess;
         } else if (args.empty() && (a == "-h" || a == "--help")) {
-            out_ << kOverview;
+            out_ << tvkitOverview();
             return kExitSuccess;
         } else if (args.empty() && a.size() > 1 && a[0] == '-') {
             return usage("unknown option " + a);
@@ -354,8 +136,8 @@ int Tvkit::run(const std::vector<std::string>& argsIn)
     args.erase(args.begin());
     if (command == "help")
         return help(args);
-    if (!args.empty() && isHelpOption(args[0]) && helpFor(command)) {
-        out_ << helpFor(command);
+    if (!args.empty() && isHelpOption(args[0]) && tvkitHelpFor(command)) {
+        out_ << tvkitHelpFor(command);
         return kExitSuccess;
     }
     if (command == "raw")
@@ -372,16 +154,18 @@ int Tvkit::run(const std::vector<std::string>& argsIn)
         return hold(args);
     if (command == "release")
         return release(args);
+    if (command == "status")
+        return status(args);
     return usage("unknown command " + command);
 }
 
 int Tvkit::help(const std::vector<std::string>& args)
 {
     if (args.empty()) {
-        out_ << kOverview;
+        out_ << tvkitOverview();
         return kExitSuccess;
     }
-    if (const char* text = helpFor(args[0])) {
+    if (const char* text = tvkitHelpFor(args[0])) {
         out_ << text;
         return kExitSuccess;
     }
@@ -418,13 +202,82 @@ int Tvkit::registration(const std::string& command, const std::vector<std::strin
         return usage(problem);
     if (std::string unusable = makeAbsolute(paths); !unusable.empty())
         return usage(unusable);
-    bool add = command == "add";
-    return exchange([&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
-        if (add)
-            client.addPlugInsReply(paths, std::move(reply));
-        else
-            client.removePlugInsReply(paths, std::move(reply));
-    }, json);
+    // In batches, so that a long list shows progress and a failure stops
+    // at once; the daemon stops at the first failing path of a batch too.
+    constexpr std::size_t kBatch = 100;
+    const bool add = command == "add";
+    for (std::size_t done = 0;;) {
+        const std::size_t end = std::min(paths.size(), done + kBatch);
+        std::vector<std::string> batch(paths.begin() + done, paths.begin() + end);
+        platform::VynEvent answer;
+        int status = request(
+            [&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
+                if (add)
+                    client.addPlugInsReply(batch, std::move(reply));
+                else
+                    client.removePlugInsReply(batch, std::move(reply));
+            },
+            answer);
+        if (status != kExitSuccess)
+            return status;
+        bool failed = true;
+        try {
+            failed = TvDaemonClient::errorInReply(answer).has_value();
+        } catch (const TvInternalInconsistency&) {
+        }
+        if (failed || end == paths.size())
+            return report(answer, json);
+        done = end;
+        if (progress_)
+            err_ << "tvkit: " << (add ? "registered " : "unregistered ") << done << " of " << paths.size()
+                 << " bundles\n" << std::flush;
+    }
+}
+
+int Tvkit::status(const std::vector<std::string>& args)
+{
+    bool json = false;
+    std::string problem;
+    std::vector<std::string> rest = operands(args, json, problem);
+    if (!problem.empty())
+        return usage(problem);
+    if (!rest.empty())
+        return usage("status takes no operands");
+    platform::VynEvent answer;
+    const std::string statusService = service_ + ".status";
+    int status = request(
+        [](TvDaemonClient& client, TvDaemonClient::Reply reply) {
+            client.sendReply(client.request("status"), std::move(reply));
+        },
+        answer, statusService);
+    if (status != kExitSuccess)
+        return status;
+    if (TvDaemonClient::errorInReply(answer) || json)
+        status = report(answer, json);
+    if (status != kExitSuccess) {
+        if (!json)
+            err_ << "tvkit: the daemon's status needs the entitlement com.veltra.private.tarvik.manager"
+                 << " for this tvkit executable (docs/entitlements.md)\n";
+        return status;
+    }
+    if (json)
+        return kExitSuccess;
+    const Value& s = platform::eventMessage(answer)->body();
+    const std::uint64_t up = s["uptime"].unsignedValue();
+    char uptime[64];
+    std::snprintf(uptime, sizeof uptime, "%llud %02lluh %02llum %02llus", static_cast<unsigned long long>(up / 86400),
+                  static_cast<unsigned long long>(up / 3600 % 24), static_cast<unsigned long long>(up / 60 % 60),
+                  static_cast<unsigned long long>(up % 60));
+    const std::uint64_t limit = s["cacheLimit"].unsignedValue();
+    out_ << "service      " << textOf(s["service"]) << "\n"
+         << "pid          " << s["pid"].unsignedValue() << "\n"
+         << "uptime       " << uptime << "\n"
+         << "connections  " << s["connections"].unsignedValue() << "\n"
+         << "requests     " << s["requests"].unsignedValue() << "\n"
+         << "holds        " << s["holds"].unsignedValue() << "\n"
+         << "cache        " << s["cached"].unsignedValue() << " plug-in records, limit "
+         << (limit ? std::to_string(limit) : std::string("none")) << "\n";
+    return kExitSuccess;
 }
 
 int Tvkit::byUuid(const std::string& command, const std::vector<std::string>& args)
@@ -492,30 +345,17 @@ int Tvkit::hold(const std::vector<std::string>& args)
         ~Restore() { pthread_sigmask(SIG_SETMASK, &mask, nullptr); }
     } restore{previous};
 
-    auto config = platform::PlatformConfig::load();
-    if (!config) {
-        err_ << "tvkit: " << config.error().localizedDescription() << "\n";
-        return kExitUsage;
-    }
-    auto vyn = platform::LinuxVynService::create(*config);
-    if (!vyn) {
-        err_ << "tvkit: cannot set up the IPC service\n";
-        return kExitUnavailable;
-    }
+    int status = kExitSuccess;
+    auto vyn = openIpc(status);
+    if (!vyn)
+        return status;
     // The hold lives as long as this client's connection.
     TvDaemonClient client(vyn, service_.c_str());
-    auto ask = [](const std::function<void(TvDaemonClient::Reply)>& send) {
-        auto answered = std::make_shared<std::promise<platform::VynEvent>>();
-        send([answered](const platform::VynEvent& a) { answered->set_value(a); });
-        return answered->get_future().get();
-    };
-    platform::VynEvent answer = ask([&](TvDaemonClient::Reply reply) {
-        client.holdPluginsFlagsReply(paths, apps ? 1 : 2, std::move(reply));
+    platform::VynEvent answer = ask(client, [&](TvDaemonClient& c, TvDaemonClient::Reply reply) {
+        c.holdPluginsFlagsReply(paths, apps ? 1 : 2, std::move(reply));
     });
-    if (auto error = platform::eventError(answer)) {
-        err_ << "tvkit: cannot reach tvd at " << service_ << ": " << error->description << "\n";
-        return kExitUnavailable;
-    }
+    if (auto error = platform::eventError(answer))
+        return unreachable(service_, error->description);
     const platform::Message& reply = *platform::eventMessage(answer);
     if (json)
         out_ << platform::toTypedJson(reply.body()) << "\n";
@@ -564,7 +404,7 @@ int Tvkit::hold(const std::vector<std::string>& args)
         reader.detach(); // still blocked reading; the process is about to end
 
     // Released explicitly, so the hold is gone before the command exits.
-    answer = ask([&](TvDaemonClient::Reply r) { client.releaseHoldReply(*token, std::move(r)); });
+    answer = ask(client, [&](TvDaemonClient& c, TvDaemonClient::Reply r) { c.releaseHoldReply(*token, std::move(r)); });
     if (platform::eventError(answer))
         err_ << "tvkit: connection to tvd lost; the hold ended with it\n";
     return kExitSuccess;
@@ -587,19 +427,25 @@ int Tvkit::release(const std::vector<std::string>& args)
     }, json);
 }
 
-int Tvkit::request(const Send& send, platform::VynEvent& answer)
+std::shared_ptr<platform::VynService> Tvkit::openIpc(int& status)
 {
     auto config = platform::PlatformConfig::load();
     if (!config) {
-        err_ << "tvkit: " << config.error().localizedDescription() << "\n";
-        return kExitUsage;
+        err_ << "tvkit: " << config.error().localizedDescription() << "\n"
+             << "tvkit: fix the file, or point TVD_CONFIG at the daemon's configuration.\n";
+        status = kExitUsage;
+        return nullptr;
     }
     auto vyn = platform::LinuxVynService::create(*config);
     if (!vyn) {
         err_ << "tvkit: cannot set up the IPC service\n";
-        return kExitUnavailable;
+        status = kExitUnavailable;
     }
-    TvDaemonClient client(vyn, service_.c_str());
+    return vyn;
+}
+
+platform::VynEvent Tvkit::ask(TvDaemonClient& client, const Send& send)
+{
     // The first answer counts. A failed connection may report again after
     // this function returned, so the handler owns what it writes to.
     auto answered = std::make_shared<std::promise<platform::VynEvent>>();
@@ -608,12 +454,28 @@ int Tvkit::request(const Send& send, platform::VynEvent& answer)
     send(client, [answered, once](const platform::VynEvent& a) {
         std::call_once(*once, [&] { answered->set_value(a); });
     });
-    answer = future.get();
+    return future.get();
+}
 
-    if (auto error = platform::eventError(answer)) {
-        err_ << "tvkit: cannot reach tvd at " << service_ << ": " << error->description << "\n";
-        return kExitUnavailable;
-    }
+int Tvkit::unreachable(const std::string& service, const std::string& why)
+{
+    err_ << "tvkit: cannot reach tvd at " << service << ": " << why << "\n"
+         << "tvkit: is tvd running? Start it with 'systemctl start tvd.socket' or run 'tvd';\n"
+         << "tvkit: --service names another daemon, TVD_CONFIG another configuration.\n";
+    return kExitUnavailable;
+}
+
+int Tvkit::request(const Send& send, platform::VynEvent& answer, const std::string& service)
+{
+    int status = kExitSuccess;
+    auto vyn = openIpc(status);
+    if (!vyn)
+        return status;
+    const std::string& name = service.empty() ? service_ : service;
+    TvDaemonClient client(vyn, name.c_str());
+    answer = ask(client, send);
+    if (auto error = platform::eventError(answer))
+        return unreachable(name, error->description);
     return kExitSuccess;
 }
 
@@ -622,6 +484,11 @@ int Tvkit::exchange(const Send& send, bool printReply, const std::function<void(
     platform::VynEvent answer;
     if (int status = request(send, answer); status != kExitSuccess)
         return status;
+    return report(answer, printReply, printSuccess);
+}
+
+int Tvkit::report(const platform::VynEvent& answer, bool printReply, const std::function<void(const Value&)>& printSuccess)
+{
     if (printReply)
         out_ << platform::toTypedJson(platform::eventMessage(answer)->body()) << "\n";
     try {
@@ -649,7 +516,7 @@ int Tvkit::match(const std::vector<std::string>& args)
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
         if (a == "-h" || a == "--help") {
-            out_ << kMatchHelp;
+            out_ << tvkitHelpFor("match");
             return kExitSuccess;
         } else if (a == "--json") {
             json = true;

@@ -26,6 +26,10 @@ public:
 
     int run(const std::vector<std::string>& args);
 
+    // Whether to report progress of long operations on standard error
+    // (when it is a terminal).
+    void setProgress(bool progress) { progress_ = progress; }
+
 private:
     // Builds and sends one request on `client`, handing it the completion.
     using Send = std::function<void(TvDaemonClient& client, TvDaemonClient::Reply reply)>;
@@ -45,20 +49,34 @@ private:
     // the hold) until SIGINT or SIGTERM arrives or standard input ends.
     int hold(const std::vector<std::string>& args);
     int release(const std::vector<std::string>& args);
+    // The daemon's figures, from its status listener.
+    int status(const std::vector<std::string>& args);
     // Sends one request to the daemon and reports its answer: the reply as
     // typed JSON on standard output when `printReply`, else an error reply as
     // a line on standard error. Returns the exit status.
     // `printSuccess`, when set and the reply is not printed whole, shows a
     // successful reply's body.
     int exchange(const Send& send, bool printReply, const std::function<void(const Value&)>& printSuccess = {});
-    // Sends one request and waits for its answer: kExitSuccess with `answer`
-    // set, or the exit status of a failure to reach the daemon (reported).
-    int request(const Send& send, platform::VynEvent& answer);
+    // The reporting half of exchange(), for an answer already received.
+    int report(const platform::VynEvent& answer, bool printReply,
+               const std::function<void(const Value&)>& printSuccess = {});
+    // Sends one request to `service` (empty: the daemon's) and waits for its
+    // answer: kExitSuccess with `answer` set, or the exit status of a failure
+    // to reach it (reported).
+    int request(const Send& send, platform::VynEvent& answer, const std::string& service = {});
+    // The IPC service for a client; null with `status` set (and the problem
+    // reported) when the configuration or the service cannot be had.
+    std::shared_ptr<platform::VynService> openIpc(int& status);
+    // Sends on `client` and waits for the first answer.
+    static platform::VynEvent ask(TvDaemonClient& client, const Send& send);
+    // Reports that `service` cannot be reached, with what to do about it.
+    int unreachable(const std::string& service, const std::string& why);
 
     std::istream& in_;
     std::ostream& out_;
     std::ostream& err_;
     std::string service_ = "com.veltra.tarvik.tvd";
+    bool progress_ = false;
 };
 
 } // namespace tv

@@ -35,7 +35,7 @@ TEST(TvdServerTest, BuildsItsQueuesAndListenerAndBecomesTheProcessServer)
     auto server = TvdServer::initForServiceDatabase("/tmp/x.sock", annotations.c_str(), platform);
     ASSERT_TRUE(server);
     EXPECT_EQ(TvdServer::server(), server);
-    EXPECT_EQ(made.size(), 4u);
+    EXPECT_EQ(made.size(), 5u); // with the status listener's
     EXPECT_EQ(server->requestScheduler()->queue(), server->mainQueue());
     EXPECT_EQ(vyn->listener()->path(), "/tmp/x.sock");
 
