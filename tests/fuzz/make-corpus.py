@@ -77,7 +77,7 @@ SEEDS = {
     },
     "frame": {
         "bulk": frame({"request": "bulk"}, 1),
-        "pipeline": frame(req("match", extensionpoint="com.veltra.share-services"), 1)
+        "pipeline": frame(req("match", rules={"KoExtensionPointIdentifier": "com.veltra.share-services"}), 1)
         + frame(req("annotate", uuids=[U], annotations={"election": 1}), 2, reply_expected=False),
         "reply": frame({"errorcode": 4, "error": "invalid request"}, 7, reply_to=3, reply_expected=False),
         "array-body": frame([1, "two", Signed(-3)], 2),
@@ -105,8 +105,8 @@ SEEDS = {
         "not": enc({"rule": {"Not": {"AtLeast": 1, "AtMost": 100}}, "items": {}}),
     },
     "daemon": {
-        "queries": b"\x00" + enc([req("bulk"), req("match", extensionpoint="com.veltra.share-services",
-                                                      rules={"KoUserElection": "=0"}, flags=3),
+        "queries": b"\x00" + enc([req("bulk"), req("match", rules={"KoExtensionPointIdentifier": "com.veltra.share-services",
+                                                                   "KoUserElection": "=0"}, flags=3),
                                    {"request": "bulk", "version": Signed(3)}, "not a dictionary"]),
         "changes": b"\x01" + enc([req("annotate", uuids=[U], annotations={"election": 1, "extension": {"k": "v"}}),
                                    req("bulk-annotate", annotations={str(U).upper(): {"x": 2}}),
