@@ -38,9 +38,15 @@ Value arrayWithValuesInBlock(const Value& collection, F fn)
 {
     if (const Array* a = collection.asArray())
         return arrayWithValuesInBlock(*a, std::move(fn));
-    if (const Dictionary* d = collection.asDictionary())
-        return arrayWithValuesInBlock(*d | std::views::keys,
-                                      [&fn](const std::string& key) -> Value { return fn(Value(key)); });
+    if (const Dictionary* d = collection.asDictionary()) {
+        // A plain loop rather than a keys view, which clang 14 cannot compile
+        // against GCC 12's library (the fuzzing build uses clang).
+        Array out;
+        for (const auto& entry : *d)
+            if (Value v = fn(Value(entry.first)); !v.isNull())
+                out.push_back(std::move(v));
+        return Value(std::move(out));
+    }
     return Value::emptyArray();
 }
 

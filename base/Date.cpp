@@ -121,6 +121,11 @@ std::optional<Date> Date::parseIso8601(std::string_view t)
         return std::nullopt;
     std::int64_t secs = daysFromCivil(Y, static_cast<unsigned>(M), static_cast<unsigned>(D)) * 86400 + h * 3600 +
                         mi * 60 + s - offset;
+    // An offset can carry a date of year 0000 or 9999 out of the years
+    // 0000-9999, which the writers cannot express: refused, so that every
+    // date read here is written back as text that reads again.
+    if (secs < daysFromCivil(0, 1, 1) * 86400 || secs >= daysFromCivil(10000, 1, 1) * 86400)
+        return std::nullopt;
     return Date(secs * 1000000 + micros);
 }
 

@@ -26,8 +26,8 @@ public:
     // up to six digits only when the date has one.
     std::string iso8601() const;
 
-    // Accepts "YYYY-MM-DDTHH:MM:SS[.frac](Z|+HH:MM|-HH:MM)". Fractions
-    // beyond microseconds are truncated.
+    // Accepts "YYYY-MM-DDTHH:MM:SS[.frac](Z|+HH:MM|-HH:MM)" within the years
+    // 0000-9999 in UTC. Fractions beyond microseconds are truncated.
     static std::optional<Date> parseIso8601(std::string_view text);
 
     friend auto operator<=>(const Date&, const Date&) = default;

@@ -1,5 +1,6 @@
 # Installs the Debian packages that building and testing tvd needs, only
-# those missing. Sourced by scripts/test, scripts/demo and scripts/bench.
+# those missing. Sourced by scripts/test, scripts/demo, scripts/bench and
+# scripts/fuzz.
 
 TVD_DEB_PACKAGES=(
   cmake ninja-build g++ pkg-config python3 binutils
@@ -7,11 +8,16 @@ TVD_DEB_PACKAGES=(
   libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev
   groff-base zsh
 )
+# The fuzz targets: clang 14 and its runtime libraries (libFuzzer, ASan, UBSan).
+TVD_FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)
 
+# With no arguments the packages above; otherwise the packages named.
 tvd_ensure_deps() {
   local missing=()
   local p
-  for p in "${TVD_DEB_PACKAGES[@]}"; do
+  local wanted=("$@")
+  [ ${#wanted[@]} -gt 0 ] || wanted=("${TVD_DEB_PACKAGES[@]}")
+  for p in "${wanted[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
       missing+=("$p")
     fi

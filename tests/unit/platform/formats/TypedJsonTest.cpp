@@ -74,8 +74,8 @@ TEST(TypedJsonTest, RefusesMalformedAndAmbiguousText)
         R"({"$int": 1, "x": 2})", R"({"x": null, "$int": 1})", R"({"$int": 1, "$uint": 2})", R"({"$int": "1"})",
         R"({"$int": 1.5})", R"({"$int": 9223372036854775808})", R"({"$int": null})", R"({"$uint": -1})",
         R"({"$double": "fast"})", R"({"$uuid": "not-a-uuid"})", R"({"$data": "AB*D"})", R"({"$data": "AA EC"})",
-        R"({"$date": "2026-11-22"})", R"({"$url": ["x"]})", R"({"$url": {"$url": "x"}})", R"({"$what": 1})",
-        R"({"$": 1})",
+        R"({"$date": "2026-11-22"})", R"({"$date": "0000-01-01T00:00:00+01:00"})", R"({"$url": ["x"]})",
+        R"({"$url": {"$url": "x"}})", R"({"$what": 1})", R"({"$": 1})",
     };
     for (const char* text : cases) {
         auto v = parseTypedJson(text);
