@@ -203,6 +203,12 @@ int TestDaemon::stop()
     return exitCode(status);
 }
 
+ProcessResult TestDaemon::tvkit(std::vector<std::string> args) const
+{
+    args.insert(args.begin(), {TVKIT_BINARY, "--service", socketPath_});
+    return runProgram(args, clientEnv());
+}
+
 std::string TestDaemon::log() const { return readFile(logPath_); }
 
 bool TestDaemon::waitForLog(const std::string& text, std::chrono::milliseconds timeout) const

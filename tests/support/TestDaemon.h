@@ -64,6 +64,8 @@ public:
     bool waitForLog(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     // Environment for tvkit and other clients of this platform.
     std::map<std::string, std::string> clientEnv() const { return {{"TVD_CONFIG", configPath_}}; }
+    // Runs tvkit with `args` against this daemon's socket.
+    ProcessResult tvkit(std::vector<std::string> args) const;
 
 private:
     TempDir dir_;
