@@ -87,7 +87,6 @@ ProcessResult runProgram(const std::vector<std::string>& argv, const std::map<st
     int status = waitForExit(spawn(argv, env, dir.file("out"), dir.file("err")), timeout);
     ProcessResult r;
     r.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     r.out = readFile(dir.file("out"));
     r.err = readFile(dir.file("err"));
     return r;

@@ -29,7 +29,6 @@ private:
 
 struct ProcessResult {
     int exitStatus = -1; // -1 when killed by a signal
-    int signal = 0;
     std::string out;
     std::string err;
 };
