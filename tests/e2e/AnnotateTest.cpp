@@ -2,14 +2,9 @@
 // library: every refusal with its code and text, one annotation-change
 // notification per successful request, partial failures that keep earlier
 // changes, hostile input, and the annotation file across a restart.
-#include "Tarvik/TvDaemonClient.h"
-#include "platform/PlatformConfig.h"
 #include "platform/formats/Vlist.h"
-#include "platform/ipc/LinuxVynService.h"
-#include "platform/notify/LinuxNotificationService.h"
+#include "tests/support/DaemonConnection.h"
 #include "tests/support/PlugInBundles.h"
-#include "tests/support/TestDaemon.h"
-#include "tvd/TvDatabase.h"
 
 #include <gtest/gtest.h>
 
@@ -24,7 +19,6 @@ namespace tv {
 namespace {
 
 using platform::Message;
-using platform::VynEvent;
 
 class AnnotateTest : public ::testing::Test {
 protected:
@@ -41,23 +35,15 @@ protected:
         ASSERT_FALSE(a_.isNil() || b_.isNil()) << daemon_.log();
     }
 
-    void connect()
-    {
-        client_.reset();
-        vyn_ = platform::LinuxVynService::create(*platform::PlatformConfig::loadFile(daemon_.configPath()));
-        client_ = std::make_unique<TvDaemonClient>(vyn_, daemon_.socketPath().c_str());
-    }
+    void connect() { connection_ = std::make_unique<test::DaemonConnection>(daemon_); }
+    TvDaemonClient& client() { return connection_->client(); }
 
     // Sends what `send` builds; the answer's error code and text (0 and ""
     // for success). A connection the transport cut is made again.
     using Answer = std::pair<std::int64_t, std::string>;
     Answer ask(const std::function<void(TvDaemonClient::Reply)>& send)
     {
-        std::promise<VynEvent> answered;
-        auto f = answered.get_future();
-        send([&](const VynEvent& a) { answered.set_value(a); });
-        EXPECT_EQ(f.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-        VynEvent answer = f.get();
+        platform::VynEvent answer = connection_->ask(send);
         if (platform::eventError(answer))
             connect();
         auto error = TvDaemonClient::errorInReply(answer);
@@ -65,16 +51,13 @@ protected:
     }
     Answer annotate(const Value& change, const std::vector<Uuid>& uuids)
     {
-        return ask([&](auto reply) { client_->setPluginAnnotationsAnnotationsReply(uuids, change, reply); });
+        return ask([&](auto reply) { client().setPluginAnnotationsAnnotationsReply(uuids, change, reply); });
     }
     Answer bulk(const Value& annotations)
     {
-        return ask([&](auto reply) { client_->bulkSetPluginAnnotationsReply(annotations, reply); });
+        return ask([&](auto reply) { client().bulkSetPluginAnnotationsReply(annotations, reply); });
     }
-    std::uint64_t notifications()
-    {
-        return platform::LinuxNotificationService(daemon_.root() + "/run/tvd").state(kAnnotationChangeNotification);
-    }
+    std::uint64_t notifications() { return test::annotationChanges(daemon_); }
     // The annotation stored in the file for `identifier` (null: none).
     Value stored(const std::string& identifier)
     {
@@ -88,8 +71,7 @@ protected:
     test::TempDir dir_, apps_;
     std::string file_ = dir_.file("Annotations");
     test::TestDaemon daemon_;
-    std::shared_ptr<platform::LinuxVynService> vyn_;
-    std::unique_ptr<TvDaemonClient> client_;
+    std::unique_ptr<test::DaemonConnection> connection_;
     Uuid a_, b_;
 };
 
@@ -124,10 +106,10 @@ TEST_F(AnnotateTest, RefusalsCarryTheirCodeAndTextAndChangeNothing)
     std::uint64_t before = notifications();
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.type) + " " + c.annotations.description() + " " + c.uuids.description());
-        Message m = client_->request(c.type);
+        Message m = client().request(c.type);
         m.set("annotations", c.annotations);
         m.set("uuids", c.uuids);
-        EXPECT_EQ(ask([&](auto reply) { client_->sendReply(m, reply); }), c.answer);
+        EXPECT_EQ(ask([&](auto reply) { client().sendReply(m, reply); }), c.answer);
     }
     EXPECT_EQ(notifications(), before);
     EXPECT_TRUE(stored("com.example.a").isNull());
@@ -140,9 +122,9 @@ TEST_F(AnnotateTest, OneNotificationPerSuccessfulRequestAndEarlierChangesStay)
     EXPECT_EQ(annotate(Value{{"election", 1}}, {a_, b_}), ok); // both plug-ins, one notification
     // Only keys that are not a change: nothing stored, no notification,
     // "uuids" not even read.
-    Message noChange = client_->request("annotate");
+    Message noChange = client().request("annotate");
     noChange.set("annotations", Value{{"colour", "red"}});
-    EXPECT_EQ(ask([&](auto reply) { client_->sendReply(noChange, reply); }), ok);
+    EXPECT_EQ(ask([&](auto reply) { client().sendReply(noChange, reply); }), ok);
     // "extension" merges beside "election"; bulk replaces "extension" whole
     // and keeps "election"; an empty bulk request still notifies.
     EXPECT_EQ(annotate(Value{{"extension", Value{{"k", "v"}}}}, {a_}), ok);

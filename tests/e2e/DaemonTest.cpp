@@ -1,5 +1,5 @@
-// The real tvd binary: command line, listening, tracing points, and cutting
-// misbehaving peers while others are served.
+// The real tvd binary: command line, listening, tracing points and its
+// descriptor limit. (Peers cut for hostile frames: RequestsTest.)
 #include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
@@ -8,9 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <poll.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -87,50 +85,6 @@ TEST(DaemonTest, AllTenProbesAreCompiledIn)
             ++semaphores;
     EXPECT_EQ(notes, 10u);
     EXPECT_EQ(semaphores, 10u);
-}
-
-// Writes raw bytes; reads until the daemon closes the connection (true) or
-// the timeout passes (false).
-bool closedByPeer(int fd, std::chrono::milliseconds timeout)
-{
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    char buf[4096];
-    while (std::chrono::steady_clock::now() < deadline) {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, 50) > 0) {
-            ssize_t n = ::read(fd, buf, sizeof buf);
-            if (n <= 0)
-                return true;
-        }
-    }
-    return false;
-}
-
-TEST(DaemonTest, HostilePeersAreCutWhileOthersStayConnected)
-{
-    TestDaemon d;
-    ASSERT_TRUE(d.start()) << d.log();
-    int bystander = test::connectUnix(d.socketPath());
-    ASSERT_GE(bystander, 0);
-
-    // Each malformation is the connection layer's to judge; one shows the
-    // daemon wires it in.
-    int fd = test::connectUnix(d.socketPath());
-    std::vector<std::uint8_t> giant(24, 0); // a header announcing 4 GiB
-    giant[0] = giant[1] = giant[8] = 1;     // format, a reply expected, message id
-    std::memset(&giant[4], 0xff, 4);
-    ASSERT_EQ(::write(fd, giant.data(), giant.size()), static_cast<ssize_t>(giant.size()));
-    EXPECT_TRUE(closedByPeer(fd, std::chrono::seconds(5)));
-    ::close(fd);
-    // The bystander was never cut, and the daemon still accepts and serves.
-    pollfd p{bystander, POLLIN, 0};
-    EXPECT_EQ(::poll(&p, 1, 100), 0);
-    EXPECT_TRUE(d.running());
-    auto r = runProgram({TVKIT_BINARY, "--service", d.socketPath(), "raw", R"({"request": "bulk", "version": 3})"},
-                        d.clientEnv());
-    EXPECT_EQ(r.exitStatus, 0) << r.err;
-    ::close(bystander);
-    EXPECT_EQ(d.stop(), 0);
 }
 
 TEST(DaemonTest, RaisesItsDescriptorLimitToTheHardLimit)

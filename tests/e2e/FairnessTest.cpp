@@ -1,8 +1,6 @@
 // Fairness of the real daemon under a client that sends long requests: other
 // clients are served in between, and the watchdog keeps being pinged.
-#include "Tarvik/TvDaemonClient.h"
-#include "platform/ipc/LinuxVynService.h"
-#include "platform/PlatformConfig.h"
+#include "tests/support/DaemonConnection.h"
 #include "tests/support/NotifySocket.h"
 #include "tests/support/PlugInBundles.h"
 #include "tests/support/TestDaemon.h"
@@ -33,11 +31,8 @@ TEST(FairnessTest, LongRequestsShareTheQueueAndTheWatchdogKeepsBeingPinged)
     std::string bundle = daemon.root() + "/bundles/Long.vext";
     test::makePlugInBundle(bundle, "com.example.long");
 
-    auto config = platform::PlatformConfig::loadFile(daemon.configPath());
-    ASSERT_TRUE(config.ok());
-    auto vyn = platform::LinuxVynService::create(*config);
-    TvDaemonClient heavy(vyn, daemon.socketPath().c_str());
-    TvDaemonClient light(vyn, daemon.socketPath().c_str());
+    test::DaemonConnection heavyConnection(daemon), lightConnection(daemon);
+    TvDaemonClient &heavy = heavyConnection.client(), &light = lightConnection.client();
 
     // Two pipelined requests that each register the same plug-in many times.
     // 40,000 paths of about 60 bytes stay well inside the 4 MiB frame limit.

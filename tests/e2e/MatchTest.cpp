@@ -47,11 +47,7 @@ protected:
                                                   {"KoExtensionAttributes", Value{{"KoExtensionVersion", version}}}}}},
                       entitlements);
     }
-    test::ProcessResult tvkit(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), {TVKIT_BINARY, "--service", daemon_.socketPath()});
-        return test::runProgram(args, daemon_.clientEnv());
-    }
+    test::ProcessResult tvkit(std::vector<std::string> args) { return daemon_.tvkit(std::move(args)); }
 
     test::TempDir disk_;
     test::TestDaemon daemon_;

@@ -2,17 +2,13 @@
 // every named plug-in is checked before any is enabled for the host, each
 // kept plug-in is enabled once, and "access" answers one read-only token per
 // named plug-in's bundle, in request order.
-#include "Tarvik/TvDaemonClient.h"
-#include "platform/PlatformConfig.h"
 #include "platform/formats/Vlist.h"
-#include "platform/ipc/LinuxVynService.h"
+#include "tests/support/DaemonConnection.h"
 #include "tests/support/PlugInBundles.h"
-#include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <future>
 
 namespace tv {
 namespace {
@@ -24,8 +20,7 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(daemon_.start()) << daemon_.log();
-        vyn_ = platform::LinuxVynService::create(*platform::PlatformConfig::loadFile(daemon_.configPath()));
-        client_ = std::make_unique<TvDaemonClient>(vyn_, daemon_.socketPath().c_str());
+        connection_ = std::make_unique<test::DaemonConnection>(daemon_);
     }
 
     // An application holding the plug-in `identifier` with an executable;
@@ -45,16 +40,10 @@ protected:
         return test::installedUuid(daemon_, identifier).value_or(Uuid());
     }
 
-    platform::VynEvent ask(const std::function<void(TvDaemonClient::Reply)>& send)
-    {
-        std::promise<platform::VynEvent> answered;
-        send([&](const platform::VynEvent& e) { answered.set_value(e); });
-        return answered.get_future().get();
-    }
     std::string ready(const std::vector<Uuid>& uuids)
     {
         auto error = TvDaemonClient::errorInReply(
-            ask([&](auto reply) { client_->readyPlugInsFlagsReply(uuids, 0, reply); }));
+            connection_->ask([&](auto reply) { connection_->client().readyPlugInsFlagsReply(uuids, 0, reply); }));
         return error ? std::to_string(error->code) + " " + error->description.value_or("") : "ok";
     }
     std::size_t enabled(const std::string& identifier)
@@ -68,8 +57,7 @@ protected:
 
     test::TempDir apps_;
     test::TestDaemon daemon_;
-    std::shared_ptr<platform::LinuxVynService> vyn_;
-    std::unique_ptr<TvDaemonClient> client_;
+    std::unique_ptr<test::DaemonConnection> connection_;
 };
 
 TEST_F(ReadyAccessTest, ReadyChecksEveryPlugInFirstThenEnablesEachOnce)
@@ -114,7 +102,7 @@ TEST_F(ReadyAccessTest, AccessAnswersOneTokenPerNamedPlugInInRequestOrder)
     const Uuid a = install("com.example.a"), b = install("com.example.b");
     ASSERT_FALSE(a.isNil() || b.isNil()) << daemon_.log();
     auto access = [&](const std::vector<Uuid>& uuids) {
-        auto answer = ask([&](auto reply) { client_->accessPlugInsFlagsReply(uuids, 0, reply); });
+        auto answer = connection_->ask([&](auto reply) { connection_->client().accessPlugInsFlagsReply(uuids, 0, reply); });
         EXPECT_FALSE(TvDaemonClient::errorInReply(answer));
         const Array* tokens = platform::eventMessage(answer)->get("extensions").asArray();
         return tokens ? *tokens : Array{Value("<no extensions>")};

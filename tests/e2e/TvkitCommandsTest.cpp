@@ -1,7 +1,8 @@
 // tvkit's request commands against the real daemon: add, remove, elect,
-// unelect, ready and access, plain, with --json and as raw requests; the
-// path handling of the request frame and the manager entitlement, read from an administrator's
-// drop-in.
+// unelect, ready and access, plain, with --json and as raw requests (hold
+// and release in LockTest; the help of all of them here); the path handling
+// of the request frame and the manager entitlement, read from an
+// administrator's drop-in.
 #include "platform/formats/Vlist.h"
 #include "tests/support/PlugInBundles.h"
 #include "tests/support/TestDaemon.h"
@@ -27,11 +28,7 @@ protected:
         test::makePlugInBundle(bundle_, "com.example.extra");
     }
 
-    test::ProcessResult tvkit(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), {TVKIT_BINARY, "--service", daemon_.socketPath()});
-        return test::runProgram(args, daemon_.clientEnv());
-    }
+    test::ProcessResult tvkit(std::vector<std::string> args) { return daemon_.tvkit(std::move(args)); }
     test::ProcessResult raw(const std::string& type, const std::vector<std::string>& paths)
     {
         std::string json = R"({"request": ")" + type + R"(", "version": 3, "paths": [)";
@@ -54,11 +51,13 @@ protected:
 
 TEST_F(TvkitCommandsTest, CommandsSendTheirRequestsAndReportTheAnswer)
 {
-    for (const char* command : {"add", "remove", "elect", "unelect", "ready", "access"}) {
+    const std::string overview = tvkit({"--help"}).out;
+    for (const char* command : {"add", "remove", "elect", "unelect", "ready", "access", "hold", "release"}) {
         auto help = tvkit({"help", command});
         EXPECT_EQ(help.out.rfind(std::string("usage: tvkit ") + command + " [--json] ", 0), 0u) << help.out;
         EXPECT_EQ(tvkit({command, "--help"}).out, help.out);
         EXPECT_EQ(tvkit({command}).exitStatus, 2);
+        EXPECT_NE(overview.find(std::string("  ") + command + " "), std::string::npos) << command;
     }
     auto added = tvkit({"add", "--json", bundle_});
     EXPECT_EQ(added.out, "{}\n");

@@ -1,5 +1,5 @@
 // FakeContainerService: a container service that answers every request with
-// one fixed path or one fixed error number, and counts the requests.
+// one fixed path or one fixed error number, and keeps the last request.
 #pragma once
 
 #include "platform/PosixError.h"
@@ -20,7 +20,6 @@ public:
 
     Result<std::string> containerPath(std::uint64_t containerClass, const std::string& identifier, bool create) override
     {
-        ++requests;
         lastClass = containerClass;
         lastIdentifier = identifier;
         lastCreate = create;
@@ -31,7 +30,6 @@ public:
 
     std::string path;
     int errorNumber = 0;
-    int requests = 0;
     std::uint64_t lastClass = 0;
     std::string lastIdentifier;
     bool lastCreate = false;

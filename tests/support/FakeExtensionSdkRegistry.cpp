@@ -8,12 +8,6 @@ void FakeExtensionSdkRegistry::set(const std::string& identifier, Value dictiona
     entries_.insert_or_assign(identifier, std::move(dictionary));
 }
 
-void FakeExtensionSdkRegistry::remove(const std::string& identifier)
-{
-    std::lock_guard lock(mutex_);
-    entries_.erase(identifier);
-}
-
 std::size_t FakeExtensionSdkRegistry::lookUpCount() const
 {
     std::lock_guard lock(mutex_);

@@ -13,7 +13,6 @@ namespace tv::test {
 class FakeExtensionSdkRegistry final : public platform::ExtensionSdkRegistry {
 public:
     void set(const std::string& identifier, Value dictionary);
-    void remove(const std::string& identifier);
     std::size_t lookUpCount() const;
 
     std::optional<Value> lookUp(const std::string& extensionPointIdentifier) override;

@@ -87,7 +87,6 @@ ProcessResult runProgram(const std::vector<std::string>& argv, const std::map<st
     int status = waitForExit(spawn(argv, env, dir.file("out"), dir.file("err")), timeout);
     ProcessResult r;
     r.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     r.out = readFile(dir.file("out"));
     r.err = readFile(dir.file("err"));
     return r;
@@ -201,6 +200,12 @@ int TestDaemon::stop()
     int status = waitForExit(pid_, std::chrono::seconds(10));
     pid_ = -1;
     return exitCode(status);
+}
+
+ProcessResult TestDaemon::tvkit(std::vector<std::string> args) const
+{
+    args.insert(args.begin(), {TVKIT_BINARY, "--service", socketPath_});
+    return runProgram(args, clientEnv());
 }
 
 std::string TestDaemon::log() const { return readFile(logPath_); }

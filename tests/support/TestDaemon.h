@@ -29,7 +29,6 @@ private:
 
 struct ProcessResult {
     int exitStatus = -1; // -1 when killed by a signal
-    int signal = 0;
     std::string out;
     std::string err;
 };
@@ -64,6 +63,8 @@ public:
     bool waitForLog(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
     // Environment for tvkit and other clients of this platform.
     std::map<std::string, std::string> clientEnv() const { return {{"TVD_CONFIG", configPath_}}; }
+    // Runs tvkit with `args` against this daemon's socket.
+    ProcessResult tvkit(std::vector<std::string> args) const;
 
 private:
     TempDir dir_;

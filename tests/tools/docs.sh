@@ -58,7 +58,7 @@ check_options() { # CONTEXT OFFERED-BY-BASH OPTION...
     r=${opt//-/\\-}
     [[ $man == *"$r\\f"* || $man == *"$r "* || $man == *"$r"$'\n'* ]] || fail "tvkit.1 does not describe $context$opt"
     [[ $offered == *" $opt "* ]] || fail "the bash completion does not offer $context$opt"
-    [[ $zsh == *[\',{]"$opt"[[=}]* ]] || fail "the zsh completion does not offer $context$opt"
+    [[ $zsh == *[\',{)]"$opt"[[=}]* ]] || fail "the zsh completion does not offer $context$opt"
   done
 }
 options_in() { sed -n "/^$1/,/^\$/p" | grep -o -- '--[a-z][a-z-]*' | sort -u; }

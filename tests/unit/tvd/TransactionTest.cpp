@@ -1,15 +1,30 @@
+// Transaction: what every request goes through (protocol version, type,
+// exactly one reply, yielding between elements), the path and UUID list
+// walkers, and the "match" request: its checks and wire codes, what a host is
+// offered, and duplicate resolution. Override marks are checked end to end
+// (tests/e2e/MatchTest.cpp).
 #include "tvd/Transaction.h"
 
+#include "Tarvik/TvMessageConversion.h"
 #include "base/InternalInconsistency.h"
+#include "platform/preferences/PreferencesService.h"
+#include "platform/security/SandboxService.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/PlugInBundles.h"
+#include "tests/support/RegistryRecords.h"
 #include "tests/support/ServerHarness.h"
 #include "tests/support/TestDaemon.h"
+#include "tvd/TvdMatchRules.h"
+#include "tvd/TvdPlugIn.h"
+#include "tvd/TvdPlugInHold.h"
+#include "tvd/TvdUserPrefs.h"
 #include "tvd/TvdVynClient.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <new>
+#include <set>
 #include <stdexcept>
 
 namespace tv {
@@ -212,6 +227,302 @@ TEST(TransactionTest, ALongRequestYieldsToOtherClientsAndEndsOnce)
         }
         EXPECT_EQ(h.registry->registered().size(), tc.relative || tc.dies ? 1u : 3u); // nothing after the end
     }
+}
+
+// Walks the "uuids" of `body` for a client of `h`; records the plug-ins the
+// step saw, and stops after `stopAfter` of them when set.
+struct Walk {
+    bool result = false;
+    std::vector<Uuid> seen;
+    std::vector<platform::Message> replies;
+};
+
+Walk walkUuids(ServerHarness& h, Value uuids, int stopAfter = -1)
+{
+    auto c = h.connect(42);
+    auto client = std::static_pointer_cast<TvdVynClient>(c->context());
+    Dictionary body{{"request", Value("ready")}, {"version", Value(std::uint64_t{3})}};
+    if (!uuids.isNull())
+        body["uuids"] = uuids;
+    platform::Message request{Value(std::move(body))};
+    request.setMessageId(7);
+    request.setExpectsReply(true);
+    Transaction t(request, client);
+    Walk w;
+    w.result = t.processUuidList([&](const std::shared_ptr<TvdPlugIn>& plugIn) {
+        w.seen.push_back(*plugIn->uuid());
+        if (static_cast<int>(w.seen.size()) == stopAfter) {
+            t.failMessage(4, "stopped by step");
+            return false;
+        }
+        return true;
+    });
+    w.replies = c->sent();
+    return w;
+}
+
+class TransactionUuidListTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        TvdPlugIn::setSystemVolumeRoot("/System");
+        a_ = test::makePlugInRecord("/apps/A.app/PlugIns/A.vext", "com.example.a");
+        b_ = test::makePlugInRecord("/apps/A.app/PlugIns/B.vext", "com.example.b");
+        h_.registry->plugIns = {a_, b_};
+    }
+    ServerHarness h_;
+    platform::RegistryPlugInRecordPtr a_, b_;
+};
+
+TEST_F(TransactionUuidListTest, WalksEveryUuidInOrderAndLeavesTheReplyToTheHandler)
+{
+    Walk w = walkUuids(h_, Value(Array{Value(b_->uuid), Value(a_->uuid), Value(b_->uuid)}));
+    EXPECT_TRUE(w.result);
+    EXPECT_EQ(w.seen, (std::vector<Uuid>{b_->uuid, a_->uuid, b_->uuid}));
+    EXPECT_TRUE(w.replies.empty());
+    EXPECT_TRUE(walkUuids(h_, Value(Array{})).replies.empty());
+
+    // A step that stops ends the walk with its own reply.
+    Walk stopped = walkUuids(h_, Value(Array{Value(a_->uuid), Value(b_->uuid)}), 1);
+    EXPECT_FALSE(stopped.result);
+    EXPECT_EQ(stopped.seen.size(), 1u);
+    EXPECT_EQ(stopped.replies.size(), 1u);
+}
+
+TEST_F(TransactionUuidListTest, RefusalsEndTheRequestAfterTheEarlierElements)
+{
+    const Uuid unknown = Uuid::random();
+    // Uuids, seen before the refusal, error. Each text's wire form, with
+    // "uuids" absent and a UUID sent as its text, is checked end to end
+    // (tests/e2e/AnnotateTest.cpp).
+    const std::tuple<Value, std::size_t, const char*> cases[] = {
+        {Value(a_->uuid), 0, "invalid request format (uuid)"},
+        {Value(Array{Value(a_->uuid), Value::data(Bytes(16, 1))}), 1, "invalid request (bad uuid array)"},
+        {Value(Array{Value(a_->uuid), Value(b_->uuid), Value(unknown)}), 2, "no such plugin (uuid not found)"},
+    };
+    for (const auto& [uuids, seenBefore, error] : cases) {
+        SCOPED_TRACE(uuids.description());
+        Walk w = walkUuids(h_, uuids);
+        EXPECT_FALSE(w.result);
+        EXPECT_EQ(w.seen.size(), seenBefore);
+        ASSERT_EQ(w.replies.size(), 1u);
+        EXPECT_EQ(w.replies[0].body(), (Value{{"errorcode", std::uint64_t{4}}, {"error", error}}));
+    }
+}
+
+// "ready" enables every plug-in it kept, once each, even after one failed,
+// and answers with the first failure. (These bundles are not on disk, so
+// each has no executable.)
+TEST_F(TransactionUuidListTest, ReadyEnablesEveryKeptPlugInOnceAndReportsTheFirstFailure)
+{
+    test::LogCapture log;
+    auto c = h_.connect(42);
+    h_.send(*c, Value{{"request", "ready"},
+                      {"version", std::uint64_t{3}},
+                      {"uuids", Value(Array{Value(a_->uuid), Value(b_->uuid), Value(a_->uuid)})}});
+    h_.drain();
+    auto replies = h_.replies(*c);
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies[0].body(),
+              (Value{{"errorcode", std::uint64_t{4}},
+                     {"error", "cannot obtain executable path for plug-in com.example.a(" + a_->uuid.string() + ")"}}));
+    EXPECT_EQ(log.countContaining("failed to obtain execPath for plug-in com.example.a("), 1u);
+    EXPECT_EQ(log.countContaining("failed to obtain execPath for plug-in com.example.b("), 1u);
+
+    // A job manager that refuses the registration (its table is full).
+    test::TempDir disk;
+    auto onDisk = test::makePlugInRecord(disk.path() + "/A.app/PlugIns/C.vext", "com.example.c");
+    test::makePlugInBundle(onDisk->bundlePath, "com.example.c", "/bin/true");
+    h_.registry->plugIns.push_back(onDisk);
+    h_.jobManager->addResult = ENOSPC;
+    h_.send(*c, Value{{"request", "ready"}, {"version", std::uint64_t{3}}, {"uuids", Value(Array{Value(onDisk->uuid)})}});
+    h_.drain();
+    replies = h_.replies(*c);
+    ASSERT_EQ(replies.size(), 2u);
+    EXPECT_EQ(replies[1].body(), (Value{{"errorcode", std::uint64_t{4}},
+                                        {"error", "unable to enable plug-in com.example.c(" + onDisk->uuid.string() + ")"}}));
+    EXPECT_EQ(log.countContaining("jobd error 28 trying to allow 42 "), 1u);
+}
+
+using Record = std::shared_ptr<platform::RegistryPlugInRecord>;
+using Set = std::set<std::string>;
+
+struct FakeSandbox final : platform::SandboxService {
+    std::set<pid_t> sandboxed;
+    Result<std::string> issueFileExtension(std::string_view, std::string_view, std::uint32_t) override { return std::string("t"); }
+    Result<std::int64_t> consumeExtension(std::string_view) override { return std::int64_t{1}; }
+    MaybeError releaseExtension(std::int64_t) override { return std::nullopt; }
+    bool isProcessSandboxed(pid_t pid) override { return sandboxed.count(pid) > 0; }
+};
+
+struct FakePreferences final : platform::PreferencesService {
+    Value exclusions;
+    MaybeError synchronize(const std::string&) override { return std::nullopt; }
+    Value copyValue(const std::string&, const std::string&) override { return exclusions; }
+};
+
+constexpr const char* kManager = "com.veltra.private.tarvik.manager";
+
+class TransactionMatchTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        TvdPlugIn::setSystemVolumeRoot("/System");
+        TvdMatchRules::setShared(nullptr);
+        previous_ = platform::setSandboxService(sandbox);
+        h.server->setUserPrefs(TvdUserPrefs::init(prefs));
+        h.codeSigning->entitlements[51] = Value{{kManager, Value(true)}};
+    }
+    void TearDown() override { platform::setSandboxService(previous_); }
+
+    // A plug-in at `version`, in an application unless `system`.
+    Record add(const std::string& id, const std::string& version = "1", bool system = false, std::int64_t time = 0)
+    {
+        auto r = test::makePlugInRecord((system ? "/System/Library/PlugIns/" : "/apps/A.app/PlugIns/") + id +
+                                            std::to_string(h.registry->plugIns.size()) + ".vext", id);
+        if (system)
+            r->containingApplication = nullptr;
+        r->onSystemVolume = system;
+        r->registrationDate = Date::fromSeconds(time);
+        r->plugInDictionary = Value{{"KoExtensionPointIdentifier", Value("point")},
+                                    {"KoExtensionAttributes", Value{{"KoExtensionVersion", Value(version)}}}};
+        h.registry->plugIns.push_back(r);
+        return r;
+    }
+    platform::Message match(std::uint64_t flags, Value rules, pid_t pid = 50, std::uint64_t version = 3)
+    {
+        if (!connections_[pid])
+            connections_[pid] = h.connect(pid);
+        auto& c = *connections_[pid];
+        Dictionary body{{"request", Value("match")}, {"version", Value(version)}, {"flags", Value(flags)}};
+        if (!rules.isNull())
+            body["rules"] = std::move(rules);
+        h.send(c, Value(std::move(body)));
+        h.drain();
+        return h.replies(c).back();
+    }
+    // The forms of a match for "point", by UUID.
+    std::map<std::string, Value> matched(std::uint64_t flags = 0, pid_t pid = 50)
+    {
+        std::map<std::string, Value> forms;
+        Value decoded = messageDecode(match(flags, Value{{"KoExtensionPointIdentifier", "point"}}, pid).get("matches"));
+        for (const Value& f : *decoded.asArray())
+            forms[*f["uuid"].asString()] = f;
+        return forms;
+    }
+    Set uuids(std::uint64_t flags = 0, pid_t pid = 50)
+    {
+        Set result;
+        for (const auto& [uuid, form] : matched(flags, pid))
+            result.insert(uuid);
+        return result;
+    }
+
+    test::ServerHarness h;
+    std::shared_ptr<FakeSandbox> sandbox = std::make_shared<FakeSandbox>();
+    std::shared_ptr<FakePreferences> prefs = std::make_shared<FakePreferences>();
+    std::map<pid_t, std::shared_ptr<test::FakeVynConnection>> connections_;
+    std::shared_ptr<platform::SandboxService> previous_;
+};
+
+TEST_F(TransactionMatchTest, RequestChecksAnswerWithTheirCodes)
+{
+    sandbox->sandboxed.insert(52);
+    h.codeSigning->entitlements[52] = Value{{kManager, Value(true)}};
+    const char* badRules = "invalid request format (bad rules dictionary)";
+    const char* unauthorized = "unauthorized discovery flag (TvDiscoverAll)";
+    const struct {
+        Value rules;
+        std::uint64_t flags;
+        pid_t pid; // 50: no entitlement, 51: manager, 52: sandboxed manager
+        std::uint64_t code;
+        const char* error;
+    } cases[] = {
+        {Value("x"), 0, 50, 4, badRules}, {Value(Array{}), 0x200, 51, 4, badRules},
+        {Value(), 0x200, 50, 11, unauthorized}, {Value(), 0x200, 52, 11, unauthorized},
+        {Value(), 0x200, 51, 0, nullptr}, {Value(), 0x1FF, 50, 0, nullptr},
+    };
+    for (const auto& c : cases) {
+        auto reply = match(c.flags, c.rules, c.pid);
+        EXPECT_EQ(reply.get("errorcode"), c.code ? Value(c.code) : Value()) << reply.description();
+        EXPECT_EQ(reply.get("error"), c.error ? Value(c.error) : Value());
+        EXPECT_EQ(messageDecode(reply.get("matches")).isArray(), c.code == 0); // empty registry: an empty list
+    }
+    add("a");
+    auto v2 = match(0, Value(), 50, 2); // protocol 2: served, without "matches"
+    EXPECT_TRUE(v2.get("errorcode").isNull());
+    EXPECT_TRUE(v2.get("matches").isNull());
+}
+
+TEST_F(TransactionMatchTest, DuplicatesResolveByVersionThenSystemVolumeThenModificationTime)
+{
+    struct Copy {
+        const char* version;
+        bool system;
+        std::int64_t time;
+    };
+    const std::uint64_t all = 0x1, dups = 0x4;
+    const struct {
+        std::uint64_t flags;
+        std::vector<Copy> copies;
+        std::set<std::size_t> kept;
+    } cases[] = {
+        {0, {{"1.2", false, 1}, {"1.10", false, 1}}, {1}},
+        {0, {{"1.10", false, 1}, {"1.2", false, 9}}, {0}},
+        {0, {{"1.01", false, 5}, {"1.1", false, 5}}, {0}}, // same version, same time: the first stays
+        {all, {{"1.2", false, 1}, {"1.10", false, 1}}, {0, 1}},
+        {all, {{"1.10", false, 2}, {"1.10", true, 1}}, {1}},
+        {all, {{"1.10", true, 2}, {"1.10", false, 1}}, {0}},
+        {all, {{"1.10", true, 1}, {"1.10", false, 2}}, {1}}, // only the later copy gets the system advantage
+        {all, {{"1", false, 1}, {"2", false, 1}, {"2", false, 3}}, {0, 2}},
+        {all | dups, {{"1.10", false, 1}, {"1.10", false, 2}, {"1.2", false, 3}}, {0, 1, 2}},
+        {dups, {{"1.10", false, 1}, {"1.10", false, 2}}, {1}},
+    };
+    for (const auto& c : cases) {
+        h.registry->plugIns.clear();
+        std::vector<std::string> ids;
+        for (const auto& copy : c.copies)
+            ids.push_back(add("dup", copy.version, copy.system, copy.time)->uuid.string());
+        Set expected{add("other")->uuid.string()}; // another identifier is never a duplicate
+        for (std::size_t i : c.kept)
+            expected.insert(ids[i]);
+        EXPECT_EQ(uuids(c.flags), expected) << "flags " << c.flags << ", first " << c.copies[0].version;
+    }
+}
+
+TEST_F(TransactionMatchTest, VisibilityHoldsExclusionsAndHostRights)
+{
+    test::LogCapture log;
+    auto s = [](const Record& r) { return r->uuid.string(); };
+    auto app = add("app"), system = add("system", "1", true), held = add("held"), excluded = add("excluded");
+    auto demanding = add("demanding"), dedicated = add("dedicated"), outside = add("outside");
+    demanding->plugInDictionary = demanding->plugInDictionary.with("KoExtensionHostEntitlement", "host.right");
+    dedicated->plugInDictionary = dedicated->plugInDictionary.with("Dedicated", true);
+    outside->containingApplication = nullptr; // neither in an application nor on the system volume
+    outside->bundlePath = "/System/Library/PlugIns/Outside.vext";
+    outside->bundleUrl = Value::fileURL(outside->bundlePath);
+    prefs->exclusions = Value(Array{Value{{"KoExtensionIdentifier", Value("excluded")}}});
+    auto holder = h.connect(70);
+    h.server->addHold(TvdPlugInHold::initWithPlugInsForClient(
+        {h.server->findPlugIn(held->uuid)}, std::static_pointer_cast<TvdVynClient>(holder->context())));
+
+    EXPECT_EQ(uuids(0), (Set{s(app), s(system)}));
+    EXPECT_EQ(uuids(0x8), Set{s(system)});
+    EXPECT_EQ(uuids(0x200, 51), (Set{s(app), s(system), s(held), s(demanding), s(dedicated), s(outside)}));
+    EXPECT_TRUE(log.contains("client 50 plugin " + s(excluded) + " globally excluded"));
+    EXPECT_TRUE(log.contains("client 50 cannot use plugin " + s(demanding) +
+                             ": the host does not have the \"host.right\" entitlement"));
+    EXPECT_TRUE(log.contains("match returned 2 plug-ins"));
+
+    const Value elected{{"election", Value(std::int64_t{1})}};
+    h.server->setAnnotationForPlugIn(elected, *h.server->findPlugIn(app->uuid));
+    auto forms = matched(); // the stored annotation, else an empty dictionary
+    EXPECT_EQ(forms[s(app)]["annotations"], elected);
+    EXPECT_EQ(forms[s(system)]["annotations"], Value::emptyDictionary());
+
+    holder->deliver(platform::VynError{platform::VynError::Kind::ConnectionInvalid, "gone"});
+    h.drain();
+    EXPECT_TRUE(uuids(0).count(s(held))); // the holder died: offered again
 }
 
 } // namespace

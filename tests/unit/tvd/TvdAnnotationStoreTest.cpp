@@ -82,19 +82,9 @@ TEST_F(TvdAnnotationStoreTest, SavedFileHoldsExactlyVersionAndDataAndReloads)
         EXPECT_EQ(e.path().filename(), "Annotations");
 }
 
-TEST_F(TvdAnnotationStoreTest, ChangesMergeOverTheEntryAndNoneRemovesIt)
-{
-    auto store = open();
-    store->setAnnotationForIdentifier(Value{{"election", 0}, {"extension", Value{{"x", 1}}}}, "a");
-    store->setAnnotationForIdentifier(Value{{"election", 1}}, "a");
-    EXPECT_EQ(store->annotationForIdentifier("a"), (Value{{"election", 1}, {"extension", Value{{"x", 1}}}}));
-    store->setAnnotationForIdentifier(Value{{"extension", Value{{"z", 3}}}}, "a"); // values are replaced whole
-    store->setAnnotationForIdentifier(Value{{"election", 1}}, "b");
-    EXPECT_EQ(open()->annotationForIdentifier("a"), (Value{{"election", 1}, {"extension", Value{{"z", 3}}}}));
-    store->setAnnotationForIdentifier(Value(), "a");
-    EXPECT_EQ(Value(open()->annotations()), (Value{{"b", Value{{"election", 1}}}}));
-}
-
+// How a change merges over an entry is checked end to end, through the
+// annotate and bulk-annotate requests and a restart (AnnotateTest); removal
+// with an absent annotation below.
 TEST_F(TvdAnnotationStoreTest, UnsavableTablesAreRefusedOrKeptInMemoryAndNeverWritten)
 {
     auto store = open();

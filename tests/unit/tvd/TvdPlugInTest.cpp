@@ -1,14 +1,25 @@
+// TvdPlugIn: the registry facts a record takes, its consistency rules,
+// grants, busy check, host rights, privacy services and sandbox profile.
 #include "tvd/TvdPlugIn.h"
 
+#include "Tarvik/TvBundle.h"
 #include "Tarvik/TvFileReadGrant.h"
+#include "platform/privacy/LinuxPrivacyConsentService.h"
+#include "platform/process/LinuxBundleService.h"
+#include "platform/processstate/ProcessStateService.h"
 #include "platform/security/LinuxSandboxService.h"
+#include "tests/support/FakeVlistFiles.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RegistryRecords.h"
+#include "tests/support/ServerHarness.h"
 #include "tests/support/TestDaemon.h"
+#include "tvd/TvdMatchRules.h"
+#include "tvd/TvdVynClient.h"
 
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <set>
 
 namespace tv {
 namespace {
@@ -183,6 +194,169 @@ TEST_F(TvdPlugInGrantsTest, IssueResourceExtensionsAndAugmentForm)
         Value otherForm(Dictionary{});
         plugIn(bundle_ + ".plugin", list, "P")->augmentForm(otherForm);
         EXPECT_EQ(otherForm["extensions"], list.isNull() ? Value() : Value(Dictionary{})) << list.description();
+    }
+}
+
+
+struct ScriptedProcessState final : platform::ProcessStateService {
+    Result<std::vector<Value>> answer = std::vector<Value>{};
+    std::vector<std::set<std::string>> asked;
+    Result<std::vector<Value>> busyExtensionInstances(const std::set<std::string>& ids) override
+    {
+        asked.push_back(ids);
+        return answer;
+    }
+};
+
+TEST_F(TvdPlugInTest, TheFirstInstanceWithABundleIdentifierIsTheBusyDescription)
+{
+    auto keepd = std::make_shared<ScriptedProcessState>();
+    TvdPlugIn::setProcessStateService(keepd);
+    auto record = makePlugInRecord();
+    auto plugIn = TvdPlugIn::initWithRSData(record);
+    ASSERT_TRUE(plugIn);
+    const Value busy{{"ExtensionBundleIdentifier", "com.example.p"}};
+    const Value incomplete{{"ProcessIdentifier", 7}};
+    struct Case {
+        Result<std::vector<Value>> answer;
+        Value description;
+        std::size_t incompleteLines;
+    };
+    const Case cases[] = {
+        {std::vector<Value>{}, Value(), 0},
+        {std::vector<Value>{incomplete, Value{{"BundleIdentifier", "com.example.p"}}, Value{{"BundleIdentifier", "x"}}},
+         busy, 1},
+        {std::vector<Value>{incomplete}, Value(), 1},
+        {makeError(4, "no process table"), busy, 0}, // cannot tell: busy
+    };
+    for (const auto& c : cases) {
+        LogCapture log;
+        keepd->answer = c.answer;
+        EXPECT_EQ(plugIn->checkBusy(), c.description);
+        EXPECT_EQ(log.count("keepd reported incomplete bundle for plug-in com.example.p/" + record->uuid.string()),
+                  c.incompleteLines);
+        EXPECT_EQ(keepd->asked.back(), std::set<std::string>{"com.example.p"});
+    }
+
+    // Without a bundle identifier there is nothing to ask about.
+    record->infoDictionary = record->infoDictionary.with("KbBundleIdentifier", Value());
+    keepd->asked.clear();
+    auto anonymous = TvdPlugIn::initWithRSData(record);
+    ASSERT_TRUE(anonymous);
+    EXPECT_TRUE(anonymous->checkBusy().isNull());
+    EXPECT_TRUE(keepd->asked.empty());
+    TvdPlugIn::setProcessStateService(nullptr);
+}
+
+TEST_F(TvdPlugInTest, HostRestrictionFirstThenThePlugInsDemand)
+{
+    TvdMatchRules::setShared(nullptr);
+    const char* restrict = "com.veltra.developer.tarvik.allowedplugins";
+    const Value onlyAB{{"KoExtensionIdentifier", Value(Array{Value("a"), Value("b")})}};
+    const std::string refused = "the host's plug-in entitlement does not allow this plug-in";
+    const std::string lacks = "the host does not have the \"com.example.host\" entitlement";
+    const struct {
+        Value host;
+        std::string plugIn;
+        Value demanded;
+        std::optional<std::string> reason;
+    } cases[] = {
+        {Value::emptyDictionary(), "a", Value(), std::nullopt},
+        {Value{{restrict, Value(true)}}, "a", Value(), "invalid host restriction entitlement"},
+        {Value{{restrict, Value::emptyDictionary()}}, "c", Value(), std::nullopt},
+        {Value{{restrict, onlyAB}}, "b", Value(), std::nullopt},
+        {Value{{restrict, onlyAB}}, "c", Value("com.example.host"), refused}, // restriction first
+        {Value{{restrict, onlyAB}}, "a", Value("com.example.host"), lacks},
+        {Value{{"com.example.host", Value(false)}}, "a", Value("com.example.host"), lacks},
+        {Value{{"com.example.host", Value(true)}}, "a", Value("com.example.host"), std::nullopt},
+    };
+    test::ServerHarness h;
+    pid_t pid = 100;
+    for (const auto& c : cases) {
+        h.codeSigning->entitlements[pid] = c.host;
+        auto client = std::static_pointer_cast<TvdVynClient>(h.connect(pid++)->context());
+        auto r = makePlugInRecord("/apps/A.app/PlugIns/" + c.plugIn + ".vext", c.plugIn);
+        r->plugInDictionary = r->plugInDictionary.with("KoExtensionHostEntitlement", c.demanded);
+        EXPECT_EQ(TvdPlugIn::initWithRSData(r)->allowForClient(*client), c.reason) << c.host.description();
+    }
+}
+
+// Plug-ins of applications on disk, whose privacy grants are in a file.
+class TvdPlugInAppTest : public TvdPlugInTest {
+protected:
+    void SetUp() override
+    {
+        TvdPlugInTest::SetUp();
+        bundles_ = TvBundle::setBundleService(std::make_shared<platform::LinuxBundleService>(test::FakeVlistFiles::reader()));
+        TvdPlugIn::setPrivacyConsentService(std::make_shared<platform::LinuxPrivacyConsentService>(
+            files_.path("grants.vlist"), test::FakeVlistFiles::reader()));
+    }
+    void TearDown() override
+    {
+        TvdPlugIn::setPrivacyConsentService(nullptr);
+        TvBundle::setBundleService(bundles_);
+    }
+    // A plug-in in the application at `app`, with `plugInDictionary` when set.
+    std::shared_ptr<TvdPlugIn> inApp(const std::string& app, const Value& plugInDictionary = Value())
+    {
+        auto r = makePlugInRecord(app + "/PlugIns/K.vext");
+        auto record = std::make_shared<platform::RegistryApplicationRecord>();
+        record->bundlePath = app;
+        r->containingApplication = record;
+        if (!plugInDictionary.isNull())
+            r->plugInDictionary = plugInDictionary;
+        return TvdPlugIn::initWithRSData(r);
+    }
+
+    test::FakeVlistFiles files_;
+    std::shared_ptr<platform::BundleService> bundles_;
+};
+
+TEST_F(TvdPlugInAppTest, PrivacyServicesAreThoseGrantedToTheContainingApplication)
+{
+    LogCapture log;
+    auto entry = [](const char* service, Value granted) { return Value{{"service", service}, {"granted", granted}}; };
+    files_.writeValue("grants.vlist",
+                      Value{{"com.example.app", Value(Array{entry("network", Value(true)), entry("contacts", Value(false)),
+                                                            Value{{"service", "camera"}}})},
+                            {"com.example.other", Value(Array{entry("location", Value(true))})}});
+    auto plugIn = inApp(files_.makeExampleApplication());
+    EXPECT_EQ(plugIn->allowedPCSServices(), std::set<std::string>{"network"});
+    files_.writeText("grants.vlist", "not a vlist");
+    EXPECT_TRUE(plugIn->allowedPCSServices().empty());
+    EXPECT_EQ(log.countContaining("PCSAccessCopyInformationForBundle failed for "), 1u);
+    EXPECT_TRUE(inApp(files_.path("Gone.app"))->allowedPCSServices().empty()); // no bundle there
+    EXPECT_TRUE(log.contains("failed to create bundle for " + files_.path("Gone.app/PlugIns/K.vext")));
+}
+
+// The job manager's sandbox profile follows the extension point; a keyboard
+// leaves the keyboard sandbox only when it asks for open access and its
+// application was granted network access for keyboards.
+TEST_F(TvdPlugInAppTest, SandboxProfileFollowsTheExtensionPoint)
+{
+    files_.writeValue("grants.vlist", Value{{"com.example.app", Value(Array{Value{
+                                                                   {"service", platform::kPrivacyServiceKeyboardNetwork},
+                                                                   {"granted", true}}})}});
+    const std::string granted = files_.makeExampleApplication(), other = files_.path("Other.app");
+    const struct {
+        const char* point;
+        Value openAccess;
+        std::string app;
+        const char* profile;
+    } cases[] = {
+        {"com.veltra.keyboard-service", Value(), granted, "keyboard"},
+        {"com.veltra.keyboard-service", Value(true), granted, "plugin"},
+        {"com.veltra.keyboard-service", Value(true), other, "keyboard"},
+        {"com.veltra.flowguard.filter-data", Value(), granted, "network-filter"},
+        {"com.veltra.peek.extension.preview", Value(), granted, "peekd"},
+        {"com.veltra.app.non-ui-extension", Value(), granted, "playground-devtools"},
+        {"com.veltra.app.non-ui-extension.multiple-instances", Value(), granted, "playground-devtools"},
+        {"com.example.point", Value(true), granted, "plugin"},
+    };
+    for (const auto& c : cases) {
+        Value dictionary{{"KoExtensionPointIdentifier", c.point},
+                         {"KoExtensionAttributes", Value{{"RequestsOpenAccess", c.openAccess}}}};
+        EXPECT_EQ(inApp(c.app, dictionary)->sandboxProfile(), c.profile) << c.point << " " << c.app;
     }
 }
 
