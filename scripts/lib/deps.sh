@@ -1,10 +1,12 @@
 # Installs the Debian packages that building and testing tvd needs, only
-# those missing. Sourced by scripts/test, scripts/demo and scripts/bench.
+# those missing. Sourced by scripts/test, scripts/demo, scripts/bench and
+# scripts/package-deb.
 
 TVD_DEB_PACKAGES=(
   cmake ninja-build g++ pkg-config python3 binutils
   libexpat1-dev libssl-dev libsystemd-dev systemtap-sdt-dev nlohmann-json3-dev
   libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev
+  systemd dpkg-dev
 )
 
 tvd_ensure_deps() {
