@@ -49,7 +49,7 @@ struct Fixture {
     {
         dir = scratchDirectory();
         TvdAnnotationStore::Services services;
-        services.persona = std::make_shared<platform::LinuxUserPersona>(1000);
+        services.persona = std::make_shared<platform::LinuxUserPersona>(true);
         services.containers = std::make_shared<platform::LinuxContainerService>(dir + "/containers");
         services.globalPath = dir + "/global";
         store = TvdAnnotationStore::initWithDatabase(dir + "/Annotations", services);

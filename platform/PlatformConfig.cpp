@@ -28,6 +28,7 @@ PlatformConfig PlatformConfig::defaults()
     c.typesDir = "/System/Library/Types";
     c.entitlementsDropInDir = "/etc/tvd/entitlements.d";
     c.globalAnnotationsFile = "/var/db/Tarvik-Annotations";
+    c.multiUser = ::geteuid() != 0;
     if (::geteuid() == 0) {
         c.socketDir = "/run/vyn";
         c.runtimeDir = "/run/tvd";
@@ -207,6 +208,8 @@ Result<PlatformConfig> PlatformConfig::parse(std::string_view text, const std::s
             err = number(n, 3600000), c.limits.incompleteFrameTimeoutMs = static_cast<std::uint32_t>(n);
         else if (key == "idle_exit_seconds")
             err = number(n, 86400), c.idleExitSeconds = static_cast<std::uint32_t>(n);
+        else if (key == "multi_user")
+            err = number(n, 1), c.multiUser = n == 1;
         else
             return makeError(EINVAL, where + ": unknown key " + key);
         if (err)

@@ -65,6 +65,10 @@ struct PlatformConfig {
     std::string entitlementsDropInDir;         // administrator-given entitlements
     VynLimits limits;
     std::uint32_t idleExitSeconds = 60;        // socket-activated daemon: exit after this long idle
+    // A per-user instance (multi-user mode) rather than the device-wide one.
+    // Defaults to "not root"; the system instance, which runs as its own
+    // user, sets it off in its configuration file.
+    bool multiUser = false;
     std::string configFile;                    // the file read, empty for pure defaults
     // Without XDG_RUNTIME_DIR a non-root user's runtime files live under
     // /tmp/tvd-<uid>, named here; load() makes it or refuses it unless it is

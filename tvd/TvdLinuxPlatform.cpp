@@ -66,7 +66,7 @@ Result<TvdPlatform> makeLinuxPlatform(const platform::PlatformConfig& config)
     platform.processInfo = processInfo;
     platform.codeSigning = codeSigning;
     platform.applicationRegistry = *registry;
-    platform.userPersona = std::make_shared<platform::LinuxUserPersona>();
+    platform.userPersona = std::make_shared<platform::LinuxUserPersona>(config.multiUser);
     platform.containers = std::make_shared<platform::LinuxContainerService>(config.containersRoot);
     platform.globalAnnotationsFile = config.globalAnnotationsFile;
     platform.preferences = std::make_shared<platform::LinuxPreferencesService>(config.preferencesDir);

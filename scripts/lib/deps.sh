@@ -1,12 +1,13 @@
 # Installs the Debian packages that building and testing tvd needs, only
-# those missing. Sourced by scripts/test, scripts/demo, scripts/bench and
-# scripts/fuzz.
+# those missing. Sourced by scripts/test, scripts/demo, scripts/bench,
+# scripts/fuzz and scripts/package-deb.
 
 TVD_DEB_PACKAGES=(
   cmake ninja-build g++ pkg-config python3 binutils
   libexpat1-dev libssl-dev libsystemd-dev systemtap-sdt-dev nlohmann-json3-dev
   libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev
   groff-base zsh
+  systemd dpkg-dev
 )
 # The fuzz targets: clang 14 and its runtime libraries (libFuzzer, ASan, UBSan).
 TVD_FUZZ_PACKAGES=(clang-14 libclang-rt-14-dev)

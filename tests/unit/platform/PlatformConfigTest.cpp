@@ -8,6 +8,7 @@
 #include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tv::platform {
 namespace {
@@ -75,6 +76,20 @@ TEST(PlatformConfigTest, RuntimeFallbackMustBeAPrivateDirectoryOfOurs)
         auto err = PlatformConfig::ensurePrivateDirectory(foreign);
         ASSERT_TRUE(err);
         EXPECT_NE(err->description->find("owner 4242"), std::string::npos);
+    }
+}
+
+// The system instance runs as its own user and says so in its file; any
+// other value than 0 or 1 is a typo and refused.
+TEST(PlatformConfigTest, MultiUserDefaultsToNotRootAndTheFileDecides)
+{
+    EXPECT_EQ(PlatformConfig::defaults().multiUser, ::geteuid() != 0);
+    for (auto [text, expected] : {std::pair{"multi_user = 0", 0}, {"multi_user = 1", 1}, {"multi_user = yes", -1}}) {
+        auto c = PlatformConfig::parse(text, "/");
+        ASSERT_EQ(c.ok(), expected >= 0) << text;
+        if (c) {
+            EXPECT_EQ(c->multiUser, expected == 1) << text;
+        }
     }
 }
 

@@ -47,7 +47,7 @@ protected:
     TvdAnnotationStore::Services services(bool multiUser = true)
     {
         TvdAnnotationStore::Services s;
-        s.persona = std::make_shared<platform::LinuxUserPersona>(multiUser ? 1000 : 0);
+        s.persona = std::make_shared<platform::LinuxUserPersona>(multiUser);
         s.containers = std::make_shared<platform::LinuxContainerService>(dir.file("containers"));
         s.globalPath = dir.file("Tarvik-Annotations");
         s.stop = [](const std::string& message) { throw Stopped(message); };
