@@ -42,9 +42,10 @@ TEST(DaemonTest, BadCommandLinesPrintUsageAndExit2)
 TEST(DaemonTest, UnusableConfigurationMeansNoServer)
 {
     test::TempDir dir;
+    TestDaemon platform; // its configuration keeps every other path private
     // A missing configuration file; a socket path in a directory that cannot exist.
     for (auto r : {runProgram({TVD_BINARY, "-S", dir.file("s")}, {{"TVD_CONFIG", dir.file("missing.conf")}}),
-                   runProgram({TVD_BINARY, "-S", "/proc/version/sock"})}) {
+                   runProgram({TVD_BINARY, "-S", "/proc/version/sock"}, platform.clientEnv())}) {
         EXPECT_EQ(r.exitStatus, 1);
         EXPECT_NE(r.err.find("unable to construct server"), std::string::npos) << r.err;
     }
