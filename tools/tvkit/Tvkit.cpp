@@ -252,32 +252,26 @@ int Tvkit::status(const std::vector<std::string>& args)
         answer, statusService);
     if (status != kExitSuccess)
         return status;
-    if (TvDaemonClient::errorInReply(answer) || json)
-        status = report(answer, json);
-    if (status != kExitSuccess) {
-        if (!json)
-            err_ << "tvkit: the daemon's status needs the entitlement com.veltra.private.tarvik.manager"
-                 << " for this tvkit executable (docs/entitlements.md)\n";
-        return status;
-    }
-    if (json)
-        return kExitSuccess;
-    const Value& s = platform::eventMessage(answer)->body();
-    const std::uint64_t up = s["uptime"].unsignedValue();
-    char uptime[64];
-    std::snprintf(uptime, sizeof uptime, "%llud %02lluh %02llum %02llus", static_cast<unsigned long long>(up / 86400),
-                  static_cast<unsigned long long>(up / 3600 % 24), static_cast<unsigned long long>(up / 60 % 60),
-                  static_cast<unsigned long long>(up % 60));
-    const std::uint64_t limit = s["cacheLimit"].unsignedValue();
-    out_ << "service      " << textOf(s["service"]) << "\n"
-         << "pid          " << s["pid"].unsignedValue() << "\n"
-         << "uptime       " << uptime << "\n"
-         << "connections  " << s["connections"].unsignedValue() << "\n"
-         << "requests     " << s["requests"].unsignedValue() << "\n"
-         << "holds        " << s["holds"].unsignedValue() << "\n"
-         << "cache        " << s["cached"].unsignedValue() << " plug-in records, limit "
-         << (limit ? std::to_string(limit) : std::string("none")) << "\n";
-    return kExitSuccess;
+    status = report(answer, json, [this](const Value& s) {
+        const std::uint64_t up = s["uptime"].unsignedValue();
+        char uptime[64];
+        std::snprintf(uptime, sizeof uptime, "%llud %02lluh %02llum %02llus",
+                      static_cast<unsigned long long>(up / 86400), static_cast<unsigned long long>(up / 3600 % 24),
+                      static_cast<unsigned long long>(up / 60 % 60), static_cast<unsigned long long>(up % 60));
+        const std::uint64_t limit = s["cacheLimit"].unsignedValue();
+        out_ << "service      " << textOf(s["service"]) << "\n"
+             << "pid          " << s["pid"].unsignedValue() << "\n"
+             << "uptime       " << uptime << "\n"
+             << "connections  " << s["connections"].unsignedValue() << "\n"
+             << "requests     " << s["requests"].unsignedValue() << "\n"
+             << "holds        " << s["holds"].unsignedValue() << "\n"
+             << "cache        " << s["cached"].unsignedValue() << " plug-in records, limit "
+             << (limit ? std::to_string(limit) : std::string("none")) << "\n";
+    });
+    if (status == kExitErrorReply && !json)
+        err_ << "tvkit: the daemon's status needs the entitlement com.veltra.private.tarvik.manager"
+             << " for this tvkit executable (docs/entitlements.md)\n";
+    return status;
 }
 
 int Tvkit::byUuid(const std::string& command, const std::vector<std::string>& args)
