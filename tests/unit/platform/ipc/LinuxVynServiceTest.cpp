@@ -93,7 +93,10 @@ public:
     std::shared_ptr<Peer> peer(std::size_t i)
     {
         std::shared_ptr<Peer> p;
-        eventually([&] { std::lock_guard lock(state_->mutex); return (p = state_->peers.size() > i ? state_->peers[i] : nullptr); });
+        eventually([&] {
+            std::lock_guard lock(state_->mutex);
+            return (p = state_->peers.size() > i ? state_->peers[i] : nullptr) != nullptr;
+        });
         return p;
     }
     void setEcho(bool echo) { state_->echo = echo; }
