@@ -1,19 +1,16 @@
 // "annotate" and "bulk-annotate" through the real daemon and the client
 // library: every refusal with its code and text, one annotation-change
 // notification per successful request, partial failures that keep earlier
-// changes, hostile input, and the annotation file across a restart.
+// changes, and the annotation file across a restart. (Values the file cannot
+// hold: the store's unit test; a kill at any instant: tests/kill; huge
+// requests: FairnessTest and LockTest.)
 #include "platform/formats/Vlist.h"
 #include "tests/support/DaemonConnection.h"
 #include "tests/support/PlugInBundles.h"
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <filesystem>
-#include <future>
-#include <random>
-#include <signal.h>
-#include <thread>
 
 namespace tv {
 namespace {
@@ -81,12 +78,8 @@ TEST_F(AnnotateTest, RefusalsCarryTheirCodeAndTextAndChangeNothing)
     const std::string badDictionary = "invalid request format (bad annotations dictionary)",
                       badElection = "invalid request format (annotation election)",
                       badUuid = "invalid request (bad uuid array)", unknown = "FFFFFFFF-0000-4000-8000-000000000000";
-    struct Case {
-        const char* type;
-        Value annotations, uuids; // each left out of the request when null
-        Answer answer;
-    };
-    const Case cases[] = {
+    // The request, its "annotations" and "uuids" (each left out when null), the answer.
+    const std::tuple<const char*, Value, Value, Answer> cases[] = {
         {"annotate", none, a, {4, badDictionary}},
         {"annotate", Value("election"), a, {4, badDictionary}},
         {"annotate", Value{{"election", "1"}}, a, {4, badElection}},
@@ -104,12 +97,12 @@ TEST_F(AnnotateTest, RefusalsCarryTheirCodeAndTextAndChangeNothing)
         {"bulk-annotate", Value{{unknown, empty}}, none, {2, "no plug-in with the requested uuid"}},
     };
     std::uint64_t before = notifications();
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.type) + " " + c.annotations.description() + " " + c.uuids.description());
-        Message m = client().request(c.type);
-        m.set("annotations", c.annotations);
-        m.set("uuids", c.uuids);
-        EXPECT_EQ(ask([&](auto reply) { client().sendReply(m, reply); }), c.answer);
+    for (const auto& [type, annotations, uuids, answer] : cases) {
+        SCOPED_TRACE(std::string(type) + " " + annotations.description() + " " + uuids.description());
+        Message m = client().request(type);
+        m.set("annotations", annotations);
+        m.set("uuids", uuids);
+        EXPECT_EQ(ask([&](auto reply) { client().sendReply(m, reply); }), answer);
     }
     EXPECT_EQ(notifications(), before);
     EXPECT_TRUE(stored("com.example.a").isNull());
@@ -148,72 +141,6 @@ TEST_F(AnnotateTest, OneNotificationPerSuccessfulRequestAndEarlierChangesStay)
     connect();
     EXPECT_EQ(annotate(Value{{"election", 0}}, {a_}), ok);
     EXPECT_EQ(stored("com.example.a"), a.with("election", 0));
-}
-
-TEST_F(AnnotateTest, HostileInputIsRefusedOrServedWithoutHarm)
-{
-    // Values the file cannot hold, nesting up to and past the transport's
-    // depth: each request gets an answer (success, or code 4 when the
-    // transport refuses it), the file stays loadable and the other plug-in's
-    // entry is untouched.
-    ASSERT_EQ(annotate(Value{{"election", 1}}, {b_}).first, 0);
-    std::vector<Value> values{Value(std::nan("")), Value("bad\x01text"), Value("\xff\xfe"), Value(a_)};
-    for (int depth : {60, 61, 62, 63}) {
-        Value nested = Value(Dictionary{});
-        for (int i = 0; i < depth; ++i)
-            nested = Value{{"n", nested}};
-        values.push_back(nested);
-    }
-    for (const Value& value : values) {
-        SCOPED_TRACE(value.description());
-        auto answer = annotate(Value{{"extension", Value{{"v", value}}}}, {a_});
-        EXPECT_TRUE(answer.first == 0 || answer.first == 4) << answer.second;
-        EXPECT_EQ(stored("com.example.b"), (Value{{"election", 1}}));
-    }
-
-    // A huge "uuids" array is served (one save, one notification); one
-    // larger than a request frame may be is refused by the transport.
-    std::uint64_t n = notifications();
-    std::vector<Uuid> many(100'000, a_);
-    EXPECT_EQ(annotate(Value{{"election", 0}}, many).first, 0);
-    EXPECT_EQ(notifications(), n + 1);
-    many.resize(300'000, b_);
-    EXPECT_EQ(annotate(Value{{"election", 0}}, many).first, 4);
-    EXPECT_EQ(annotate(Value{{"election", 2}}, {b_}).first, 0);
-    EXPECT_EQ(stored("com.example.b"), (Value{{"election", 2}}));
-    EXPECT_TRUE(daemon_.running());
-}
-
-// A daemon killed at any instant during a burst of changes leaves a file
-// that loads and holds every acknowledged change, with the change in flight
-// either whole or not at all. Each round goes on from what the file holds.
-TEST_F(AnnotateTest, KilledAtAnyInstantTheFileKeepsEveryAcknowledgedChange)
-{
-    std::mt19937 random(std::random_device{}());
-    for (int round = 0; round < 25; ++round) {
-        SCOPED_TRACE(round);
-        const std::int64_t from = stored("com.example.a")["election"].integerValue();
-        std::atomic<std::int64_t> acknowledged{from};
-        std::atomic<bool> killed{false};
-        auto burst = std::async(std::launch::async, [&] {
-            for (std::int64_t v = from + 1; !killed; ++v) {
-                if (annotate(Value{{"election", v}}, {a_}).first != 0)
-                    return;
-                acknowledged = v;
-            }
-        });
-        std::this_thread::sleep_for(std::chrono::milliseconds(std::uniform_int_distribution<>(2, 80)(random)));
-        ASSERT_EQ(::kill(daemon_.pid(), SIGKILL), 0);
-        killed = true;
-        burst.wait();
-        daemon_.stop(); // collects the killed process
-        const std::int64_t election = stored("com.example.a")["election"].integerValue();
-        EXPECT_GE(election, acknowledged.load());
-        EXPECT_LE(election, acknowledged.load() + 1);
-        ASSERT_TRUE(daemon_.start({"-d", file_})) << daemon_.log();
-        connect();
-    }
-    EXPECT_GT(stored("com.example.a")["election"].integerValue(), 25) << "the bursts hardly ran";
 }
 
 } // namespace

@@ -1,14 +1,16 @@
-// The real tvd binary: command line, listening, tracing points and its
-// descriptor limit. (Peers cut for hostile frames: RequestsTest.)
-#include "tests/support/TestDaemon.h"
+// The real tvd binary: command line, listening, tracing points, its
+// descriptor limit, hostile and dead peers, and tvkit raw against it.
+#include "platform/ipc/VynFrame.h"
+#include "tests/support/DaemonConnection.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
+#include <poll.h>
 #include <sstream>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,12 +24,8 @@ const std::string kUsage = "Usage: tvd [-S servicename] [-v]\n";
 
 TEST(DaemonTest, BadCommandLinesPrintUsageAndExit2)
 {
-    for (std::vector<std::string> args : {std::vector<std::string>{"-x"},
-                                          {"extra"},
-                                          {"-v", "operand"},
-                                          {"-S"},
-                                          {"-c"},
-                                          {"-d"}}) {
+    for (std::vector<std::string> args :
+         {std::vector<std::string>{"-x"}, {"extra"}, {"-v", "operand"}, {"-S"}, {"-c"}, {"-d"}}) {
         std::vector<std::string> argv{TVD_BINARY};
         argv.insert(argv.end(), args.begin(), args.end());
         auto r = runProgram(argv, {{"TVD_LOG_LEVEL", "default"}});
@@ -113,6 +111,71 @@ TEST(DaemonTest, RaisesItsDescriptorLimitToTheHardLimit)
     EXPECT_EQ(soft, hard);
     EXPECT_TRUE(d.waitForLog("at most 2048 connections, 256 per uid")) << d.log();
     EXPECT_EQ(d.stop(), 0);
+}
+
+TEST(DaemonTest, HostileAndDeadClientsGetNoReplyAndOthersAreServed)
+{
+    TestDaemon daemon;
+    ASSERT_TRUE(daemon.start()) << daemon.log();
+    // A header announcing 4 GiB is cut at once. Each malformation is the
+    // transport's to judge; this one shows the daemon wires its limits in.
+    int hostile = test::connectUnix(daemon.socketPath());
+    std::vector<std::uint8_t> giant(24, 0);
+    giant[0] = giant[1] = giant[8] = 1; // format, a reply expected, message id
+    std::memset(&giant[4], 0xff, 4);
+    ASSERT_EQ(::write(hostile, giant.data(), giant.size()), static_cast<ssize_t>(giant.size()));
+    pollfd p{hostile, POLLIN, 0};
+    EXPECT_EQ(::poll(&p, 1, 5000), 1);
+    EXPECT_LE(::recv(hostile, giant.data(), giant.size(), MSG_DONTWAIT), 0);
+    ::close(hostile);
+
+    // A raw peer sends a burst of requests and goes away without reading.
+    {
+        platform::Message m(Value{{"request", "bulk"}, {"version", Value(std::uint64_t{3})}});
+        auto frame = platform::VynFrame::encode(m, true, 64);
+        ASSERT_TRUE(frame.ok());
+        int fd = test::connectUnix(daemon.socketPath());
+        ASSERT_GE(fd, 0);
+        std::vector<std::uint8_t> burst;
+        for (std::uint64_t id = 1; id <= 100; ++id) {
+            Bytes f = *frame;
+            platform::VynFrame::setMessageId(f, id);
+            burst.insert(burst.end(), f.begin(), f.end());
+        }
+        ASSERT_EQ(::write(fd, burst.data(), burst.size()), static_cast<ssize_t>(burst.size()));
+        ::close(fd);
+    }
+    EXPECT_TRUE(daemon.waitForLog("is dead"));
+    test::DaemonConnection other(daemon);
+    EXPECT_FALSE(TvDaemonClient::errorInReply(other.ask([&](auto reply) { other.client().bulkPluginsReply(0xFF, reply); })));
+    EXPECT_TRUE(daemon.waitForLog("bulk options 0xff not supported"));
+    EXPECT_TRUE(daemon.running());
+}
+
+TEST(DaemonTest, TvkitRawExitStatuses)
+{
+    TestDaemon daemon;
+    ASSERT_TRUE(daemon.start()) << daemon.log();
+    auto ok = daemon.tvkit({"raw", R"({"request": "bulk", "version": 3, "flags": 16})"});
+    EXPECT_EQ(ok.exitStatus, 0) << ok.err;
+    EXPECT_EQ(ok.out, "{}\n");
+
+    auto refused = daemon.tvkit({"raw", R"({"request": "bulk", "version": 4})"});
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_NE(refused.out.find("\"errorcode\": 7"), std::string::npos) << refused.out;
+    EXPECT_NE(refused.out.find("unsupported protocol version 4 (current 3)"), std::string::npos);
+
+    for (std::vector<std::string> bad : {std::vector<std::string>{"raw", "{not json"}, {"raw", "[1, 2]"}, {"frobnicate"}, {}})
+        EXPECT_EQ(daemon.tvkit(bad).exitStatus, 2) << (bad.empty() ? "" : bad.back());
+    auto help = test::runProgram({TVKIT_BINARY, "help", "raw"});
+    EXPECT_EQ(help.exitStatus, 0);
+    EXPECT_EQ(help.out.rfind("usage: tvkit raw", 0), 0u) << help.out; // no service needed
+
+    auto unreachable = test::runProgram({TVKIT_BINARY, "--service", daemon.root() + "/nothing-here", "raw",
+                                   R"({"request": "bulk", "version": 3})"},
+                                  daemon.clientEnv());
+    EXPECT_EQ(unreachable.exitStatus, 69);
+    EXPECT_NE(unreachable.err.find("cannot reach tvd"), std::string::npos);
 }
 
 } // namespace

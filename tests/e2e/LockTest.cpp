@@ -3,7 +3,6 @@
 // plug-ins out of "match" until released by token, and tvkit's hold and
 // release. Holds of a client that dies are released by the server (unit
 // tests of the hold table and of the transport's broken connections).
-#include "platform/formats/Vlist.h"
 #include "tests/support/DaemonConnection.h"
 #include "tests/support/PlugInBundles.h"
 
@@ -13,7 +12,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <set>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -105,28 +103,17 @@ TEST_F(LockTest, RefusalsCarryTheirCodeTextAndConflictsAndHoldNothing)
 {
     // An application whose plug-in is running: a copy of sleep as the
     // plug-in's executable.
-    const std::string busyApp = apps_.path() + "/com.example.busy.app";
-    std::filesystem::create_directories(busyApp);
-    ASSERT_FALSE(platform::writeVlistFileAtomically(busyApp + "/Info.vlist",
-                                                    Value{{"KbBundleIdentifier", "com.example.busy.app"}}));
-    test::makePlugInBundle(busyApp + "/PlugIns/P.vext", "com.example.busy", "/bin/sleep");
+    const std::string busyPlugIn = test::makeApplicationWithPlugIn(apps_.path(), "com.example.busy", "/bin/sleep");
     ASSERT_TRUE(test::installedUuid(daemon_, "com.example.busy")) << daemon_.log();
-    std::string exe = busyApp + "/PlugIns/P.vext/plugin";
-    char* argv[] = {exe.data(), const_cast<char*>("60"), nullptr};
-    ASSERT_EQ(posix_spawn(&busyPid_, exe.c_str(), nullptr, nullptr, argv, environ), 0);
+    busyPid_ = test::startProgram({busyPlugIn + "/plugin", "60"}, {}, "/dev/null", "/dev/null");
     std::this_thread::sleep_for(std::chrono::milliseconds(200)); // until its image is the copy
 
     const Value none, a(app("com.example.a")), missing("/no/such/app");
     auto u = [](std::uint64_t flags) { return Value(flags); }; // flags are unsigned on the wire
     const Value busyConflicts(Array{Value{{"ExtensionBundleIdentifier", "com.example.busy"}}});
     const std::string flagsText = "invalid request format (unsupported hold flags)";
-    struct Case {
-        Value paths, flags; // each left out of the request when null
-        std::int64_t code;
-        std::string text;
-        Value conflicts;
-    };
-    const Case cases[] = {
+    // Paths and flags (each left out of the request when null), the answer.
+    const std::tuple<Value, Value, std::int64_t, std::string, Value> cases[] = {
         {none, u(1), 4, "invalid request format", none},
         {Value("/x"), u(1), 4, "invalid request format", none},
         {Value(Array{Value(1)}), u(1), 4, "invalid request format", none},
@@ -141,18 +128,18 @@ TEST_F(LockTest, RefusalsCarryTheirCodeTextAndConflictsAndHoldNothing)
         {Value(Array{a, Value(app("com.example.busy"))}), u(1), 14, "plug-ins are busy", busyConflicts},
     };
     const std::uint64_t before = notifications();
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.paths.description() + " flags " + c.flags.description());
-        Message reply = lock(c.paths, c.flags);
-        EXPECT_EQ(reply.get("errorcode").integerValue(), c.code);
-        EXPECT_EQ(reply.get("error"), Value(c.text)) << reply.get("error").description();
-        EXPECT_EQ(reply.get("conflicts"), c.conflicts);
+    for (const auto& [paths, flags, code, text, conflicts] : cases) {
+        SCOPED_TRACE(paths.description() + " flags " + flags.description());
+        Message reply = lock(paths, flags);
+        EXPECT_EQ(reply.get("errorcode").integerValue(), code);
+        EXPECT_EQ(reply.get("error"), Value(text)) << reply.get("error").description();
+        EXPECT_EQ(reply.get("conflicts"), conflicts);
         EXPECT_TRUE(reply.get("uuids").isNull());
     }
     EXPECT_EQ(notifications(), before);
     EXPECT_TRUE(matched().count(a_));
     // A plug-in named by its own path is never refused as busy.
-    EXPECT_FALSE(hold({busyApp + "/PlugIns/P.vext"}, 2).isNil());
+    EXPECT_FALSE(hold({busyPlugIn}, 2).isNil());
 }
 
 TEST_F(LockTest, HeldPlugInsLeaveMatchUntilTheirTokenIsReleased)
@@ -200,9 +187,7 @@ TEST_F(LockTest, HugeLocksAreServedAndAHolderThatDiesMidRequestLeavesNoHold)
         dying.client().sendReply(m, [](const platform::VynEvent&) {});
         std::this_thread::sleep_for(std::chrono::milliseconds(waitMs));
     }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (matched() != std::set<Uuid>{a_, b_} && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    test::eventually([&] { return matched() == std::set<Uuid>{a_, b_}; }, std::chrono::seconds(10));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(matched(), (std::set<Uuid>{a_, b_}));
     EXPECT_TRUE(daemon_.running());
@@ -213,28 +198,13 @@ TEST_F(LockTest, TvkitHoldKeepsItsHoldUntilStoppedAndReleaseEndsOne)
     auto tvkit = [&](std::vector<std::string> args) { return daemon_.tvkit(std::move(args)); };
     // Until SIGTERM: the token is printed and the plug-in stays held.
     int in[2];
-    ASSERT_EQ(pipe(in), 0);
+    ASSERT_EQ(pipe2(in, O_CLOEXEC), 0);
     test::TempDir out;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_addopen(&actions, 1, out.file("token").c_str(), O_WRONLY | O_CREAT, 0600);
-    std::vector<std::string> args{TVKIT_BINARY, "--service", daemon_.socketPath(), "hold", plugInA_};
-    std::vector<char*> argv;
-    for (auto& a : args)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    std::string config = "TVD_CONFIG=" + daemon_.configPath();
-    char* envp[] = {config.data(), nullptr};
-    pid_t pid = -1;
-    ASSERT_EQ(posix_spawn(&pid, TVKIT_BINARY, &actions, nullptr, argv.data(), envp), 0);
-    posix_spawn_file_actions_destroy(&actions);
+    pid_t pid = test::startProgram({TVKIT_BINARY, "--service", daemon_.socketPath(), "hold", plugInA_},
+                                   daemon_.clientEnv(), out.file("token"), out.file("err"), in[0]);
     close(in[0]);
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    std::error_code ec;
-    while (std::filesystem::file_size(out.file("token"), ec) < 37 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ASSERT_EQ(std::filesystem::file_size(out.file("token"), ec), 37u);
+    test::eventually([&] { return test::readFile(out.file("token")).size() >= 37; }, std::chrono::seconds(10));
+    ASSERT_EQ(test::readFile(out.file("token")).size(), 37u) << test::readFile(out.file("err"));
     EXPECT_EQ(matched(), (std::set<Uuid>{b_}));
     kill(pid, SIGTERM);
     int status = -1;

@@ -1,7 +1,8 @@
 // "ready" and "access" through the real daemon and the client library:
 // every named plug-in is checked before any is enabled for the host, each
 // kept plug-in is enabled once, and "access" answers one read-only token per
-// named plug-in's bundle, in request order.
+// named plug-in's bundle, in request order. Installs and uninstalls noticed
+// on disk are logged with the record's facts.
 #include "platform/formats/Vlist.h"
 #include "tests/support/DaemonConnection.h"
 #include "tests/support/PlugInBundles.h"
@@ -27,12 +28,7 @@ protected:
     // `extension` replaces its "KoExtension".
     Uuid install(const std::string& identifier, const Value& extension = Value())
     {
-        const std::string app = apps_.path() + "/" + identifier + ".app";
-        std::filesystem::create_directories(app + "/PlugIns");
-        EXPECT_FALSE(platform::writeVlistFileAtomically(app + "/Info.vlist",
-                                                        Value{{"KbBundleIdentifier", identifier + ".app"}}));
-        const std::string bundle = app + "/PlugIns/P.vext";
-        test::makePlugInBundle(bundle, identifier, "/bin/true");
+        const std::string bundle = test::makeApplicationWithPlugIn(apps_.path(), identifier, "/bin/true");
         if (!extension.isNull()) {
             auto info = platform::readVlistFile(bundle + "/Info.vlist");
             EXPECT_FALSE(platform::writeVlistFileAtomically(bundle + "/Info.vlist", info->with("KoExtension", extension)));
@@ -82,18 +78,22 @@ TEST_F(ReadyAccessTest, ReadyChecksEveryPlugInFirstThenEnablesEachOnce)
 
 // A plug-in uninstalled a moment before "ready" is still served, refused as
 // unknown, or refused because its bundle is gone; once the registry has seen
-// it go, it is refused as unknown.
+// it go (logged with the record's facts, as its install was), it is refused
+// as unknown.
 TEST_F(ReadyAccessTest, ReadyForAPlugInUninstalledAMomentBefore)
 {
     const Uuid gone = install("com.example.gone");
     ASSERT_FALSE(gone.isNil()) << daemon_.log();
+    const std::string path = std::filesystem::canonical(apps_.path() + "/com.example.gone.app/PlugIns/P.vext");
+    const std::string facts = "com.example.gone com.example.gone(1) " + gone.string() + " " + path + "\n";
+    EXPECT_NE(daemon_.log().find("plug-in INSTALLED:" + facts), std::string::npos) << daemon_.log();
     std::filesystem::remove_all(apps_.path() + "/com.example.gone.app");
     const std::string unknown = "4 no such plugin (uuid not found)";
     const std::string first = ready({gone});
     EXPECT_TRUE(first == "ok" || first == unknown ||
                 first == "4 cannot obtain executable path for plug-in com.example.gone(" + gone.string() + ")")
         << first;
-    ASSERT_TRUE(daemon_.waitForLog("plug-in UNINSTALLED:")) << daemon_.log();
+    ASSERT_TRUE(daemon_.waitForLog("plug-in UNINSTALLED:" + facts)) << daemon_.log();
     EXPECT_EQ(ready({gone}), unknown);
 }
 

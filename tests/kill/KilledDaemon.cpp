@@ -1,13 +1,9 @@
 #include "tests/kill/KilledDaemon.h"
 
-#include "platform/PlatformConfig.h"
-#include "platform/formats/Vlist.h"
 #include "tests/support/PlugInBundles.h"
 
 #include <filesystem>
-#include <future>
 #include <sqlite3.h>
-#include <sys/stat.h>
 
 namespace tv::test {
 
@@ -17,12 +13,7 @@ KilledDaemon::KilledDaemon(std::string annotationsFile, std::string databaseFile
       annotations(annotationsFile.empty() ? daemon.root() + "/Annotations" : annotationsFile),
       database(databaseFile.empty() ? daemon.root() + "/registry.sqlite" : databaseFile)
 {
-    std::string entitlements = daemon.root() + "/entitlements.d";
-    std::filesystem::create_directories(entitlements);
-    ::chmod(entitlements.c_str(), 0755);
-    Value dropIn{{"Executable", std::filesystem::canonical("/proc/self/exe").string()},
-                 {"Entitlements", Value{{"com.veltra.private.tarvik.manager", true}}}};
-    platform::writeVlistFileAtomically(entitlements + "/kill.vlist", dropIn);
+    entitleManager(daemon, "/proc/self/exe");
     for (int i = 0; i < 4; ++i) {
         std::string dir = daemon.root() + "/bundles/B" + std::to_string(i) + ".vext";
         makePlugInBundle(dir, "com.example.b" + std::to_string(i));
@@ -32,11 +23,10 @@ KilledDaemon::KilledDaemon(std::string annotationsFile, std::string databaseFile
 
 bool KilledDaemon::start()
 {
-    client_.reset();
+    connection_.reset();
     if (!daemon.start({"-d", annotations}))
         return false;
-    vyn_ = platform::LinuxVynService::create(*platform::PlatformConfig::loadFile(daemon.configPath()));
-    client_ = std::make_unique<TvDaemonClient>(vyn_, daemon.socketPath().c_str());
+    connection_ = std::make_unique<DaemonConnection>(daemon);
     if (plugIn.isNil()) { // first start: the plug-in is installed while the daemon watches, to learn its UUID
         makeApplicationWithPlugIn(apps.path(), "com.example.a");
         plugIn = installedUuid(daemon, "com.example.a").value_or(Uuid());
@@ -44,30 +34,24 @@ bool KilledDaemon::start()
     return !plugIn.isNil();
 }
 
-static KilledDaemon::Answer ask(const std::function<void(TvDaemonClient::Reply)>& send)
+KilledDaemon::Answer KilledDaemon::ask(const std::function<void(TvDaemonClient::Reply)>& send)
 {
-    auto answered = std::make_shared<std::promise<platform::VynEvent>>();
-    auto f = answered->get_future();
-    send([answered](const platform::VynEvent& a) { answered->set_value(a); });
-    if (f.wait_for(std::chrono::seconds(60)) != std::future_status::ready)
-        return {true, -1, "no answer in 60 s"};
-    platform::VynEvent answer = f.get();
+    platform::VynEvent answer = connection_->ask(send);
     if (platform::eventError(answer))
         return {true, -1, platform::eventError(answer)->description};
     auto error = TvDaemonClient::errorInReply(answer);
-    return error ? KilledDaemon::Answer{false, error->code, error->description.value_or("")} : KilledDaemon::Answer{};
+    return error ? Answer{false, error->code, error->description.value_or("")} : Answer{};
 }
 
 KilledDaemon::Answer KilledDaemon::annotate(const Value& change)
 {
-    return ask([&](auto reply) { client_->setPluginAnnotationsAnnotationsReply({plugIn}, change, reply); });
+    return ask([&](auto reply) { connection_->client().setPluginAnnotationsAnnotationsReply({plugIn}, change, reply); });
 }
 
 KilledDaemon::Answer KilledDaemon::pathRequest(const std::string& type, const std::string& path)
 {
-    return ask([&](auto reply) {
-        type == "add" ? client_->addPlugInsReply({path}, reply) : client_->removePlugInsReply({path}, reply);
-    });
+    TvDaemonClient& c = connection_->client();
+    return ask([&](auto reply) { type == "add" ? c.addPlugInsReply({path}, reply) : c.removePlugInsReply({path}, reply); });
 }
 
 std::string sqliteIntegrity(const std::string& path)

@@ -5,9 +5,7 @@
 // through the client library, one at a time.
 #pragma once
 
-#include "Tarvik/TvDaemonClient.h"
-#include "platform/ipc/LinuxVynService.h"
-#include "tests/support/TestDaemon.h"
+#include "tests/support/DaemonConnection.h"
 
 #include <memory>
 #include <set>
@@ -40,8 +38,9 @@ public:
     Uuid plugIn;                      // "com.example.a"
 
 private:
-    std::shared_ptr<platform::LinuxVynService> vyn_;
-    std::unique_ptr<TvDaemonClient> client_;
+    Answer ask(const std::function<void(TvDaemonClient::Reply)>& send);
+
+    std::unique_ptr<DaemonConnection> connection_;
 };
 
 // The answer of SQLite's "PRAGMA integrity_check" on `path` ("ok" when sound).

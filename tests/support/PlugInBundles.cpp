@@ -27,12 +27,24 @@ void makePlugInBundle(const std::string& dir, const std::string& identifier, con
     writeInfo(dir, info);
 }
 
-std::string makeApplicationWithPlugIn(const std::string& appsRoot, const std::string& identifier)
+std::string makeApplicationWithPlugIn(const std::string& appsRoot, const std::string& identifier,
+                                      const std::string& executable)
 {
     std::string app = appsRoot + "/" + identifier + ".app";
     writeInfo(app, Value{{"KbBundleIdentifier", identifier + ".app"}});
-    makePlugInBundle(app + "/PlugIns/P.vext", identifier);
+    makePlugInBundle(app + "/PlugIns/P.vext", identifier, executable);
     return std::filesystem::canonical(app + "/PlugIns/P.vext").string();
+}
+
+void entitleManager(const TestDaemon& daemon, const std::string& executable, const Value& value)
+{
+    const std::filesystem::path dir = daemon.root() + "/entitlements.d", canonical = std::filesystem::canonical(executable);
+    std::filesystem::create_directories(dir);
+    std::filesystem::permissions(dir, std::filesystem::perms(0755)); // no drop-in is read from a directory others write
+    Value dropIn{{"Executable", canonical.string()},
+                 {"Entitlements", Value{{"com.veltra.private.tarvik.manager", value}}}};
+    if (platform::writeVlistFileAtomically((dir / canonical.filename()).string() + ".vlist", dropIn))
+        throw std::runtime_error("cannot write the drop-in for " + executable);
 }
 
 std::optional<Uuid> installedUuid(const TestDaemon& daemon, const std::string& identifier)

@@ -68,9 +68,4 @@ void ServerHarness::drain()
     }
 }
 
-std::vector<platform::Message> ServerHarness::replies(const FakeVynConnection& connection) const
-{
-    return connection.sent();
-}
-
 } // namespace tv::test

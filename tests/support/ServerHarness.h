@@ -1,7 +1,7 @@
 // ServerHarness: a TvdServer over fakes with manual queues, for unit tests of
 // the daemon's request path. connect() makes a client as the listener would;
-// send() delivers a request on it; drain() runs every queue of the server
-// until all are idle.
+// send() delivers a request on it (its replies are the connection's sent());
+// drain() runs every queue of the server until all are idle.
 #pragma once
 
 #include "tests/support/FakeApplicationRegistry.h"
@@ -26,8 +26,6 @@ public:
     // A request expecting a reply; returns its message id.
     std::uint64_t send(FakeVynConnection& connection, Value body, bool expectsReply = true);
     void drain();
-    // The replies sent on `connection` so far.
-    std::vector<platform::Message> replies(const FakeVynConnection& connection) const;
 
     std::shared_ptr<FakeVynService> vyn = std::make_shared<FakeVynService>();
     std::shared_ptr<FakeProcessInfo> processInfo = std::make_shared<FakeProcessInfo>();

@@ -30,12 +30,21 @@ TempDir::~TempDir()
     std::filesystem::remove_all(path_, ec);
 }
 
-static std::string readFile(const std::string& path)
+std::string readFile(const std::string& path)
 {
-    std::ifstream in(path);
+    std::ifstream in(path, std::ios::binary);
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout)
+{
+    for (auto deadline = std::chrono::steady_clock::now() + timeout; !condition();
+         std::this_thread::sleep_for(std::chrono::milliseconds(2)))
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+    return true;
 }
 
 // Reaps `pid` and returns its wait status; a process still running after
@@ -55,15 +64,13 @@ static int waitForExit(pid_t pid, std::chrono::milliseconds timeout)
     return status;
 }
 
-// Starts `argv` with standard input from /dev/null, output appended to the
-// given files and `env` added to a scrubbed environment.
-static pid_t spawn(std::vector<std::string> argv, const std::map<std::string, std::string>& env,
-                   const std::string& outPath, const std::string& errPath)
+pid_t startProgram(std::vector<std::string> argv, const std::map<std::string, std::string>& env,
+                   const std::string& outPath, const std::string& errPath, int stdinFd)
 {
     pid_t pid = ::fork();
     if (pid != 0)
         return pid;
-    ::dup2(::open("/dev/null", O_RDONLY), 0);
+    ::dup2(stdinFd >= 0 ? stdinFd : ::open("/dev/null", O_RDONLY), 0);
     ::dup2(::open(outPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 1);
     ::dup2(errPath == outPath ? 1 : ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
     for (const char* name : {"JOURNAL_STREAM", "LISTEN_FDS", "LISTEN_PID", "NOTIFY_SOCKET"})
@@ -84,7 +91,7 @@ ProcessResult runProgram(const std::vector<std::string>& argv, const std::map<st
                          std::chrono::milliseconds timeout)
 {
     TempDir dir;
-    int status = waitForExit(spawn(argv, env, dir.file("out"), dir.file("err")), timeout);
+    int status = waitForExit(startProgram(argv, env, dir.file("out"), dir.file("err")), timeout);
     ProcessResult r;
     r.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     r.out = readFile(dir.file("out"));
@@ -173,7 +180,7 @@ bool TestDaemon::start(std::vector<std::string> args, std::map<std::string, std:
     env["TVD_CONFIG"] = configPath_;
     env.try_emplace("TVD_LOG_LEVEL", "debug");
     env.try_emplace("TVD_LOG_PRIVATE", "1");
-    pid_ = spawn(argv, env, logPath_, logPath_);
+    pid_ = startProgram(argv, env, logPath_, logPath_);
     for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
          std::chrono::steady_clock::now() < deadline && running();
          std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
@@ -212,11 +219,7 @@ std::string TestDaemon::log() const { return readFile(logPath_); }
 
 bool TestDaemon::waitForLog(const std::string& text, std::chrono::milliseconds timeout) const
 {
-    for (auto deadline = std::chrono::steady_clock::now() + timeout; std::chrono::steady_clock::now() < deadline;
-         std::this_thread::sleep_for(std::chrono::milliseconds(10)))
-        if (log().find(text) != std::string::npos)
-            return true;
-    return false;
+    return eventually([&] { return log().find(text) != std::string::npos; }, timeout);
 }
 
 } // namespace tv::test

@@ -6,8 +6,8 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -27,12 +27,22 @@ private:
     std::string path_;
 };
 
+// The whole contents of the file at `path` ("" when it cannot be read).
+std::string readFile(const std::string& path);
+// Polls `condition` every few milliseconds; false when it still does not hold
+// after `timeout`.
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(5));
+
 struct ProcessResult {
     int exitStatus = -1; // -1 when killed by a signal
     std::string out;
     std::string err;
 };
 
+// Starts a program with `env` added to a scrubbed environment, standard
+// input from `stdinFd` (or /dev/null) and its output appended to the files.
+pid_t startProgram(std::vector<std::string> argv, const std::map<std::string, std::string>& env,
+                   const std::string& outPath, const std::string& errPath, int stdinFd = -1);
 // Runs a program to completion with extra environment variables; output is
 // collected. Gives up (kills it) after `timeout`.
 ProcessResult runProgram(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env = {},

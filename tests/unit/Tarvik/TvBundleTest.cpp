@@ -28,7 +28,7 @@ protected:
     TvBundle::ServicePtr previous_;
 };
 
-TEST_F(TvBundleTest, OpensByExecutableOrFallsBackToTheBundleDirectory)
+TEST_F(TvBundleTest, OpensByExecutableOrFallsBackToTheBundleDirectoryWhichStandsInForAMissingExecutable)
 {
     auto byExecutable = TvBundle::initWithExecutableURL(Value::fileURL(app_ + "/example"));
     ASSERT_NE(byExecutable, nullptr);
@@ -45,10 +45,8 @@ TEST_F(TvBundleTest, OpensByExecutableOrFallsBackToTheBundleDirectory)
     EXPECT_EQ(TvBundle::initWithExecutablePath(files_.path("loose")), nullptr);
     EXPECT_EQ(TvBundle::initWithURL(Value::fileURL(files_.path("loose"))), nullptr);
     EXPECT_EQ(TvBundle::initWithVynBundle(nullptr), nullptr);
-}
 
-TEST_F(TvBundleTest, BundleWithoutExecutableOrIdentifier)
-{
+    // Without an executable the bundle directory stands in for it.
     const std::string bare = files_.makeDirectory("Bare.vext");
     files_.writeValue("Bare.vext/Info.vlist", Value{{"KbBundleName", Value("Bare")}});
     auto bundle = TvBundle::initWithPath(bare);

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <vector>
 
 namespace tv {
@@ -31,16 +30,11 @@ TEST(TvCollectionsTest, ArrayWithValuesDropsAbsentResultsAndKeepsOrder)
 
 TEST(TvCollectionsTest, DictionaryChangingLeavesTheReceiverAlone)
 {
-    Value original{{"a", 1}, {"b", 2}};
-    Value changed = dictionaryChangingTo(original, "a", Value("one"));
-    EXPECT_EQ(changed, (Value{{"a", "one"}, {"b", 2}}));
+    const Value original{{"a", 1}, {"b", 2}};
+    EXPECT_EQ(dictionaryChangingTo(original, "a", Value("one")), (Value{{"a", "one"}, {"b", 2}}));
     EXPECT_EQ(original, (Value{{"a", 1}, {"b", 2}}));
-
-    Value added = dictionaryChangingTo(original, "c", Value(3));
-    EXPECT_EQ(added.count(), 3u);
-
-    Value removed = dictionaryChangingTo(original, "a", Value());
-    EXPECT_EQ(removed, (Value{{"b", 2}}));
+    EXPECT_EQ(dictionaryChangingTo(original, "c", Value(3)), original.with("c", 3));
+    EXPECT_EQ(dictionaryChangingTo(original, "a", Value()), (Value{{"b", 2}}));
     EXPECT_EQ(dictionaryChangingTo(original, "missing", Value()), original);
 
     // A receiver that is not a dictionary counts as empty.

@@ -40,25 +40,16 @@ TEST(TvLogTest, CategoriesLogUnderTheSubsystemAtTheirLevels)
     TvLog::rs().debug("d");
     TvLog::defaultLog().notice("plain");
 
-    auto lines = log.lines();
-    ASSERT_EQ(lines.size(), 5u);
-    struct Expected {
-        LogLevel level;
-        const char* subsystem;
-        const char* category;
-        const char* message;
-    } expected[] = {
+    const std::tuple<LogLevel, const char*, const char*, const char*> expected[] = {
         {LogLevel::Error, "com.veltra.Tarvik", "ops", "e 1"},
         {LogLevel::Default, "com.veltra.Tarvik", "traffic", "n two"},
         {LogLevel::Info, "com.veltra.Tarvik", "extension", "i three"},
         {LogLevel::Debug, "com.veltra.Tarvik", "rs", "d"}, {LogLevel::Default, "", "", "plain"},
     };
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-        EXPECT_EQ(lines[i].level, expected[i].level) << i;
-        EXPECT_EQ(lines[i].subsystem, expected[i].subsystem) << i;
-        EXPECT_EQ(lines[i].category, expected[i].category) << i;
-        EXPECT_EQ(lines[i].message, expected[i].message) << i;
-    }
+    auto lines = log.lines();
+    ASSERT_EQ(lines.size(), std::size(expected));
+    for (std::size_t i = 0; i < lines.size(); ++i)
+        EXPECT_EQ(std::tuple(lines[i].level, lines[i].subsystem, lines[i].category, lines[i].message), expected[i]) << i;
 }
 
 TEST(TvLogTest, ThresholdAndRedactionOfTheInstalledLog)

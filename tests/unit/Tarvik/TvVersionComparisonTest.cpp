@@ -13,10 +13,7 @@ TEST(TvVersionComparisonTest, OrdersByDigitRunsThenByCodeAndIsAntisymmetric)
     constexpr auto Same = TvOrdering::Same;
     constexpr auto Desc = TvOrdering::Descending;
     const std::string big(400, '9');
-    const struct {
-        std::string a, b;
-        TvOrdering order;
-    } cases[] = {
+    const std::tuple<std::string, std::string, TvOrdering> cases[] = {
         // Digit runs compare by numeric value.
         {"1.9", "1.10", Asc}, {"2.0", "10.0", Asc}, {"1.0", "1.0.1", Asc}, {"1.2.3", "1.2.3", Same}, {"", "", Same},
         {"", "0", Asc}, {"build 99", "build 100", Asc},
@@ -35,10 +32,9 @@ TEST(TvVersionComparisonTest, OrdersByDigitRunsThenByCodeAndIsAntisymmetric)
         {"1a", "12", Asc},     // the runs 1 and 12 decide first
         {"1.0\xc3\xa9", "1.0z", Desc}, // bytes above ASCII sort after it
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(compareVersionString(c.a, c.b), c.order) << c.a << " vs " << c.b;
-        const TvOrdering reversed = c.order == Asc ? Desc : c.order == Desc ? Asc : Same;
-        EXPECT_EQ(compareVersionString(c.b, c.a), reversed) << c.b << " vs " << c.a;
+    for (const auto& [a, b, order] : cases) {
+        EXPECT_EQ(compareVersionString(a, b), order) << a << " vs " << b;
+        EXPECT_EQ(compareVersionString(b, a), order == Asc ? Desc : order == Desc ? Asc : Same) << b << " vs " << a;
     }
 }
 

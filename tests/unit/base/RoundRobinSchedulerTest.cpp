@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <stdexcept>
-#include <thread>
 #include <string>
 #include <vector>
 

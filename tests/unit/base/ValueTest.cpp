@@ -40,22 +40,14 @@ TEST(ValueTest, DictionariesNeverStoreAbsentValues)
 
 Value everyKind()
 {
-    Dictionary d;
-    d["null-free"] = Value(true);
-    d["f"] = Value(false);
-    d["i"] = Value(std::int64_t{-9000000000});
-    d["u"] = Value(std::uint64_t{18446744073709551615ull});
-    d["d"] = Value(-0.25);
-    d["s"] = Value("h\xC3\xA9llo");
-    d["data"] = Value::data({0, 1, 2, 255});
-    d["date"] = Value(Date::fromMicroseconds(1790000000123456));
-    d["uuid"] = Value(Uuid::random());
-    d["url"] = Value::fileURL("/Applications/Example.app");
-    d["a"] = Value(Array{Value(1), Value("two"), Value(Array{}), Value(Dictionary{})});
-    return Value(std::move(d));
+    return Value{{"t", true}, {"f", false}, {"i", std::int64_t{-9000000000}}, {"u", std::uint64_t{18446744073709551615ull}},
+                 {"d", -0.25}, {"s", "h\xC3\xA9llo"}, {"data", Value::data({0, 1, 2, 255})},
+                 {"date", Value(Date::fromMicroseconds(1790000000123456))}, {"uuid", Value(Uuid::random())},
+                 {"url", Value::fileURL("/Applications/Example.app")},
+                 {"a", Value(Array{Value(1), Value("two"), Value(Array{}), Value(Dictionary{})})}};
 }
 
-TEST(ValueCodecTest, RoundTripsEveryKind)
+TEST(ValueCodecTest, RoundTripsEveryKindAndRefusesUrlsWhereTheyCannotTravel)
 {
     Value v = everyKind();
     Bytes b;
@@ -64,16 +56,12 @@ TEST(ValueCodecTest, RoundTripsEveryKind)
     ASSERT_TRUE(back.ok()) << back.error().localizedDescription();
     EXPECT_EQ(*back, v);
     EXPECT_EQ(back->hash(), v.hash());
-}
 
-TEST(ValueCodecTest, RefusesUrlsWhereTheyCannotTravel)
-{
-    Bytes b;
     ValueCodecOptions ipc{.allowUrl = false};
-    EXPECT_TRUE(encodeValue(everyKind(), b, ipc));
-    EXPECT_TRUE(b.empty());
-    ASSERT_FALSE(encodeValue(Value::url("file:///x"), b));
     EXPECT_FALSE(decodeValue(b, ipc).ok());
+    b.clear();
+    EXPECT_TRUE(encodeValue(v, b, ipc));
+    EXPECT_TRUE(b.empty());
 }
 
 TEST(ValueCodecTest, EveryTruncationAndHostileCountFailsCleanly)

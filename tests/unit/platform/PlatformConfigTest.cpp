@@ -15,22 +15,16 @@ namespace {
 
 TEST(PlatformConfigTest, ConnectionCapsFitTheDescriptorBudget)
 {
-    struct Case {
-        std::uint64_t descriptors;
-        std::size_t total, perUid;
-    };
-    const Case cases[] = {
+    const std::tuple<std::uint64_t, std::size_t, std::size_t> cases[] = { // descriptors, caps in all and per uid
         {1024, 448, 56},         // the usual soft limit: (1024 - 128) / 2
         {4096, 1984, 248},       // just short of 2048 in all
         {4224, 2048, 256},       // enough: the configured caps stand
         {1048576, 2048, 256},
         {100, 1, 1},             // below the reserve: still one
     };
-    for (const auto& tc : cases) {
-        SCOPED_TRACE(tc.descriptors);
-        VynLimits fitted = VynLimits{}.fittedToDescriptors(tc.descriptors);
-        EXPECT_EQ(fitted.maxConnections, tc.total);
-        EXPECT_EQ(fitted.maxConnectionsPerUid, tc.perUid);
+    for (const auto& [descriptors, total, perUid] : cases) {
+        VynLimits fitted = VynLimits{}.fittedToDescriptors(descriptors);
+        EXPECT_EQ(std::tuple(fitted.maxConnections, fitted.maxConnectionsPerUid), std::tuple(total, perUid)) << descriptors;
     }
     // A per-uid cap configured above an eighth is kept while nothing is cut.
     VynLimits generous;
@@ -41,12 +35,7 @@ TEST(PlatformConfigTest, ConnectionCapsFitTheDescriptorBudget)
 TEST(PlatformConfigTest, RuntimeFallbackMustBeAPrivateDirectoryOfOurs)
 {
     test::TempDir dir;
-    struct Case {
-        const char* name;
-        std::function<void(const std::string&)> prepare;
-        bool accepted;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, std::function<void(const std::string&)>, bool> cases[] = { // accepted
         {"missing: made 0700", [](const std::string&) {}, true},
         {"ours, 0700", [](const std::string& p) { ::mkdir(p.c_str(), 0700); }, true},
         {"ours, 0755", [](const std::string& p) { ::mkdir(p.c_str(), 0700), ::chmod(p.c_str(), 0755); }, false},
@@ -58,15 +47,12 @@ TEST(PlatformConfigTest, RuntimeFallbackMustBeAPrivateDirectoryOfOurs)
         {"a file", [](const std::string& p) { ::close(::creat(p.c_str(), 0700)); }, false},
     };
     int n = 0;
-    for (const auto& tc : cases) {
-        SCOPED_TRACE(tc.name);
+    for (const auto& [name, prepare, accepted] : cases) {
         std::string path = dir.file("runtime" + std::to_string(n++));
-        tc.prepare(path);
-        EXPECT_EQ(!PlatformConfig::ensurePrivateDirectory(path), tc.accepted);
+        prepare(path);
+        EXPECT_EQ(!PlatformConfig::ensurePrivateDirectory(path), accepted) << name;
         struct stat st{};
-        if (tc.accepted) {
-            EXPECT_TRUE(::lstat(path.c_str(), &st) == 0 && (st.st_mode & 07777) == 0700);
-        }
+        EXPECT_TRUE(!accepted || (::lstat(path.c_str(), &st) == 0 && (st.st_mode & 07777) == 0700)) << name;
     }
     // Another user's directory, where this test may give one away.
     if (::geteuid() == 0) {

@@ -89,7 +89,7 @@ TEST_F(TvDatabaseTest, PurgeEmptiesTheWholeCacheBeforeTheInsertionPastTheLimit)
     EXPECT_EQ(registry->uuidLookups, lookups);
 }
 
-TEST_F(TvDatabaseTest, UnknownPlugInsAreLoggedAndAbsent)
+TEST_F(TvDatabaseTest, UnknownPlugInsAreLoggedAndAbsentAlsoWithinAnApplication)
 {
     LogCapture log;
     Uuid unknown = Uuid::random();
@@ -97,14 +97,11 @@ TEST_F(TvDatabaseTest, UnknownPlugInsAreLoggedAndAbsent)
     EXPECT_EQ(log.count("Rostra cannot find plug-in with UUID:" + unknown.string()), 1u);
     EXPECT_FALSE(db->findPlugInAtPath(Value::fileURL("/nowhere/X.vext")));
     EXPECT_EQ(log.count("Rostra cannot find plug-in at path:/nowhere/X.vext"), 1u);
-    EXPECT_FALSE(db->findPlugIn(addBroken()->uuid));
-    EXPECT_EQ(db->cachedCount(), 0u); // a record that cannot be built is not cached
-}
-
-TEST_F(TvDatabaseTest, PlugInsWithinApplication)
-{
     auto good = add();
     auto broken = addBroken();
+    EXPECT_FALSE(db->findPlugIn(broken->uuid));
+    EXPECT_EQ(db->cachedCount(), 0u); // a record that cannot be built is not cached
+
     auto app = std::make_shared<platform::RegistryApplicationRecord>();
     app->bundlePath = "/apps/A.app";
     app->plugInUuids = {broken->uuid, good->uuid};

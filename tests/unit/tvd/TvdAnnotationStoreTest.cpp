@@ -22,12 +22,6 @@ struct Stopped : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-std::string readAll(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), {});
-}
-
 void writeText(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 std::string document(const Value& data, const Value& version = Value(16))
@@ -76,7 +70,7 @@ TEST_F(TvdAnnotationStoreTest, SavedFileHoldsExactlyVersionAndDataAndReloads)
     writeText(dir.file(".Annotations.tmp-1a2b3c4d"), "a save cut short by a crash");
     for (const auto& [key, annotation] : *table.asDictionary())
         open()->setAnnotationForIdentifier(annotation, key);
-    EXPECT_EQ(readAll(file()), document(table)) << "the file is the XML vlist of the root, byte for byte";
+    EXPECT_EQ(test::readFile(file()), document(table)) << "the file is the XML vlist of the root, byte for byte";
     EXPECT_EQ(Value(open()->annotations()), table);
     for (const auto& e : std::filesystem::directory_iterator(dir.path())) // leftovers are cleared at start
         EXPECT_EQ(e.path().filename(), "Annotations");
@@ -96,11 +90,11 @@ TEST_F(TvdAnnotationStoreTest, UnsavableTablesAreRefusedOrKeptInMemoryAndNeverWr
         EXPECT_TRUE(store->annotationForIdentifier("bad").isNull()) << bad.description();
     }
     store->setAnnotationForIdentifier(Value{{"election", 1}}, "small");
-    const std::string before = readAll(file());
+    const std::string before = test::readFile(file());
     // A table too large to load again stays in memory only.
     store->setAnnotationForIdentifier(Value{{"blob", Value::data(Bytes(13u << 20, 7))}}, "huge");
     EXPECT_FALSE(store->annotationForIdentifier("huge").isNull());
-    EXPECT_EQ(readAll(file()), before);
+    EXPECT_EQ(test::readFile(file()), before);
     EXPECT_EQ(log.countContaining(saveFailures(file())), 4u);
     store->setAnnotationForIdentifier(Value(), "huge");
     EXPECT_EQ(Value(open()->annotations()), (Value{{"small", Value{{"election", 1}}}}));
@@ -127,9 +121,9 @@ TEST_F(TvdAnnotationStoreTest, BadFilesResetWithALogLineAndAreReplacedAtTheFirst
         EXPECT_TRUE(store->annotations().empty());
         ASSERT_EQ(log.countContaining("unable to load annotation database:file://" + file() + " error:"), 1u);
         EXPECT_EQ(log.countContaining(" (resetting)"), 1u);
-        EXPECT_EQ(readAll(file()), text) << "the bad file stays until the first change";
+        EXPECT_EQ(test::readFile(file()), text) << "the bad file stays until the first change";
         store->setAnnotationForIdentifier(Value{{"election", 1}}, "k");
-        EXPECT_EQ(readAll(file()), good);
+        EXPECT_EQ(test::readFile(file()), good);
     }
     writeText(file(), cases[0].second);
     log.clear();
@@ -160,8 +154,8 @@ TEST_F(TvdAnnotationStoreTest, PerUserDaemonMigratesTheDeviceWideFileOnce)
     EXPECT_EQ(store->annotationsURL(), Value::fileURL(userFile));
     EXPECT_EQ(log.count("migrating shared annotations"), 1u);
     EXPECT_EQ(log.count("annotations are stored at " + userFile), 1u);
-    EXPECT_EQ(readAll(userFile), shared);
-    EXPECT_EQ(readAll(dir.file("Tarvik-Annotations")), shared) << "the source is not changed";
+    EXPECT_EQ(test::readFile(userFile), shared);
+    EXPECT_EQ(test::readFile(dir.file("Tarvik-Annotations")), shared) << "the source is not changed";
     EXPECT_EQ(mode(std::filesystem::path(userFile).parent_path()), 0700u);
     store->setAnnotationForIdentifier(Value{{"election", 0}}, "a");
     auto again = TvdAnnotationStore::initWithDatabase(std::nullopt, services());

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
-#include <string>
 #include <vector>
 
 namespace tv {
@@ -20,7 +18,7 @@ std::optional<TvdCommandLine> parse(std::initializer_list<const char*> args)
     return TvdCommandLine::parse(static_cast<int>(storage.size()), argv.data());
 }
 
-TEST(TvdCommandLineTest, DefaultsAndLaterOptionsWin)
+TEST(TvdCommandLineTest, DefaultsLaterOptionsWinAndTheCacheLimitConvertsLikeAtoi)
 {
     auto d = parse({});
     ASSERT_TRUE(d);
@@ -34,10 +32,7 @@ TEST(TvdCommandLineTest, DefaultsAndLaterOptionsWin)
     EXPECT_EQ(l->serviceName, "two");
     EXPECT_EQ(l->cacheLimit, 7u);
     EXPECT_EQ(l->databaseLocation, "/tmp/db");
-}
-
-TEST(TvdCommandLineTest, CacheLimitConvertsLikeAtoi)
-{
+    // The cache limit converts like atoi.
     EXPECT_EQ(parse({"-c", "abc"})->cacheLimit, 0u);
     EXPECT_EQ(parse({"-c", "12abc"})->cacheLimit, 12u);
     EXPECT_EQ(parse({"-c", "  42"})->cacheLimit, 42u);

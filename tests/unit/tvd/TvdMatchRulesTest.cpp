@@ -1,14 +1,15 @@
+// TvdMatchRules: what each key selects, elections, whole rules and the
+// activation evaluator's part. Hostile patterns and rules are the pattern's
+// and the evaluator's unit tests' (and the match fuzz target's).
 #include "tvd/TvdMatchRules.h"
 
 #include "Tarvik/TvPlugInCore.h"
 #include "platform/activation/ActivationRuleEvaluator.h"
-#include "platform/activation/LinuxActivationRuleEvaluator.h"
 #include "tests/support/FakeTypeIdentifierService.h"
 #include "tests/support/LogCapture.h"
 
 #include <gtest/gtest.h>
 
-#include <map>
 
 namespace tv {
 namespace {
@@ -141,33 +142,6 @@ TEST_F(TvdMatchRulesTest, DictionaryPatternsGoToTheActivationEvaluatorWithTheRul
     evaluator_->rule_ = Value();
     EXPECT_FALSE(r.matchKeyPattern(*plugIn, "Absent", offer));
     EXPECT_TRUE(evaluator_->rule_.isNull());
-}
-
-TEST_F(TvdMatchRulesTest, HostileRulesAreNonMatchesNeverFailures)
-{
-    auto plugIn = makePlugIn();
-    TvdMatchRules r(TvdMatchServices{types_, std::make_shared<platform::LinuxActivationRuleEvaluator>(types_), {}});
-    test::LogCapture log;
-
-    Value deep{{"public.jpeg", 1u}};
-    for (int i = 0; i < 64; ++i)
-        deep = Value{{"x", deep}};
-    Value deepRule{{"Type", "public.image"}};
-    for (int i = 0; i < 64; ++i)
-        deepRule = Value{{"AnyOf", Value(Array{deepRule})}};
-
-    const std::pair<const char*, Value> cases[] = {
-        {"Rule", deep}, // a deep host description
-        {"KoExtensionVersion", Value(Array{deep, Value(1.5), Value(Array{"1.10"})})},
-        {"KoExtensionVersion", Value(Array(100000, Value("<0")))},
-        {"KoExtensionVersion", "?REGEX:.*"}, {"KoExtensionVersion", Value(kUuid)}, {"KoExtensionVersion", Value(Date())},
-    };
-    for (const auto& [key, pattern] : cases)
-        EXPECT_FALSE(r.match(*plugIn, Value{{key, pattern}})) << key;
-
-    plugIn->setPlugInDictionary(Value{{"KoExtensionAttributes", Value{{"Rule", deepRule}}}});
-    EXPECT_FALSE(r.match(*plugIn, Value{{"Rule", Value{{"public.jpeg", 1u}}}}));
-    EXPECT_EQ(log.countContaining("activation rule not understood (nested deeper than 32)"), 1u);
 }
 
 } // namespace

@@ -33,7 +33,7 @@ protected:
     void TearDown() override { TvdPlugIn::setSystemVolumeRoot("/System"); }
 };
 
-TEST_F(TvdPlugInTest, ConstructionTakesTheRegistryFacts)
+TEST_F(TvdPlugInTest, ConstructionTakesTheRegistryFactsAndLookupsAskTheRecordEveryTime)
 {
     auto r = makePlugInRecord();
     r->onSystemVolume = true;
@@ -43,6 +43,22 @@ TEST_F(TvdPlugInTest, ConstructionTakesTheRegistryFacts)
               std::tuple("com.example.p.orig", 1'700'000'000, true, "/apps/A.app"));
     EXPECT_EQ(std::tuple(p->sdkSpec(), p->version()), std::tuple(Value("com.example.point"), Value("3")));
     EXPECT_EQ(p->localizedContainingName(), "App A");
+
+    // The registry record stands in for a registry whose answers change.
+    r->plugInDictionary = r->plugInDictionary.with("Dedicated", Value(true));
+    r->infoDictionary = r->infoDictionary.with("Extra", Value("x")).with("DTSDKName", Value("x"));
+    EXPECT_TRUE(p->isDedicated());
+    EXPECT_EQ(p->infoKey("Extra"), Value("x"));
+    // Names: an absent answer is asked again, a present one is kept.
+    r->localizedName.reset();
+    EXPECT_FALSE(p->localizedName());
+    r->localizedName = "Shown";
+    EXPECT_EQ(p->localizedName(), "Shown");
+    r->localizedName = "Changed";
+    EXPECT_EQ(p->localizedName(), "Shown");
+    // Build tool keys are pruned.
+    Value d{{"DTSDKName", Value("x")}, {"DT", Value(1)}, {"dTx", Value(2)}, {"KbBundleName", Value("n")}};
+    EXPECT_EQ(TvdPlugIn::prunedInfoDictionaryFor(d), (Value{{"dTx", Value(2)}, {"KbBundleName", Value("n")}}));
 }
 
 // The daemon's two rules, in their order, against the configured root; and
@@ -119,28 +135,6 @@ TEST_F(TvdPlugInTest, HubProtocolVersionEntitlementsAndAnnotationKey)
     }
 }
 
-TEST_F(TvdPlugInTest, LookupsAskTheRegistryRecordEveryTime)
-{
-    auto r = makePlugInRecord();
-    auto p = TvdPlugIn::initWithRSData(r);
-    ASSERT_TRUE(p);
-    // The registry record stands in for a registry whose answers change.
-    r->plugInDictionary = r->plugInDictionary.with("Dedicated", Value(true));
-    r->infoDictionary = r->infoDictionary.with("Extra", Value("x")).with("DTSDKName", Value("x"));
-    EXPECT_TRUE(p->isDedicated());
-    EXPECT_EQ(p->infoKey("Extra"), Value("x"));
-    // Names: an absent answer is asked again, a present one is kept.
-    r->localizedName.reset();
-    EXPECT_FALSE(p->localizedName());
-    r->localizedName = "Shown";
-    EXPECT_EQ(p->localizedName(), "Shown");
-    r->localizedName = "Changed";
-    EXPECT_EQ(p->localizedName(), "Shown");
-    // Build tool keys are pruned.
-    Value d{{"DTSDKName", Value("x")}, {"DT", Value(1)}, {"dTx", Value(2)}, {"KbBundleName", Value("n")}};
-    EXPECT_EQ(TvdPlugIn::prunedInfoDictionaryFor(d), (Value{{"dTx", Value(2)}, {"KbBundleName", Value("n")}}));
-}
-
 class TvdPlugInGrantsTest : public TvdPlugInTest {
 protected:
     void SetUp() override
@@ -197,7 +191,6 @@ TEST_F(TvdPlugInGrantsTest, IssueResourceExtensionsAndAugmentForm)
     }
 }
 
-
 struct ScriptedProcessState final : platform::ProcessStateService {
     Result<std::vector<Value>> answer = std::vector<Value>{};
     std::vector<std::set<std::string>> asked;
@@ -217,24 +210,20 @@ TEST_F(TvdPlugInTest, TheFirstInstanceWithABundleIdentifierIsTheBusyDescription)
     ASSERT_TRUE(plugIn);
     const Value busy{{"ExtensionBundleIdentifier", "com.example.p"}};
     const Value incomplete{{"ProcessIdentifier", 7}};
-    struct Case {
-        Result<std::vector<Value>> answer;
-        Value description;
-        std::size_t incompleteLines;
-    };
-    const Case cases[] = {
+    // What the process state service answers, the busy description, "incomplete" lines logged.
+    const std::tuple<Result<std::vector<Value>>, Value, std::size_t> cases[] = {
         {std::vector<Value>{}, Value(), 0},
         {std::vector<Value>{incomplete, Value{{"BundleIdentifier", "com.example.p"}}, Value{{"BundleIdentifier", "x"}}},
          busy, 1},
         {std::vector<Value>{incomplete}, Value(), 1},
         {makeError(4, "no process table"), busy, 0}, // cannot tell: busy
     };
-    for (const auto& c : cases) {
+    for (const auto& [answer, description, incompleteLines] : cases) {
         LogCapture log;
-        keepd->answer = c.answer;
-        EXPECT_EQ(plugIn->checkBusy(), c.description);
+        keepd->answer = answer;
+        EXPECT_EQ(plugIn->checkBusy(), description);
         EXPECT_EQ(log.count("keepd reported incomplete bundle for plug-in com.example.p/" + record->uuid.string()),
-                  c.incompleteLines);
+                  incompleteLines);
         EXPECT_EQ(keepd->asked.back(), std::set<std::string>{"com.example.p"});
     }
 
@@ -255,12 +244,8 @@ TEST_F(TvdPlugInTest, HostRestrictionFirstThenThePlugInsDemand)
     const Value onlyAB{{"KoExtensionIdentifier", Value(Array{Value("a"), Value("b")})}};
     const std::string refused = "the host's plug-in entitlement does not allow this plug-in";
     const std::string lacks = "the host does not have the \"com.example.host\" entitlement";
-    const struct {
-        Value host;
-        std::string plugIn;
-        Value demanded;
-        std::optional<std::string> reason;
-    } cases[] = {
+    // The host's entitlements, the plug-in, the entitlement it demands, the refusal.
+    const std::tuple<Value, std::string, Value, std::optional<std::string>> cases[] = {
         {Value::emptyDictionary(), "a", Value(), std::nullopt},
         {Value{{restrict, Value(true)}}, "a", Value(), "invalid host restriction entitlement"},
         {Value{{restrict, Value::emptyDictionary()}}, "c", Value(), std::nullopt},
@@ -272,12 +257,12 @@ TEST_F(TvdPlugInTest, HostRestrictionFirstThenThePlugInsDemand)
     };
     test::ServerHarness h;
     pid_t pid = 100;
-    for (const auto& c : cases) {
-        h.codeSigning->entitlements[pid] = c.host;
+    for (const auto& [host, plugIn, demanded, reason] : cases) {
+        h.codeSigning->entitlements[pid] = host;
         auto client = std::static_pointer_cast<TvdVynClient>(h.connect(pid++)->context());
-        auto r = makePlugInRecord("/apps/A.app/PlugIns/" + c.plugIn + ".vext", c.plugIn);
-        r->plugInDictionary = r->plugInDictionary.with("KoExtensionHostEntitlement", c.demanded);
-        EXPECT_EQ(TvdPlugIn::initWithRSData(r)->allowForClient(*client), c.reason) << c.host.description();
+        auto r = makePlugInRecord("/apps/A.app/PlugIns/" + plugIn + ".vext", plugIn);
+        r->plugInDictionary = r->plugInDictionary.with("KoExtensionHostEntitlement", demanded);
+        EXPECT_EQ(TvdPlugIn::initWithRSData(r)->allowForClient(*client), reason) << host.description();
     }
 }
 
@@ -338,12 +323,8 @@ TEST_F(TvdPlugInAppTest, SandboxProfileFollowsTheExtensionPoint)
                                                                    {"service", platform::kPrivacyServiceKeyboardNetwork},
                                                                    {"granted", true}}})}});
     const std::string granted = files_.makeExampleApplication(), other = files_.path("Other.app");
-    const struct {
-        const char* point;
-        Value openAccess;
-        std::string app;
-        const char* profile;
-    } cases[] = {
+    // Extension point, "RequestsOpenAccess", the application, the profile.
+    const std::tuple<const char*, Value, std::string, const char*> cases[] = {
         {"com.veltra.keyboard-service", Value(), granted, "keyboard"},
         {"com.veltra.keyboard-service", Value(true), granted, "plugin"},
         {"com.veltra.keyboard-service", Value(true), other, "keyboard"},
@@ -353,10 +334,9 @@ TEST_F(TvdPlugInAppTest, SandboxProfileFollowsTheExtensionPoint)
         {"com.veltra.app.non-ui-extension.multiple-instances", Value(), granted, "playground-devtools"},
         {"com.example.point", Value(true), granted, "plugin"},
     };
-    for (const auto& c : cases) {
-        Value dictionary{{"KoExtensionPointIdentifier", c.point},
-                         {"KoExtensionAttributes", Value{{"RequestsOpenAccess", c.openAccess}}}};
-        EXPECT_EQ(inApp(c.app, dictionary)->sandboxProfile(), c.profile) << c.point << " " << c.app;
+    for (const auto& [point, openAccess, app, profile] : cases) {
+        Value dictionary{{"KoExtensionPointIdentifier", point}, {"KoExtensionAttributes", Value{{"RequestsOpenAccess", openAccess}}}};
+        EXPECT_EQ(inApp(app, dictionary)->sandboxProfile(), profile) << point << " " << app;
     }
 }
 

@@ -14,7 +14,10 @@
 namespace tv {
 namespace {
 
-TEST(TvdServerTest, BuildsItsQueuesAndListenerAndBecomesTheProcessServer)
+// The real daemon's construction is exercised end to end; here what only a
+// fake platform shows: the listener waits for run(), which returns the main
+// loop's status, and no registry means no server.
+TEST(TvdServerTest, TheListenerWaitsForRunAndNoRegistryMeansNoServer)
 {
     auto vyn = std::make_shared<test::FakeVynService>();
     TvdPlatform platform;
@@ -25,26 +28,17 @@ TEST(TvdServerTest, BuildsItsQueuesAndListenerAndBecomesTheProcessServer)
     containers->path = dir.file("container");
     platform.containers = containers;
     platform.makeQueue = [](std::string label, SerialQueue::QoS) { return SerialQueue::createManual(label); };
-    int loops = 0;
-    platform.runMainLoop = [&](TvdServer&) { return ++loops, 7; };
+    platform.runMainLoop = [&](TvdServer&) { return 7; };
     const std::string annotations = dir.file("annotations.vlist");
     auto server = TvdServer::initForServiceDatabase("/tmp/x.sock", annotations.c_str(), platform);
     ASSERT_TRUE(server);
     EXPECT_EQ(TvdServer::server(), server);
-    EXPECT_EQ(server->requestScheduler()->queue(), server->mainQueue());
-    EXPECT_EQ(vyn->listener()->path(), "/tmp/x.sock");
-
-    // The listener stays suspended until run(), which enters the main loop
-    // and returns its status.
     EXPECT_FALSE(vyn->listener()->resumed());
     EXPECT_EQ(server->run(), 7);
     EXPECT_TRUE(vyn->listener()->resumed());
-    EXPECT_EQ(loops, 1);
 
-    // Without an application registry there is no database, so no server.
-    TvdPlatform incomplete = platform;
-    incomplete.applicationRegistry = nullptr;
-    EXPECT_FALSE(TvdServer::initForServiceDatabase("/tmp/y.sock", nullptr, incomplete));
+    platform.applicationRegistry = nullptr;
+    EXPECT_FALSE(TvdServer::initForServiceDatabase("/tmp/y.sock", nullptr, platform));
 }
 
 TEST(TvdServerTest, ARefusalForAClientWhoseConnectionIsGoneIsDropped)

@@ -43,12 +43,8 @@ TEST_F(TvdUserPrefsTest, ExclusionsWrittenByAnotherProcessAreSeenAtTheNextRead)
 
 TEST_F(TvdUserPrefsTest, UnusableValuesOrFilesMeanNoExclusionAndAreLoggedOnce)
 {
-    struct Case {
-        const char* name;
-        std::string fileText;
-    };
     auto doc = [](const Value& v) { return *platform::serializeVlist(v); };
-    const Case cases[] = {
+    const std::pair<const char*, std::string> cases[] = {
         {"a string", doc(Value{{"exclusions", "everything"}})},
         {"a dictionary", doc(Value{{"exclusions", Value{{"KoExtensionPointIdentifier", "x"}}}})},
         {"a list with a non-dictionary", doc(Value{{"exclusions", Value(Array{Value{{"a", "b"}}, Value(1)})}})},
@@ -56,11 +52,11 @@ TEST_F(TvdUserPrefsTest, UnusableValuesOrFilesMeanNoExclusionAndAreLoggedOnce)
         {"a root that is not a dictionary", doc(Value(Array{}))},
     };
     platform::LinuxPreferencesService paths(dir.path());
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, fileText] : cases) {
+        SCOPED_TRACE(name);
         write(Value{{"exclusions", Value(Array{Value{{"a", "b"}}})}});
         ASSERT_TRUE(prefs->exclusions());
-        std::ofstream(paths.pathForDomain(TvdUserPrefs::kDomain), std::ios::trunc) << c.fileText;
+        std::ofstream(paths.pathForDomain(TvdUserPrefs::kDomain), std::ios::trunc) << fileText;
         log.clear();
         EXPECT_FALSE(prefs->exclusions());
         EXPECT_FALSE(prefs->exclusions());

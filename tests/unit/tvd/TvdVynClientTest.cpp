@@ -15,7 +15,7 @@ std::shared_ptr<TvdVynClient> clientOf(test::FakeVynConnection& c)
     return std::static_pointer_cast<TvdVynClient>(c.context());
 }
 
-TEST(TvdVynClientTest, IdentifiesTheClientAndResumesItsConnection)
+TEST(TvdVynClientTest, IdentifiesTheClientResumesItsConnectionAndCountsEntitlementsUnlessFalseOrZero)
 {
     test::LogCapture log;
     ServerHarness h;
@@ -35,20 +35,16 @@ TEST(TvdVynClientTest, IdentifiesTheClientAndResumesItsConnection)
     h.drain();
     EXPECT_EQ(clientOf(*unknown)->path(), "");
     EXPECT_FALSE(clientOf(*unknown)->bundle());
-}
 
-TEST(TvdVynClientTest, EntitlementsCountUnlessFalseOrZero)
-{
-    test::LogCapture log;
-    ServerHarness h;
+    // Entitlements count unless false or zero.
     h.codeSigning->entitlements[10] = Value{{"false", false}, {"zero", 0},      {"uzero", 0u},     {"dzero", 0.0},
                                             {"true", true},   {"string", "no"}, {"one", 1}, {"list", Value(Array{})}};
-    auto client = clientOf(*h.connect(10));
+    auto entitled = clientOf(*h.connect(10));
     for (const char* absent : {"false", "zero", "uzero", "dzero", "missing"})
-        EXPECT_FALSE(client->hasEntitlement(absent)) << absent;
+        EXPECT_FALSE(entitled->hasEntitlement(absent)) << absent;
     for (const char* present : {"true", "string", "one", "list"})
-        EXPECT_TRUE(client->hasEntitlement(present)) << present;
-    EXPECT_EQ(client->entitlementValueForKey("string"), Value("no"));
+        EXPECT_TRUE(entitled->hasEntitlement(present)) << present;
+    EXPECT_EQ(entitled->entitlementValueForKey("string"), Value("no"));
 
     h.codeSigning->broken[11] = true;
     auto broken = clientOf(*h.connect(11));
@@ -68,7 +64,7 @@ TEST(TvdVynClientTest, ConnectionEventsAreHandledByKind)
     c->deliver(platform::Message(Value("not a request")));
     h.drain();
     EXPECT_TRUE(log.contains("unexpected message: not a request from: 77"));
-    EXPECT_TRUE(h.replies(*c).empty());
+    EXPECT_TRUE(c->sent().empty());
     EXPECT_TRUE(log.contains("client 77 termination imminent"));
     EXPECT_TRUE(log.contains("unexpected error type from vyn: weird"));
     EXPECT_TRUE(client->acceptWork()); // neither changes state

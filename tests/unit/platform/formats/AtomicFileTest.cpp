@@ -9,10 +9,8 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <random>
-#include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -29,14 +27,6 @@ std::vector<std::string> entries(const test::TempDir& dir)
         names.push_back(e.path().filename());
     std::sort(names.begin(), names.end());
     return names;
-}
-
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
 }
 
 // Runs `body` in a child process (for process-wide changes such as resource
@@ -56,12 +46,12 @@ TEST(AtomicFileTest, ReplacesOrLeavesTheTargetIntact)
     test::TempDir dir;
     const std::string target = dir.file("annotations.vlist");
     ASSERT_FALSE(writeFileAtomically(target, "old contents", 0600));
-    EXPECT_EQ(slurp(target), "old contents");
+    EXPECT_EQ(test::readFile(target), "old contents");
     struct stat st {};
     ASSERT_EQ(::stat(target.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     ASSERT_FALSE(writeFileAtomically(target, "new contents"));
-    EXPECT_EQ(slurp(target), "new contents");
+    EXPECT_EQ(test::readFile(target), "new contents");
     EXPECT_EQ(entries(dir), std::vector<std::string>{"annotations.vlist"});
 
     // Failure before anything is written: no such directory.
@@ -87,7 +77,7 @@ TEST(AtomicFileTest, ReplacesOrLeavesTheTargetIntact)
         auto e = writeFileAtomically(target, big);
         return e && e->code == EFBIG ? 0 : 1;
     }), 0);
-    EXPECT_EQ(slurp(target), "new contents");
+    EXPECT_EQ(test::readFile(target), "new contents");
     EXPECT_EQ(entries(dir), (std::vector<std::string>{"annotations.vlist", "occupied"}));
 }
 
@@ -110,7 +100,7 @@ TEST(AtomicFileTest, KilledWriterLeavesACompleteFile)
         ::usleep(std::uniform_int_distribution<useconds_t>(100, 20000)(rng));
         ::kill(pid, SIGKILL);
         ::waitpid(pid, nullptr, 0);
-        const std::string now = slurp(target);
+        const std::string now = test::readFile(target);
         EXPECT_TRUE(now == first || now == second) << "round " << round << ": " << now.size() << " bytes";
     }
 }

@@ -3,13 +3,11 @@
 #include "platform/PosixError.h"
 #include "platform/formats/AtomicFile.h"
 
-#include "tests/support/Mutate.h"
 #include "tests/support/TestDaemon.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <random>
 #include <sys/stat.h>
 
 namespace tv::platform {
@@ -120,6 +118,10 @@ TEST(VlistTest, RefusesMalformedDocumentsSayingWhere)
     ASSERT_FALSE(v.ok());
     EXPECT_NE(v.error().localizedDescription().find("line 5"), std::string::npos) << v.error().localizedDescription();
     EXPECT_NE(v.error().localizedDescription().find("duplicate key \"a\""), std::string::npos);
+    // Every truncation of a document is refused (random mutations: the fuzz target).
+    const std::string valid = *serializeVlist(Value{{"s", "text & <markup>"}, {"l", Value(Array{Value(1.5), Value::data({1})})}});
+    for (std::size_t n = 0; n + 1 < valid.size(); ++n)
+        EXPECT_FALSE(parseVlist(valid.substr(0, n)).ok()) << n;
 }
 
 TEST(VlistTest, EnforcesSizeAndDepthLimitsOnBothSides)
@@ -170,26 +172,6 @@ TEST(VlistTest, ReadsFilesWithinLimits)
     EXPECT_EQ(readVlistFile(dir.file("Info.vlist"), VlistLimits{.maxBytes = 40}).error().code, EFBIG);
     ASSERT_FALSE(writeFileAtomically(dir.file("bad.vlist"), "<vlist><oops/></vlist>"));
     EXPECT_NE(readVlistFile(dir.file("bad.vlist")).error().localizedDescription().find("bad.vlist"), std::string::npos);
-}
-
-TEST(VlistTest, RandomMutationsAndTruncationsGiveAValueOrAnError)
-{
-    const std::string valid = *serializeVlist(Value{
-        {"KoExtension", Value{{"KoExtensionPointIdentifier", "com.example.share"}, {"n", -4}}},
-        {"list", Value(Array{Value(1.5), Value::data({1, 2, 3}), Value(Date::fromSeconds(1)), Value(9u)})},
-        {"s", "text & <markup>"},
-    });
-    const char alphabet[] = "<>/&;!?=\"' \n\tabcdefgikrstuvy0123456789+-.#x[]\xC3\xFF";
-    std::mt19937 rng(12345);
-    int values = 0;
-    for (int i = 0; i < 3000; ++i) {
-        auto v = parseVlist(test::mutate(valid, rng, std::string_view(alphabet, sizeof alphabet - 1)));
-        values += v.ok();
-        EXPECT_TRUE(v.ok() ? !v->isNull() : !v.error().localizedDescription().empty());
-    }
-    EXPECT_GT(values, 0);
-    for (std::size_t n = 0; n + 1 < valid.size(); ++n)
-        EXPECT_FALSE(parseVlist(valid.substr(0, n)).ok()) << n;
 }
 
 } // namespace

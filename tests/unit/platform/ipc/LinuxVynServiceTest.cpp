@@ -21,13 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-bool eventually(auto condition)
-{
-    for (auto deadline = std::chrono::steady_clock::now() + 5s; !condition(); std::this_thread::sleep_for(2ms))
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-    return true;
-}
+using test::eventually;
 
 // Everything a handler was given; a recorded request has run (no ticket).
 struct Recorder {
@@ -99,7 +93,10 @@ public:
     std::shared_ptr<Peer> peer(std::size_t i)
     {
         std::shared_ptr<Peer> p;
-        eventually([&] { std::lock_guard lock(state_->mutex); return (p = state_->peers.size() > i ? state_->peers[i] : nullptr); });
+        eventually([&] {
+            std::lock_guard lock(state_->mutex);
+            return (p = state_->peers.size() > i ? state_->peers[i] : nullptr) != nullptr;
+        });
         return p;
     }
     void setEcho(bool echo) { state_->echo = echo; }

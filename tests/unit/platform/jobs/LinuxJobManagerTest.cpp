@@ -29,14 +29,9 @@ pid_t exitedPid()
 TEST(LinuxJobManagerTest, AddRefusesMalformedRegistrationsWithErrno)
 {
     LinuxJobManager jobs;
-    struct Case {
-        const char* name;
-        ExternalService service;
-        int expected;
-    };
     ExternalService notDictionary = service(10, "com.example.p", "1");
     notDictionary.launchDescription = Value(Array{});
-    const Case cases[] = {
+    const std::tuple<const char*, ExternalService, int> cases[] = {
         {"valid", service(10, "com.example.p", "1"), 0},
         {"pid zero", service(0, "com.example.p", "1"), EINVAL},
         {"negative pid", service(-4, "com.example.p", "1"), EINVAL},
@@ -44,8 +39,8 @@ TEST(LinuxJobManagerTest, AddRefusesMalformedRegistrationsWithErrno)
         {"relative executable", service(10, "com.example.p", "1", "p"), EINVAL},
         {"description not a dictionary", notDictionary, EINVAL},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(jobs.addExternalService(c.service), c.expected) << c.name;
+    for (const auto& [name, registration, expected] : cases)
+        EXPECT_EQ(jobs.addExternalService(registration), expected) << name;
     EXPECT_EQ(jobs.externalServices().size(), 1u);
 }
 

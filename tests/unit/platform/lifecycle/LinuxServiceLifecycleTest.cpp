@@ -10,9 +10,7 @@
 #include <csignal>
 #include <cstring>
 #include <future>
-#include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 
@@ -60,13 +58,11 @@ TEST_F(LinuxServiceLifecycleTest, SigtermAnnouncesTerminationAndEndsCleanly)
     EXPECT_FALSE(lifecycle.socketActivated());
     auto status = std::async(std::launch::async, [&] { return lifecycle.run(); });
     ASSERT_TRUE(manager.await("READY=1"));
-    auto wasAccepted = [&] {
+    test::eventually([&] {
         bool yes = false;
         vynQueue_->sync([&] { yes = accepted != nullptr; });
         return yes;
-    };
-    for (int i = 0; i < 1000 && !wasAccepted(); ++i)
-        std::this_thread::sleep_for(5ms);
+    });
     ASSERT_EQ(vyn->connectionCount(), 1u);
 
     ::kill(::getpid(), SIGTERM);

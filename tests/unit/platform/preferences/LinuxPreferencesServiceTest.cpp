@@ -51,7 +51,7 @@ TEST_F(LinuxPreferencesServiceTest, InPlaceEditWithSameSizeIsSeen)
     EXPECT_EQ(service.copyValue(kDomain, "key"), Value(2));
 }
 
-TEST_F(LinuxPreferencesServiceTest, BadFilesReadAsEmptyWithAReason)
+TEST_F(LinuxPreferencesServiceTest, BadFilesReadAsEmptyWithAReasonAndNamesStayInside)
 {
     for (const std::string& text : {std::string("garbage"), serializeVlist(Value{{"key", 1}})->substr(0, 40),
                                     *serializeVlist(Value(Array{Value(1)}))}) {
@@ -67,14 +67,9 @@ TEST_F(LinuxPreferencesServiceTest, BadFilesReadAsEmptyWithAReason)
         EXPECT_TRUE(service.synchronize(kDomain).has_value());
         EXPECT_TRUE(service.copyValue(kDomain, "key").isNull()) << "unreadable";
     }
-}
-
-TEST_F(LinuxPreferencesServiceTest, DomainNamesCannotEscapeTheDirectory)
-{
+    // Domain names cannot escape the directory.
     for (const char* bad : {"", "../x", "a/b", ".hidden"}) {
-        auto err = service.synchronize(bad);
-        ASSERT_TRUE(err.has_value()) << bad;
-        EXPECT_EQ(err->code, EINVAL);
+        EXPECT_EQ(service.synchronize(bad).value_or(TvError{}).code, EINVAL) << bad;
         EXPECT_TRUE(service.copyValue(bad, "key").isNull());
     }
 }

@@ -23,7 +23,7 @@ std::optional<std::string> bundlePathOf(LinuxBundleService& service, const std::
     return handle ? service.bundlePath(*handle) : std::nullopt;
 }
 
-TEST(LinuxBundleServiceTest, OpensOnlyDirectoriesWithAnInformationFile)
+TEST(LinuxBundleServiceTest, OpensOnlyDirectoriesWithAnInformationFileWhoseExecutableStaysInside)
 {
     FakeVlistFiles files;
     const std::string app = files.makeDirectory("Example.app");
@@ -44,6 +44,19 @@ TEST(LinuxBundleServiceTest, OpensOnlyDirectoriesWithAnInformationFile)
     EXPECT_EQ(service.supportDirectory(*handle), app);
     EXPECT_EQ(service.executablePath(*handle), app + "/example");
     EXPECT_EQ(service.bundleIdentifier(*handle), "com.example.app");
+
+    // A declared executable must stay inside its bundle: neither bundle gets
+    // to claim a file outside itself.
+    files.writeText("victim", "x", 0755);
+    files.writeValue("Escape.app/Info.vlist", info("com.example.escape", "../victim"));
+    files.writeValue("Absolute.app/Info.vlist", info("com.example.absolute", files.path("victim")));
+    files.writeValue("Number.app/Info.vlist", Value{{"KbBundleExecutable", Value(7)}});
+    for (const char* name : {"Escape.app", "Absolute.app", "Number.app"}) {
+        auto other = service.openBundleDirectory(files.path(name));
+        ASSERT_NE(other, nullptr) << name;
+        EXPECT_EQ(service.executablePath(*other), std::nullopt) << name;
+    }
+    EXPECT_EQ(service.openBundleWithExecutable(files.path("victim")), nullptr);
 }
 
 TEST(LinuxBundleServiceTest, ExecutableBelongsToTheNearestBundleThatNamesIt)
@@ -101,24 +114,6 @@ TEST(LinuxBundleServiceTest, TheWalkUpFromAnExecutableIsBounded)
     EXPECT_TRUE(read.empty());
     EXPECT_EQ(service.openBundleWithExecutable(files.path(deep + "/tool")), nullptr);
     EXPECT_EQ(read.size(), 8u);
-}
-
-TEST(LinuxBundleServiceTest, DeclaredExecutableMustStayInsideTheBundle)
-{
-    FakeVlistFiles files;
-    files.writeText("victim", "x", 0755);
-    files.writeValue("Escape.app/Info.vlist", info("com.example.escape", "../victim"));
-    files.writeValue("Absolute.app/Info.vlist", info("com.example.absolute", files.path("victim")));
-    files.writeValue("Number.app/Info.vlist", Value{{"KbBundleExecutable", Value(7)}});
-    LinuxBundleService service(FakeVlistFiles::reader());
-
-    for (const char* name : {"Escape.app", "Absolute.app", "Number.app"}) {
-        auto handle = service.openBundleDirectory(files.path(name));
-        ASSERT_NE(handle, nullptr) << name;
-        EXPECT_EQ(service.executablePath(*handle), std::nullopt) << name;
-    }
-    // Neither bundle gets to claim a file outside itself.
-    EXPECT_EQ(service.openBundleWithExecutable(files.path("victim")), nullptr);
 }
 
 } // namespace

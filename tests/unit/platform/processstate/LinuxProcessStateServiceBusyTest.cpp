@@ -10,7 +10,6 @@
 #include <csignal>
 #include <filesystem>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace tv::platform {
@@ -24,10 +23,8 @@ pid_t spawn(const std::string& executable)
         ::execl(executable.c_str(), executable.c_str(), "60", static_cast<char*>(nullptr));
         _exit(127);
     }
-    std::string link = "/proc/" + std::to_string(pid) + "/exe";
     std::error_code ec;
-    for (int i = 0; i < 500 && std::filesystem::read_symlink(link, ec) != executable; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    test::eventually([&] { return std::filesystem::read_symlink("/proc/" + std::to_string(pid) + "/exe", ec) == executable; });
     return pid;
 }
 

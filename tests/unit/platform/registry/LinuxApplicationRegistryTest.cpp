@@ -8,6 +8,7 @@
 #include "tests/support/FakeExtensionSdkRegistry.h"
 #include "tests/support/FakeVlistFiles.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TestDaemon.h"
 
 #include <filesystem>
 #include <future>
@@ -372,8 +373,7 @@ TEST_F(LinuxApplicationRegistryTest, PurgeWhileTheWatcherRescansDoesNotDeadlock)
     registry->addObserver(observer);
     ASSERT_FALSE(registry->startWatching(std::chrono::milliseconds(20)));
     fs::remove_all(plugIn);
-    for (int i = 0; i < 1000 && observer->count(false) == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    test::eventually([&] { return observer->count(false) > 0; });
     registry->waitForAnnouncements();
     ASSERT_EQ(pathsOf(observer->uninstalled), (Paths{plugIn}));
     EXPECT_TRUE(purgedInTime);
@@ -406,8 +406,7 @@ TEST_F(LinuxApplicationRegistryTest, FirstScanCanBeLeftToTheWatcher)
     auto observer = std::make_shared<RecordingObserver>();
     registry->addObserver(observer);
     ASSERT_FALSE(registry->startWatching(std::chrono::hours(1)));
-    for (int i = 0; i < 1000 && observer->count(true) == 0; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    test::eventually([&] { return observer->count(true) > 0; });
     registry->waitForAnnouncements();
     EXPECT_EQ(pathsOf(observer->installed), (Paths{added}));
     EXPECT_EQ(pathsOf(observer->uninstalled), (Paths{gone}));

@@ -129,8 +129,7 @@ TEST_F(LinuxSandboxServiceTest, KeyFileIsPrivateAndAnUnsafeOneIsReplaced)
     EXPECT_TRUE(linked.issueFileExtension("cls", path, 0));
     EXPECT_FALSE(fs::is_symlink(run + "/sandbox.key"));
     EXPECT_EQ(log.countContaining("sandbox key"), 2u);
-    std::ifstream original(path);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(original), {}), "x");
+    EXPECT_EQ(test::readFile(path), "x");
 }
 
 TEST_F(LinuxSandboxServiceTest, FileReadGrantLeavesErrnoOfTheFailure)
