@@ -1,10 +1,14 @@
 // The application registry at the size of a large system: 10,000 plug-ins
 // in 200 extension points (100 applications of 100 plug-ins each), side by
 // side:
-//   - OpenCold: the daemon's start on an existing store: open the store,
-//     scan every bundle, build the index, answer the first query;
+//   - OpenCold: the daemon's start on an existing store: open and read the
+//     store, serving it as recorded (the scan is left to the watcher);
+//   - OpenColdFirstQuery: the same and the first query, which builds the
+//     index;
+//   - OpenAndScan: open, scan every bundle, answer the first query (a
+//     registry opened with InitialScan::AtOpen);
 //   - Rescan: a full rescan that finds nothing changed (what the watcher
-//     does after any event);
+//     does after any event, and first of all after the daemon's start);
 //   - IndexRebuild: the first query after dropCaches();
 //   - QueryOneExtensionPoint: a query by extension point on a warm index
 //     (50 plug-ins).
@@ -77,9 +81,10 @@ public:
         fs::remove_all(root_, ec);
     }
 
-    std::shared_ptr<platform::LinuxApplicationRegistry> open()
+    std::shared_ptr<platform::LinuxApplicationRegistry> open(
+        platform::LinuxApplicationRegistry::InitialScan scan = platform::LinuxApplicationRegistry::InitialScan::AtOpen)
     {
-        auto registry = platform::LinuxApplicationRegistry::create(config_, bundles_, codeSigning_);
+        auto registry = platform::LinuxApplicationRegistry::create(config_, bundles_, codeSigning_, nullptr, scan);
         return registry ? *registry : nullptr;
     }
 
@@ -98,18 +103,39 @@ Fixture& fixture()
 
 const Value kQuery{{"KoExtensionPointIdentifier", Value(extensionPoint(7))}};
 
-void OpenCold(benchmark::State& state)
+// Opens the store `iterations` times, with or without the first query.
+void openStore(benchmark::State& state, platform::LinuxApplicationRegistry::InitialScan scan, bool query)
 {
+    fixture();
     for (auto _ : state) {
-        auto registry = fixture().open();
-        auto found = registry->queryPlugIns(kQuery, {});
-        benchmark::DoNotOptimize(found);
+        auto registry = fixture().open(scan);
+        if (query) {
+            auto found = registry->queryPlugIns(kQuery, {});
+            benchmark::DoNotOptimize(found);
+        }
         state.PauseTiming();
         registry.reset();
         state.ResumeTiming();
     }
 }
-BENCHMARK(OpenCold)->Unit(benchmark::kMillisecond)->Iterations(3);
+
+void OpenCold(benchmark::State& state)
+{
+    openStore(state, platform::LinuxApplicationRegistry::InitialScan::WhenWatching, false);
+}
+BENCHMARK(OpenCold)->Unit(benchmark::kMillisecond)->Iterations(5);
+
+void OpenColdFirstQuery(benchmark::State& state)
+{
+    openStore(state, platform::LinuxApplicationRegistry::InitialScan::WhenWatching, true);
+}
+BENCHMARK(OpenColdFirstQuery)->Unit(benchmark::kMillisecond)->Iterations(5);
+
+void OpenAndScan(benchmark::State& state)
+{
+    openStore(state, platform::LinuxApplicationRegistry::InitialScan::AtOpen, true);
+}
+BENCHMARK(OpenAndScan)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 void Rescan(benchmark::State& state)
 {

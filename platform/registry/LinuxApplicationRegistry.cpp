@@ -52,15 +52,13 @@ Result<std::shared_ptr<LinuxApplicationRegistry>> LinuxApplicationRegistry::crea
     std::shared_ptr<CodeSigningService> codeSigning, std::shared_ptr<ExtensionSdkRegistry> sdks,
     InitialScan initialScan)
 {
-    auto db = RegistryDatabase::open(config.registryDatabase);
+    StoredRegistry stored;
+    auto db = RegistryDatabase::open(config.registryDatabase, &stored);
     if (!db)
         return db.error();
-    auto stored = (*db)->load();
-    if (!stored)
-        return stored.error();
     std::shared_ptr<LinuxApplicationRegistry> registry(
         new LinuxApplicationRegistry(config, std::move(bundles), std::move(codeSigning), std::move(sdks),
-                                     std::move(*db), std::move(*stored)));
+                                     std::move(*db), std::move(stored)));
     // A store with plug-ins is served as it stands until the watcher has
     // compared it with the disk; an empty one has nothing to serve.
     if (initialScan == InitialScan::WhenWatching && !registry->stored_.plugIns.empty()) {

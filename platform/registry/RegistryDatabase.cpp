@@ -5,6 +5,7 @@
 #include "platform/log/PlatformLog.h"
 #include "platform/PosixError.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -66,11 +67,16 @@ public:
         const unsigned char* p = sqlite3_column_text(stmt_, column);
         return p ? std::string(reinterpret_cast<const char*>(p), sqlite3_column_bytes(stmt_, column)) : std::string();
     }
-    Result<Value> value(int column) const
+    Bytes bytes(int column) const
     {
         const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt_, column));
         const int size = sqlite3_column_bytes(stmt_, column);
-        return decodeValue(std::span<const std::uint8_t>(p, p ? static_cast<std::size_t>(size) : 0));
+        return p ? Bytes(p, p + size) : Bytes();
+    }
+    Result<Value> value(int column) const
+    {
+        const Bytes encoded = bytes(column);
+        return decodeValue(std::span<const std::uint8_t>(encoded.data(), encoded.size()));
     }
 
 private:
@@ -78,15 +84,15 @@ private:
     int rc_ = SQLITE_OK;
 };
 
-Bytes encoded(const Value& value)
+// Changes of more rows than this are folded back into the database file at
+// once, so that the next start does not replay a large write-ahead log.
+constexpr std::size_t kCheckpointAfterRows = 256;
+
+// Every error code that says the file itself is damaged.
+bool isDamage(int code)
 {
-    Bytes out;
-    // Stored dictionaries come from parsed vlist files, which never nest
-    // deeper than the codec allows; a failure leaves an empty blob, which
-    // load() treats as undecodable.
-    if (encodeValue(value, out))
-        out.clear();
-    return out;
+    const int primary = code & 0xff;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_FORMAT;
 }
 
 int userVersion(sqlite3* db, int* rc)
@@ -118,8 +124,7 @@ Result<sqlite3*> openAndPrepare(const std::string& path, bool* fileAtFault)
     }
     auto fail = [&](int code, std::string_view what) -> Result<sqlite3*> {
         TvError error = sqliteError(db, code, what);
-        const int primary = code & 0xff;
-        *fileAtFault = primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_FORMAT;
+        *fileAtFault = isDamage(code);
         sqlite3_close(db);
         return error;
     };
@@ -129,19 +134,6 @@ Result<sqlite3*> openAndPrepare(const std::string& path, bool* fileAtFault)
     rc = sqlite3_exec(db, "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;", nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK)
         return fail(rc, "cannot switch " + path + " to WAL");
-    {
-        Statement check(db, "PRAGMA quick_check");
-        if (!check.ok())
-            return fail(check.rc(), "cannot check " + path);
-        rc = sqlite3_step(check.get());
-        if (rc != SQLITE_ROW)
-            return fail(rc, "cannot check " + path);
-        if (check.text(0) != "ok") {
-            *fileAtFault = true;
-            sqlite3_close(db);
-            return registryError(kRegistryErrorStore, path + " fails its integrity check: " + check.text(0));
-        }
-    }
     const int version = userVersion(db, &rc);
     if (rc != SQLITE_OK)
         return fail(rc, "cannot read the schema version of " + path);
@@ -179,7 +171,7 @@ void moveAside(const std::string& path)
 
 } // namespace
 
-Result<std::unique_ptr<RegistryDatabase>> RegistryDatabase::open(const std::string& path)
+Result<std::unique_ptr<RegistryDatabase>> RegistryDatabase::open(const std::string& path, StoredRegistry* stored)
 {
     std::error_code ec;
     const fs::path parent = fs::path(path).parent_path();
@@ -188,18 +180,37 @@ Result<std::unique_ptr<RegistryDatabase>> RegistryDatabase::open(const std::stri
     if (ec)
         return posixError(ec.value(), "cannot create " + parent.string());
 
+    // No integrity check of the whole file at start: it would read every
+    // page before the daemon can answer. Damage shows as an error of the
+    // reads that load() makes of every row (or of a later change, which is
+    // then refused), and the file is moved aside here as for a file that is
+    // no database at all.
+    std::unique_ptr<RegistryDatabase> db;
     bool fileAtFault = false;
-    Result<sqlite3*> opened = openAndPrepare(path, &fileAtFault);
-    if (!opened && fileAtFault) {
+    auto openAndLoad = [&]() -> MaybeError {
+        Result<sqlite3*> opened = openAndPrepare(path, &fileAtFault);
+        if (!opened)
+            return opened.error();
+        db.reset(new RegistryDatabase(*opened, path));
+        Result<StoredRegistry> loaded = db->load(&fileAtFault);
+        if (!loaded) {
+            db.reset();
+            return loaded.error();
+        }
+        *stored = std::move(*loaded);
+        return std::nullopt;
+    };
+    MaybeError error = openAndLoad();
+    if (error && fileAtFault) {
         platformLog(LogLevel::Error, kLogCategory,
                     "registry database %{public}s is unusable (%{public}s); moved aside to %{public}s.corrupt and rebuilt",
-                    path, opened.error().localizedDescription(), path);
+                    path, error->localizedDescription(), path);
         moveAside(path);
-        opened = openAndPrepare(path, &fileAtFault);
+        error = openAndLoad();
     }
-    if (!opened)
-        return opened.error();
-    return std::unique_ptr<RegistryDatabase>(new RegistryDatabase(*opened, path));
+    if (error)
+        return *error;
+    return db;
 }
 
 RegistryDatabase::~RegistryDatabase()
@@ -207,8 +218,12 @@ RegistryDatabase::~RegistryDatabase()
     sqlite3_close(db_);
 }
 
-Result<StoredRegistry> RegistryDatabase::load()
+Result<StoredRegistry> RegistryDatabase::load(bool* fileAtFault)
 {
+    auto sqliteError = [&](sqlite3* db, int rc, std::string_view what) {
+        *fileAtFault = isDamage(rc);
+        return platform::sqliteError(db, rc, what);
+    };
     StoredRegistry stored;
     {
         Statement stmt(db_, "SELECT path, info FROM applications ORDER BY path");
@@ -229,8 +244,17 @@ Result<StoredRegistry> RegistryDatabase::load()
         if (rc != SQLITE_DONE)
             return sqliteError(db_, rc, "cannot read applications");
     }
+    {
+        Statement count(db_, "SELECT count(*) FROM plugins");
+        const int rc = count.ok() ? sqlite3_step(count.get()) : count.rc();
+        if (rc != SQLITE_ROW)
+            return sqliteError(db_, rc, "cannot read plug-ins");
+        stored.plugIns.reserve(static_cast<std::size_t>(sqlite3_column_int64(count.get(), 0)));
+    }
+    // In the table's own order, sorted here: ordering by path in SQL would
+    // seek every row through the path index.
     Statement stmt(db_, "SELECT uuid, path, application, identifier, version, registered, by_path, info, "
-                        "entitlements FROM plugins ORDER BY path");
+                        "entitlements FROM plugins");
     if (!stmt.ok())
         return sqliteError(db_, stmt.rc(), "cannot read plug-ins");
     int rc;
@@ -238,24 +262,24 @@ Result<StoredRegistry> RegistryDatabase::load()
         StoredPlugIn p;
         std::optional<Uuid> uuid = Uuid::parse(stmt.text(0));
         p.path = stmt.text(1);
+        if (!uuid) {
+            platformLog(LogLevel::Error, kLogCategory, "dropping unreadable plug-in row %{public}s", p.path);
+            continue;
+        }
+        p.uuid = *uuid;
         p.applicationPath = stmt.text(2);
         p.identifier = stmt.text(3);
         p.version = stmt.text(4);
         p.registered = Date::fromMicroseconds(sqlite3_column_int64(stmt.get(), 5));
         p.registeredByPath = sqlite3_column_int(stmt.get(), 6) != 0;
-        Result<Value> info = stmt.value(7);
-        Result<Value> entitlements = stmt.value(8);
-        if (!uuid || !info || !entitlements) {
-            platformLog(LogLevel::Error, kLogCategory, "dropping unreadable plug-in row %{public}s", p.path);
-            continue;
-        }
-        p.uuid = *uuid;
-        p.info = std::move(*info);
-        p.entitlements = std::move(*entitlements);
+        p.info = StoredValue::fromEncoding(stmt.bytes(7));
+        p.entitlements = StoredValue::fromEncoding(stmt.bytes(8));
         stored.plugIns.push_back(std::move(p));
     }
     if (rc != SQLITE_DONE)
         return sqliteError(db_, rc, "cannot read plug-ins");
+    std::sort(stored.plugIns.begin(), stored.plugIns.end(),
+              [](const StoredPlugIn& a, const StoredPlugIn& b) { return a.path < b.path; });
     return stored;
 }
 
@@ -294,7 +318,7 @@ MaybeError RegistryDatabase::apply(const RegistryChanges& changes)
             if (rc != SQLITE_OK)
                 break;
             storeApp.bindText(1, app.path);
-            storeApp.bindBlob(2, encoded(app.info));
+            storeApp.bindBlob(2, StoredValue(app.info).encoding());
             rc = run(storeApp);
         }
         Statement storePlugIn(db_, "INSERT OR REPLACE INTO plugins(uuid, path, application, identifier, version, "
@@ -311,8 +335,8 @@ MaybeError RegistryDatabase::apply(const RegistryChanges& changes)
             storePlugIn.bindText(5, p.version);
             sqlite3_bind_int64(storePlugIn.get(), 6, p.registered.microseconds());
             sqlite3_bind_int(storePlugIn.get(), 7, p.registeredByPath ? 1 : 0);
-            storePlugIn.bindBlob(8, encoded(p.info));
-            storePlugIn.bindBlob(9, encoded(p.entitlements));
+            storePlugIn.bindBlob(8, p.info.encoding());
+            storePlugIn.bindBlob(9, p.entitlements.encoding());
             rc = run(storePlugIn);
         }
     }
@@ -323,7 +347,73 @@ MaybeError RegistryDatabase::apply(const RegistryChanges& changes)
         sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
         return error;
     }
+    // The daemon ends without closing the database: a large log left behind
+    // would be read again by every start. A failed checkpoint only leaves it.
+    if (changes.storedPlugIns.size() + changes.removedPlugIns.size() > kCheckpointAfterRows)
+        sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
     return std::nullopt;
+}
+
+// MARK: - StoredValue
+
+StoredValue::StoredValue(Value value) : state_(std::make_shared<State>())
+{
+    state_->value = std::move(value);
+    state_->decoded.store(true, std::memory_order_release);
+}
+
+StoredValue StoredValue::fromEncoding(Bytes bytes)
+{
+    StoredValue stored;
+    stored.state_ = std::make_shared<State>();
+    stored.state_->bytes = std::move(bytes);
+    return stored;
+}
+
+// Decodes once, whichever thread reads first; no system call when the
+// value is already there (std::call_once makes one on every first call).
+const StoredValue::State* StoredValue::decodedState() const
+{
+    if (!state_ || state_->decoded.load(std::memory_order_acquire))
+        return state_.get();
+    std::lock_guard lock(state_->decoding);
+    if (!state_->decoded.load(std::memory_order_relaxed)) {
+        Result<Value> decoded = decodeValue(std::span<const std::uint8_t>(state_->bytes.data(), state_->bytes.size()));
+        if (decoded)
+            state_->value = std::move(*decoded);
+        else
+            state_->readable = false;
+        state_->decoded.store(true, std::memory_order_release);
+    }
+    return state_.get();
+}
+
+const Value& StoredValue::value() const
+{
+    static const Value kNull;
+    const State* state = decodedState();
+    return state ? state->value : kNull;
+}
+
+bool StoredValue::readable() const
+{
+    const State* state = decodedState();
+    return !state || state->readable;
+}
+
+Bytes StoredValue::encoding() const
+{
+    // Still encoded: the bytes as stored (a decoding that was made since
+    // leaves them in place).
+    if (state_ && !state_->bytes.empty())
+        return state_->bytes;
+    Bytes out;
+    // Stored dictionaries come from parsed vlist files, which never nest
+    // deeper than the codec allows; a failure leaves an empty blob, which
+    // reads back as unreadable.
+    if (encodeValue(value(), out))
+        out.clear();
+    return out;
 }
 
 } // namespace tv::platform

@@ -10,7 +10,7 @@
 // docs/application-registry.md.
 //
 // Opening never gives up on a damaged file: a file that SQLite cannot read
-// as a database, that fails its integrity check or that carries an unknown
+// as a database or whose rows cannot be read, or that carries an unknown
 // schema version is renamed to "<path>.corrupt" (replacing an older one),
 // logged, and replaced by an empty database. Only a location where no
 // database can be created at all is an error.
@@ -23,13 +23,45 @@
 #include "base/Uuid.h"
 #include "base/Value.h"
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
 struct sqlite3;
 
 namespace tv::platform {
+
+// A dictionary of a stored row: either a fresh reading, or the bytes the
+// store holds, decoded on first read (start-up reads every row but builds
+// records only when asked). Copies share the decoding; safe to read from any
+// thread.
+class StoredValue {
+public:
+    StoredValue() = default;
+    StoredValue(Value value); // NOLINT: a fresh reading stands for itself
+    static StoredValue fromEncoding(Bytes bytes);
+
+    // The value; null when the stored bytes cannot be decoded.
+    const Value& value() const;
+    // False when the stored bytes cannot be decoded.
+    bool readable() const;
+    // The bytes to store: the stored ones when they were read from the store.
+    Bytes encoding() const;
+    bool operator==(const StoredValue& other) const { return value() == other.value(); }
+
+private:
+    struct State {
+        std::atomic<bool> decoded{false};
+        std::mutex decoding;
+        Bytes bytes;
+        Value value;
+        bool readable = true;
+    };
+    const State* decodedState() const;
+    std::shared_ptr<State> state_; // null: a null value
+};
 
 struct StoredPlugIn {
     Uuid uuid;
@@ -39,8 +71,8 @@ struct StoredPlugIn {
     std::string version;
     Date registered;
     bool registeredByPath = false;
-    Value info;
-    Value entitlements;
+    StoredValue info;
+    StoredValue entitlements;
 };
 
 struct StoredApplication {
@@ -73,16 +105,12 @@ public:
     static constexpr int kSchemaVersion = 1;
 
     // Opens or creates the database at `path`, making missing parent
-    // directories (mode 0755).
-    static Result<std::unique_ptr<RegistryDatabase>> open(const std::string& path);
+    // directories (mode 0755), and reads what it holds into `*stored`.
+    static Result<std::unique_ptr<RegistryDatabase>> open(const std::string& path, StoredRegistry* stored);
     ~RegistryDatabase();
     RegistryDatabase(const RegistryDatabase&) = delete;
     RegistryDatabase& operator=(const RegistryDatabase&) = delete;
 
-    // Everything stored, plug-ins ordered by path. A row whose stored
-    // dictionaries cannot be decoded is left out (and logged): the next
-    // scan records that bundle afresh.
-    Result<StoredRegistry> load();
     // All or nothing.
     [[nodiscard]] MaybeError apply(const RegistryChanges& changes);
 
@@ -90,6 +118,10 @@ public:
 
 private:
     RegistryDatabase(sqlite3* db, std::string path) : db_(db), path_(std::move(path)) {}
+    // Everything stored, plug-ins ordered by path. The plug-ins'
+    // dictionaries are kept encoded until first read (StoredValue). On
+    // failure, *fileAtFault tells whether the file is damaged.
+    Result<StoredRegistry> load(bool* fileAtFault);
 
     sqlite3* db_;
     std::string path_;

@@ -1,5 +1,6 @@
 #include "platform/registry/RegistryIndex.h"
 
+#include "platform/log/PlatformLog.h"
 #include "platform/sdk/SdkMerge.h"
 
 #include <algorithm>
@@ -100,8 +101,16 @@ RegistryIndex::RegistryIndex(const StoredRegistry& stored, const Locations& loca
         apps.emplace(a.path, std::move(app));
     }
     std::vector<const StoredPlugIn*> sorted;
-    for (const StoredPlugIn& p : stored.plugIns)
+    for (const StoredPlugIn& p : stored.plugIns) {
+        // Rows are decoded here, not when the store is read. A row whose
+        // dictionaries cannot be decoded is left out; the next scan records
+        // that bundle afresh.
+        if (!p.info.readable() || !p.entitlements.readable()) {
+            platformLog(LogLevel::Error, "registry", "dropping unreadable plug-in row %{public}s", p.path);
+            continue;
+        }
         sorted.push_back(&p);
+    }
     std::sort(sorted.begin(), sorted.end(), [](auto* a, auto* b) { return a->path < b->path; });
     for (const StoredPlugIn* p : sorted) {
         auto it = apps.find(p->applicationPath);
@@ -113,12 +122,14 @@ RegistryIndex::RegistryIndex(const StoredRegistry& stored, const Locations& loca
 
     plugIns_.reserve(sorted.size());
     for (const StoredPlugIn* p : sorted) {
+        const Value& info = p->info.value();
+        const Value& entitlements = p->entitlements.value();
         auto record = std::make_shared<RegistryPlugInRecord>();
         record->uuid = p->uuid;
         record->bundlePath = p->path;
         record->bundleUrl = Value::fileURL(p->path);
         record->plugInIdentifier = p->identifier;
-        record->originalIdentifier = stringOf(p->info["KbBundleIdentifier"]).value_or("");
+        record->originalIdentifier = stringOf(info["KbBundleIdentifier"]).value_or("");
         record->bundleIdentifier = record->originalIdentifier;
         record->bundleVersion = p->version;
         record->registrationDate = p->registered;
@@ -127,11 +138,11 @@ RegistryIndex::RegistryIndex(const StoredRegistry& stored, const Locations& loca
         const std::string container = dataContainerPath(locations.containersRoot, p->uuid);
         if (isDirectory(container))
             record->dataContainerPath = container;
-        record->entitlements = p->entitlements.isDictionary() ? p->entitlements : Value::emptyDictionary();
-        record->localizedName = localizedNameOf(p->info);
-        record->localizedShortName = stringOf(p->info["KbBundleName"]);
-        const Value& extensionPoint = p->info["KoExtension"]["KoExtensionPointIdentifier"];
-        ResolvedBundleInfo resolved = resolveBundleInfo(p->info, sdkFor(extensionPoint));
+        record->entitlements = entitlements.isDictionary() ? entitlements : Value::emptyDictionary();
+        record->localizedName = localizedNameOf(info);
+        record->localizedShortName = stringOf(info["KbBundleName"]);
+        const Value& extensionPoint = info["KoExtension"]["KoExtensionPointIdentifier"];
+        ResolvedBundleInfo resolved = resolveBundleInfo(info, sdkFor(extensionPoint));
         record->infoDictionary = std::move(resolved.infoDictionary);
         record->plugInDictionary = std::move(resolved.plugInDictionary);
         record->extensionPointIdentifier = stringOf(extensionPoint).value_or("");

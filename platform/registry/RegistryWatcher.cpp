@@ -3,16 +3,21 @@
 #include "platform/log/PlatformLog.h"
 #include "platform/PosixError.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <poll.h>
 #include <set>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace tv::platform {
 namespace {
+
+// Added to the niceness of the watcher's thread.
+constexpr int kNiceness = 10;
 
 constexpr std::uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE |
                                      IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
@@ -104,6 +109,16 @@ bool RegistryWatcher::drainEvents()
 void RegistryWatcher::run(bool reportAtStart)
 {
     using Clock = std::chrono::steady_clock;
+    // Scans are background work: at start in particular, the first one
+    // (reading every bundle) must not take the processor from the requests
+    // that a daemon started on demand is there to answer. Only this thread
+    // is lowered; a failure leaves it as it is.
+    const auto self = static_cast<id_t>(::gettid());
+    errno = 0;
+    const int niceness = ::getpriority(PRIO_PROCESS, self);
+    if (errno == 0 && niceness < 19 && ::setpriority(PRIO_PROCESS, self, std::min(19, niceness + kNiceness)) != 0)
+        platformLog(LogLevel::Info, "registry", "cannot lower the registry watcher's priority: %{public}s",
+                    posixError(errno, "setpriority").localizedDescription());
     if (reportAtStart)
         refreshWatches();
     bool pending = reportAtStart;
