@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace tv {
 
@@ -18,5 +19,11 @@ std::optional<std::string> fileReadGrant(const Value& url, platform::SandboxServ
 // The same through the process-wide sandbox service (platform::sandboxService());
 // ENOSYS when there is none.
 std::optional<std::string> fileReadGrant(const Value& url);
+
+// A token from `sandbox` granting read-only access to `canonicalPath`, a
+// path the caller holds in canonical form: granted as written, without
+// being resolved again, and marked as canonical like fileReadGrant()'s
+// tokens. Failures as fileReadGrant().
+std::optional<std::string> canonicalFileReadGrant(std::string_view canonicalPath, platform::SandboxService& sandbox);
 
 } // namespace tv

@@ -191,6 +191,39 @@ void SerialQueue::sync(const Task& task)
         task();
         return;
     }
+    bool here = false;
+    {
+        std::lock_guard lock(mutex_);
+        if (!running_ && tasks_.empty() && !stopping_) {
+            running_ = true;
+            here = true;
+        }
+    }
+    if (here) {
+        // Idle: the task runs on this thread as a task of the queue, as
+        // runOrAsync() does (the worker waits while running_ is set), which
+        // saves the hand-off to the worker and back. Its exception reaches
+        // the caller as it would below.
+        std::shared_ptr<SerialQueue> keep = weak_from_this().lock();
+        struct Release {
+            SerialQueue* queue;
+            ~Release()
+            {
+                bool more;
+                {
+                    std::lock_guard lock(queue->mutex_);
+                    queue->running_ = false;
+                    more = !queue->tasks_.empty();
+                }
+                if (more)
+                    queue->cv_.notify_one();
+            }
+        } release{this};
+        std::lock_guard run(runMutex_);
+        CurrentQueueScope scope(this);
+        task();
+        return;
+    }
     std::promise<void> done;
     auto future = done.get_future();
     async([&] {

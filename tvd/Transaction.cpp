@@ -9,6 +9,8 @@
 #include "base/InternalInconsistency.h"
 #include "platform/ipc/VynConnection.h"
 #include "platform/security/SandboxService.h"
+#include "platform/types/TypeConformanceSnapshot.h"
+#include "tvd/TvdMatchRules.h"
 #include "tvd/TvdTrace.h"
 #include "tvd/TvdPlugIn.h"
 #include "tvd/TvdPlugInHold.h"
@@ -77,6 +79,21 @@ bool preferredOver(const TvdPlugIn& p, const Value& r)
 }
 
 } // namespace
+
+// The working state of a "match" request, kept across its slices.
+struct Transaction::MatchWork {
+    // One view of the type declarations for every candidate's rules.
+    platform::TypeConformanceSnapshot types{TvdMatchRules::shared()->services().types};
+    std::optional<Array> exclusions;
+    std::optional<std::string> ownPlugIns;
+    std::vector<std::shared_ptr<TvdPlugIn>> candidates;
+    std::vector<bool> held; // per candidate; empty under TvDiscoverAll
+    // Forms are shared so that an override mark set through the table
+    // reaches the form in the results.
+    std::vector<std::shared_ptr<Value>> results;
+    std::vector<std::shared_ptr<TvdPlugIn>> kept; // the plug-in of each result
+    std::unordered_map<std::string, std::shared_ptr<Value>> overrides;
+};
 
 // A walk over the elements of a request's array or dictionary that may span
 // several slices. The request is never changed while it is served, so what
@@ -396,7 +413,9 @@ void Transaction::matchPlugIns()
         failMessage(4, "invalid request format (bad rules dictionary)");
         return;
     }
-    const Value& query = rules;
+    // The request is not changed while it is served: the query stays valid
+    // across slices.
+    const Value* query = &rules;
     const std::uint64_t flags = request_.uint64ForKey("flags");
     const bool discoverAll = flags & TvDiscoverAll;
     if (discoverAll) {
@@ -413,117 +432,116 @@ void Transaction::matchPlugIns()
     const bool systemOnly = flags & TvDiscoverSystemOnly;
 
     auto db = server();
-    std::optional<Array> exclusions;
+    auto work = std::make_shared<MatchWork>();
     if (auto prefs = db->userPrefs())
-        exclusions = prefs->exclusions();
-
-    auto candidates = db->findPlugIns(query).value_or(std::vector<std::shared_ptr<TvdPlugIn>>{});
-    TvdTrace::discoverRaw(static_cast<std::uint32_t>(candidates.size()));
+        work->exclusions = prefs->exclusions();
+    work->candidates = db->findPlugIns(*query).value_or(std::vector<std::shared_ptr<TvdPlugIn>>{});
+    TvdTrace::discoverRaw(static_cast<std::uint32_t>(work->candidates.size()));
 
     // The host's own plug-ins directory: dedicated plug-ins are offered only
     // to the application that contains them.
-    std::optional<std::string> ownPlugIns;
     if (const auto& bundle = client_->bundle())
-        ownPlugIns = bundle->plugInsPath();
-
-    // Forms are shared so that an override mark set through the table
-    // reaches the form in the results.
-    std::vector<std::shared_ptr<Value>> results;
-    std::vector<std::shared_ptr<TvdPlugIn>> kept; // the plug-in of each result
-    std::unordered_map<std::string, std::shared_ptr<Value>> overrides;
-
+        work->ownPlugIns = bundle->plugInsPath();
     // The hold table as it stands when the request starts.
-    const std::vector<bool> held = discoverAll ? std::vector<bool>() : db->holdsOnPlugIns(candidates);
-    for (std::size_t c = 0; c < candidates.size(); ++c) {
-        const auto& p = candidates[c];
+    if (!discoverAll)
+        work->held = db->holdsOnPlugIns(work->candidates);
+
+    // One candidate per walk element, so that a large match yields to other
+    // clients' requests between candidates.
+    auto element = [this, work, query, discoverAll, allVersions, duplicates, systemOnly] {
+        const std::size_t c = walk_->next;
+        const auto& p = work->candidates[c];
         if (!discoverAll) {
             if (!p->onSystemVolume() && (p->containingUrl().isNull() || systemOnly))
-                continue;
-            if (p->isDedicated() && (!ownPlugIns || p->path().compare(0, ownPlugIns->size(), *ownPlugIns) != 0))
-                continue;
-            if (held[c])
-                continue;
+                return true;
+            if (p->isDedicated() &&
+                (!work->ownPlugIns || p->path().compare(0, work->ownPlugIns->size(), *work->ownPlugIns) != 0))
+                return true;
+            if (work->held[c])
+                return true;
         }
-        if (!query.isNull() && !p->match(query))
-            continue;
-        bool excluded = false;
-        for (const Value& exclusion : exclusions.value_or(Array{})) {
-            if (p->match(exclusion)) {
-                TvLog::ops().debug("client %d plugin %{public}@ globally excluded", client_->pid(), uuidText(*p));
-                excluded = true;
-                break;
+        if (!query->isNull() && !p->match(*query, &work->types))
+            return true;
+        if (work->exclusions) {
+            for (const Value& exclusion : *work->exclusions) {
+                if (p->match(exclusion, &work->types)) {
+                    TvLog::ops().debug("client %d plugin %{public}@ globally excluded", client_->pid(), uuidText(*p));
+                    return true;
+                }
             }
         }
-        if (excluded)
-            continue;
         if (!discoverAll) {
             if (auto reason = p->allowForClient(*client_)) {
                 TvLog::ops().debug("client %d cannot use plugin %{public}@: %{public}@", client_->pid(), uuidText(*p),
                                    *reason);
-                continue;
+                return true;
             }
         }
-        auto exported = p->exportForm();
+        auto exported = p->exportFormOnce();
         if (!exported.ok()) {
             TvLog::ops().error("failed to export matching plug-in %{public}@: %{public}@", uuidText(*p),
                                exported.error().localizedDescription());
-            continue;
+            return true;
         }
 
         // Duplicate resolution against the results so far, in order.
-        const std::string identifier = p->identifier().value_or(std::string());
-        const std::string version = versionText(p->version());
-        bool keep = true;
+        auto& results = work->results;
+        const std::string* identifier = (*exported)["identifier"].asString();
+        std::optional<std::string> version;
         for (auto it = results.begin(); it != results.end(); ++it) {
             const Value& r = **it;
             const std::string* rIdentifier = r["identifier"].asString();
-            if (!rIdentifier || *rIdentifier != identifier)
+            if (!rIdentifier || !identifier || *rIdentifier != *identifier)
                 continue;
-            TvOrdering order = compareVersionString(version, versionText(r["version"]));
+            if (!version)
+                version = versionText(p->version());
+            TvOrdering order = compareVersionString(*version, versionText(r["version"]));
             if (allVersions && (duplicates || order != TvOrdering::Same))
                 continue; // side by side; look at the next one
             if (order == TvOrdering::Descending || (order == TvOrdering::Same && preferredOver(*p, r))) {
-                kept.erase(kept.begin() + (it - results.begin()));
+                work->kept.erase(work->kept.begin() + (it - results.begin()));
                 results.erase(it);
-            } else {
-                keep = false;
+                break;
             }
-            break;
+            return true;
         }
-        if (!keep)
-            continue;
 
-        // Annotations are added after the loop, for the survivors only.
-        auto form = std::make_shared<Value>(std::move(exported).value());
-        p->augmentForm(*form);
+        // Annotations are added after the walk, for the survivors only.
+        auto form = std::make_shared<Value>(p->hostForm(*exported));
         results.push_back(form);
-        kept.push_back(p);
+        work->kept.push_back(p);
 
         Value replaced = p->valueForEntitlement(kReplacePlugInEntitlement);
         if (const std::string* one = replaced.asString()) {
-            overrides.insert_or_assign(*one, form);
+            work->overrides.insert_or_assign(*one, form);
         } else if (const Array* many = replaced.asArray()) {
-            for (const Value& element : *many)
-                if (const std::string* name = element.asString())
-                    overrides.insert_or_assign(*name, form);
+            for (const Value& name : *many)
+                if (const std::string* text = name.asString())
+                    work->overrides.insert_or_assign(*text, form);
         }
-    }
+        return true;
+    };
+    walk(work->candidates.size(), std::move(element), [this, db, work] { replyMatches(*db, *work); });
+}
 
+void Transaction::replyMatches(TvdServer& db, MatchWork& work)
+{
+    auto& results = work.results;
     // Every form carries "annotations": the stored one, else an empty
     // dictionary; read in one pass on the database queue.
-    auto annotations = db->annotationsForPlugIns(kept);
+    auto annotations = db.annotationsForPlugIns(work.kept);
     for (std::size_t i = 0; i < results.size(); ++i) {
         const Value& a = annotations[i];
         *results[i] = results[i]->with("annotations", a.isDictionary() ? a : Value::emptyDictionary());
     }
 
-    if (!overrides.empty()) {
+    if (!work.overrides.empty()) {
         for (const auto& f : results) {
             const std::string* identifier = (*f)["identifier"].asString();
             if (!identifier)
                 continue;
-            auto o = overrides.find(*identifier);
-            if (o == overrides.end())
+            auto o = work.overrides.find(*identifier);
+            if (o == work.overrides.end())
                 continue;
             Value overriderUuid = (*o->second)["uuid"];
             Value overriddenIdentifier = (*f)["identifier"];

@@ -14,8 +14,8 @@
 //    receive it); only the version refusal can get there, since it comes
 //    before the check for a dead client.
 //
-// Long requests yield: a walk over "paths", "uuids" or the entries of a
-// "bulk-annotate" dictionary stops between elements once the request has run
+// Long requests yield: a walk over "paths", "uuids", the entries of a
+// "bulk-annotate" dictionary or the candidates of a "match" stops between elements once the request has run
 // for the server's request time slice, and resume() goes on with it on the
 // client's next turn (docs/requests.md, "Fairness"), so that
 // other clients' requests run in between. The request still ends with
@@ -126,6 +126,7 @@ private:
     // Handles one element of a walk; false when it ended the request.
     using WalkElement = std::function<bool()>;
     struct Walk;
+    struct MatchWork;
 
     void route(const std::string& type);
     // Runs `serve` with broken invariants ending this request only.
@@ -138,6 +139,9 @@ private:
     bool continueWalk();
     bool walkPath(const Value& element, const PathStep& step);
     bool walkUuid(const Value& element, const UuidStep& step);
+    // Ends a "match" once every candidate was looked at: annotations,
+    // override marks, the reply.
+    void replyMatches(TvdServer& db, MatchWork& work);
     void releaseHolds(const Array& tokens);
     void placeHold();
     // Makes the hold on `plugIns` for the client, adds it to the server's

@@ -138,6 +138,7 @@ std::shared_ptr<TvdPlugIn> TvDatabase::createPlugInForProxy(const platform::Regi
         autoElect(*plugIn);
     purgeCachesToLimit(cacheLimit());
     cache_.insert_or_assign(proxy->uuid, plugIn);
+    cachedCount_.store(cache_.size());
     return plugIn;
 }
 
@@ -148,6 +149,7 @@ void TvDatabase::purgeCachesToLimit(std::uint32_t limit)
         return;
     TvLog::ops().info("purging cache for %d > %d", cache_.size(), limit);
     cache_.clear();
+    cachedCount_.store(0);
     workspace_->dropCaches();
 }
 
@@ -327,9 +329,7 @@ std::optional<std::vector<std::shared_ptr<TvdPlugIn>>> TvDatabase::findPlugIns(c
 
 std::size_t TvDatabase::cachedCount()
 {
-    std::size_t count = 0;
-    sync_->sync([&] { count = cache_.size(); });
-    return count;
+    return cachedCount_.load();
 }
 
 Value TvDatabase::annotationForPlugIn(const TvdPlugIn& plugIn)
@@ -394,6 +394,7 @@ void TvDatabase::pluginsWillUninstall(const std::vector<platform::RegistryPlugIn
                                 p->plugInIdentifier, p->bundleVersion, p->uuid.string(), p->bundlePath);
             cache_.erase(p->uuid);
         }
+        cachedCount_.store(cache_.size());
     });
     if (auto d = delegate())
         d->removedPlugIns(plugIns);

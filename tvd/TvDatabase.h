@@ -141,7 +141,8 @@ public:
     // holds a non-zero "election". REQUIRES: on the database queue.
     void autoElect(TvdPlugIn& plugIn);
 
-    // Number of cached records (diagnostics, tests, benchmarks).
+    // Number of cached records (diagnostics, tests, benchmarks), read
+    // without entering the database queue.
     std::size_t cachedCount();
 
     // --- Registry observation -----------------------------------------------
@@ -187,6 +188,8 @@ private:
     std::unique_ptr<TvdAnnotationStore> annotations_; // only on sync_
     std::shared_ptr<SerialQueue> sync_;
     std::unordered_map<Uuid, std::shared_ptr<TvdPlugIn>> cache_; // only on sync_
+    // cache_.size(), readable without entering the queue.
+    std::atomic<std::size_t> cachedCount_{0};
 };
 
 // Told about plug-ins that the application registry is uninstalling, after

@@ -3,6 +3,7 @@
 #include "Tarvik/TvLog.h"
 #include "Tarvik/TvPlugInCore.h"
 #include "platform/activation/ActivationRuleEvaluator.h"
+#include "platform/types/TypeConformanceSnapshot.h"
 #include "tvd/TvdMatchPattern.h"
 
 #include <atomic>
@@ -38,13 +39,19 @@ void TvdMatchRules::setShared(std::shared_ptr<const TvdMatchRules> rules)
 
 bool TvdMatchRules::match(const TvPlugInCore& plugIn, const Value& rules) const
 {
+    platform::TypeConformanceSnapshot types(services_.types);
+    return match(plugIn, rules, &types);
+}
+
+bool TvdMatchRules::match(const TvPlugInCore& plugIn, const Value& rules, platform::TypeIdentifierService* types) const
+{
     if (rules.isNull())
         return true;
     const Dictionary* entries = rules.asDictionary();
     if (!entries)
         return false;
     for (const auto& [key, pattern] : *entries) {
-        if (!matchKeyPattern(plugIn, key, pattern))
+        if (!matchKeyPattern(plugIn, key, pattern, types))
             return false;
     }
     return true;
@@ -81,6 +88,12 @@ std::optional<Value> TvdMatchRules::valueForKey(const TvPlugInCore& plugIn, std:
 
 bool TvdMatchRules::matchKeyPattern(const TvPlugInCore& plugIn, std::string_view key, const Value& pattern) const
 {
+    return matchKeyPattern(plugIn, key, pattern, services_.types.get());
+}
+
+bool TvdMatchRules::matchKeyPattern(const TvPlugInCore& plugIn, std::string_view key, const Value& pattern,
+                                    platform::TypeIdentifierService* types) const
+{
     std::optional<Value> selected = valueForKey(plugIn, key);
     if (!selected)
         return false;
@@ -94,7 +107,6 @@ bool TvdMatchRules::matchKeyPattern(const TvPlugInCore& plugIn, std::string_view
         return false;
     if (pattern.isDictionary())
         return matchDictionaryPattern(value, pattern);
-    platform::TypeIdentifierService* types = services_.types.get();
     if (const std::string* text = value.asString())
         return matchValuePatterns(*text, pattern, types);
     if (const Array* elements = value.asArray()) {

@@ -66,7 +66,13 @@ public:
     // True when `rules` is null, empty, or every entry holds; a non-null
     // rules value that is not a dictionary does not match.
     bool match(const TvPlugInCore& plugIn, const Value& rules) const;
+    // match() with type conformance answered by `types` (null: nothing
+    // conforms), such as one snapshot for every candidate of a request.
+    // match() itself takes one snapshot of the services' types per call.
+    bool match(const TvPlugInCore& plugIn, const Value& rules, platform::TypeIdentifierService* types) const;
     bool matchKeyPattern(const TvPlugInCore& plugIn, std::string_view key, const Value& pattern) const;
+    bool matchKeyPattern(const TvPlugInCore& plugIn, std::string_view key, const Value& pattern,
+                         platform::TypeIdentifierService* types) const;
     // The activation-rule evaluator's answer for (rule = value, items = pattern).
     bool matchDictionaryPattern(const Value& value, const Value& pattern) const;
 

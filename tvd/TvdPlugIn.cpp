@@ -8,6 +8,7 @@
 #include "tvd/TvdVynClient.h"
 #include "platform/jobs/JobManager.h"
 #include "platform/processstate/ProcessStateService.h"
+#include "platform/security/SandboxService.h"
 #include "tvd/TvdMatchPattern.h"
 #include "tvd/TvdMatchRules.h"
 #include "tvd/TvdServer.h"
@@ -187,14 +188,50 @@ MaybeError TvdPlugIn::diagnose() const
     return std::nullopt;
 }
 
+// The grants of a host form and the sandbox service that issued them.
+struct TvdPlugIn::HostFormCache {
+    std::shared_ptr<platform::SandboxService> issuer;
+    Value form;
+};
+
+Value TvdPlugIn::sharedResources() const
+{
+    if (isAppExtension())
+        return Value(Array{Value(".")});
+    return pluginKey(kSharedKey);
+}
+
 void TvdPlugIn::augmentForm(Value& form) const
 {
-    Value shared = pluginKey(kSharedKey);
-    if (isAppExtension())
-        shared = Value(Array{Value(".")});
+    Value shared = sharedResources();
     if (shared.isNull())
         return;
     form = form.with("extensions", issueResourceExtensions(shared));
+}
+
+Result<Value> TvdPlugIn::exportFormOnce() const
+{
+    if (auto cached = exported_.load())
+        return *cached;
+    auto exported = exportForm();
+    if (exported.ok())
+        exported_.store(std::make_shared<const Value>(*exported));
+    return exported;
+}
+
+Value TvdPlugIn::hostForm(const Value& exported) const
+{
+    std::shared_ptr<platform::SandboxService> sandbox = platform::sandboxService();
+    if (auto cached = hostForm_.load(); cached && cached->issuer == sandbox)
+        return cached->form;
+    Value shared = sharedResources();
+    if (shared.isNull())
+        return exported;
+    bool complete = true;
+    Value form = exported.with("extensions", grantResources(shared, sandbox.get(), complete));
+    if (complete && sandbox)
+        hostForm_.store(std::make_shared<const HostFormCache>(HostFormCache{std::move(sandbox), form}));
+    return form;
 }
 
 Value TvdPlugIn::prunedInfoDictionaryFor(const Value& dictionary)
@@ -209,6 +246,12 @@ Value TvdPlugIn::prunedInfoDictionaryFor(const Value& dictionary)
 
 Value TvdPlugIn::issueResourceExtensions(const Value& resources) const
 {
+    bool complete = true;
+    return grantResources(resources, platform::sandboxService().get(), complete);
+}
+
+Value TvdPlugIn::grantResources(const Value& resources, platform::SandboxService* sandbox, bool& complete) const
+{
     Array list;
     if (resources.isString())
         list.push_back(resources);
@@ -222,11 +265,20 @@ Value TvdPlugIn::issueResourceExtensions(const Value& resources) const
         const std::string* name = element.asString();
         if (!name)
             continue;
-        Value resource = *name == "." ? bundle : Value::fileURL(bundlePath + "/" + *name);
-        if (auto token = fileReadGrant(resource)) {
-            grants.insert_or_assign(*name, Value(*token));
+        const bool whole = *name == ".";
+        Value resource = whole ? bundle : Value::fileURL(bundlePath + "/" + *name);
+        std::optional<std::string> token;
+        if (!sandbox)
+            errno = ENOSYS;
+        else if (whole)
+            token = canonicalFileReadGrant(path(), *sandbox); // the registry's canonical path
+        else
+            token = fileReadGrant(resource, *sandbox);
+        if (token) {
+            grants.insert_or_assign(*name, Value(std::move(*token)));
         } else {
             int error = errno;
+            complete = false;
             TvLog::ops().info("failed to make extension for %@ in plug-in at %@: %{public}s", resource.urlPath(),
                               path(), std::strerror(error));
         }
@@ -380,6 +432,11 @@ std::shared_ptr<platform::PrivacyConsentService> TvdPlugIn::privacyConsentServic
 bool TvdPlugIn::match(const Value& rules) const
 {
     return TvdMatchRules::shared()->match(*this, rules);
+}
+
+bool TvdPlugIn::match(const Value& rules, platform::TypeIdentifierService* types) const
+{
+    return TvdMatchRules::shared()->match(*this, rules, types);
 }
 
 bool TvdPlugIn::matchKeyPattern(std::string_view key, const Value& pattern) const

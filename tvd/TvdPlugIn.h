@@ -24,6 +24,7 @@
 #include "Tarvik/TvPlugInCore.h"
 #include "platform/registry/RegistryPlugInRecord.h"
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <set>
@@ -35,6 +36,8 @@ namespace tv {
 namespace platform {
 class PrivacyConsentService;
 class ProcessStateService;
+class SandboxService;
+class TypeIdentifierService;
 }
 
 class TvdVynClient;
@@ -83,11 +86,26 @@ public:
     // otherwise the plug-in dictionary's "Shared" list; nothing when there is
     // no list.
     void augmentForm(Value& form) const;
+
+    // exportForm(), built on the first call and kept with the record; a
+    // failed export is not kept. The record answers from the registry record
+    // it was built from, which never changes (a changed plug-in is a new
+    // registry record), so the form cannot go stale.
+    Result<Value> exportFormOnce() const;
+    // `exported` (this record's exportFormOnce()) with augmentForm()'s
+    // grants, kept with the record for the process-wide sandbox service that
+    // issued them: a match costs no file-system walk and no signing per
+    // plug-in. Not kept while a resource could not be granted, so that it is
+    // tried (and logged) again next time.
+    Value hostForm(const Value& exported) const;
     // `dictionary` without the keys that begin with "DT".
     static Value prunedInfoDictionaryFor(const Value& dictionary);
     // Read-only tokens for resources relative to the bundle ("." is the
     // bundle): a string or an array of strings; other elements are skipped.
-    // A resource whose token cannot be issued is logged and left out.
+    // A resource whose token cannot be issued is logged and left out. The
+    // bundle itself is granted at the canonical path the registry holds for
+    // it (url()), without resolving it again; the other resources are
+    // resolved (symbolic links followed) when their token is issued.
     Value issueResourceExtensions(const Value& resources) const;
 
     // Match rules (docs/match-rules.md), evaluated with the process-wide
@@ -95,6 +113,8 @@ public:
     // Must not run on the database queue: "KoUserElection" reads the
     // annotation there.
     bool match(const Value& rules) const;
+    // match() with type conformance answered by `types` (TvdMatchRules).
+    bool match(const Value& rules, platform::TypeIdentifierService* types) const;
     bool matchKeyPattern(std::string_view key, const Value& pattern) const;
     bool matchValuePatterns(std::string_view value, const Value& patterns) const;
     bool matchValuePattern(std::string_view value, std::string_view pattern) const;
@@ -156,7 +176,16 @@ protected:
     TvdPlugIn() = default;
 
 private:
+    struct HostFormCache;
+    // issueResourceExtensions() through `sandbox` (null: none, every grant
+    // fails with ENOSYS); `complete` is cleared when a resource was left out.
+    Value grantResources(const Value& resources, platform::SandboxService* sandbox, bool& complete) const;
+    // The resources augmentForm() grants: null when none.
+    Value sharedResources() const;
+
     platform::RegistryPlugInRecordPtr rsproxy_;
+    mutable std::atomic<std::shared_ptr<const Value>> exported_;
+    mutable std::atomic<std::shared_ptr<const HostFormCache>> hostForm_;
 };
 
 } // namespace tv

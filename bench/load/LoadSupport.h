@@ -106,8 +106,9 @@ inline int connectTo(const std::string& path)
 // dir/apps, system plug-ins in dir/System/Library/PlugIns), its log in
 // dir/tvd.log, and waits up to `wait` for it to accept connections; exits
 // the benchmark when it does not come up.
+// `extraConfig`: further configuration lines, each ending in a newline.
 inline pid_t startTvd(const std::string& tvd, const std::string& dir, const std::string& socket,
-                      std::chrono::seconds wait = std::chrono::seconds(10))
+                      std::chrono::seconds wait = std::chrono::seconds(10), const std::string& extraConfig = "")
 {
     std::string conf = dir + "/tvd.conf";
     std::filesystem::create_directories(dir + "/vyn");
@@ -115,7 +116,8 @@ inline pid_t startTvd(const std::string& tvd, const std::string& dir, const std:
                         << "/registry.sqlite\ncontainers_root = " << dir << "/containers\napplication_roots = " << dir
                         << "/apps\npreferences_dir = " << dir << "/preferences\nprivacy_grants = " << dir
                         << "/grants.vlist\nglobal_annotations = " << dir << "/Annotations\nsystem_volume_root = " << dir
-                        << "/System\nsystem_plugins_dir = " << dir << "/System/Library/PlugIns\n";
+                        << "/System\nsystem_plugins_dir = " << dir << "/System/Library/PlugIns\n"
+                        << extraConfig;
     ::setenv("TVD_CONFIG", conf.c_str(), 1);
     pid_t child = ::fork();
     if (child == 0) {

@@ -14,7 +14,11 @@
 // the same request frame to a thread on a Unix socket pair that answers with
 // the exact reply frame that tvd sent: the cost of moving those bytes.
 // Reported: the median round trip of each, the ratio of tvd to the baseline,
-// and each size's tvd median against the 10,000 plug-in one.
+// and each size's tvd median against the 1,000 and 10,000 plug-in ones.
+//
+// A second request adds rules that every candidate evaluates in the daemon
+// (a version floor and type-conformance tests against a types directory):
+// its figure against the first one is the cost of the rules per match.
 #include "Tarvik/TvMessageConversion.h"
 #include "base/Value.h"
 #include "platform/formats/Vlist.h"
@@ -76,18 +80,63 @@ void writePlatform(const std::string& dir, int count)
                    {"KbBundleVersion", "1"},
                    {"KbBundleName", "Plug-in " + std::to_string(i)},
                    {"KoExtension", Value{{"KoExtensionPointIdentifier", pointName(point)},
-                                         {"KoExtensionAttributes", Value{{"KoExtensionVersion", "1"}}}}}};
+                                         {"KoExtensionAttributes",
+                                          Value{{"KoExtensionVersion", "1.2"},
+                                                {"SupportedTypes", Value(Array{"public.text", "public.jpeg"})}}}}}};
         (void)platform::writeVlistFileAtomically(pdir + "/Info.vlist", info);
     }
+}
+
+// Types for the rules request: public.jpeg conforms to public.image.
+void writeTypes(const std::string& dir)
+{
+    std::filesystem::create_directories(dir + "/types");
+    Array declarations;
+    for (auto [type, parent] : {std::pair{"public.data", "public.item"}, {"public.image", "public.data"},
+                                {"public.jpeg", "public.image"}, {"public.text", "public.data"},
+                                {"public.movie", "public.data"}})
+        declarations.push_back(Value{{"TypeIdentifier", type}, {"ConformsTo", parent}});
+    (void)platform::writeVlistFileAtomically(dir + "/types/bench.vlist",
+                                             Value{{"TypeDeclarations", Value(std::move(declarations))}});
 }
 
 struct Figures {
     int plugIns = 0;
     std::size_t forms = 0;
+    std::size_t ruleForms = 0;
     std::size_t replyBytes = 0;
     double tvd = 0;
+    double rules = 0;
     double baseline = 0;
 };
+
+Bytes requestFrame(const Value& rules)
+{
+    Message request;
+    request.set("request", Value("match"));
+    request.set("version", Value(std::uint64_t{3}));
+    request.set("flags", Value(std::uint64_t{0}));
+    request.set("rules", rules);
+    Bytes frame = VynFrame::encode(request, true, 64).value();
+    VynFrame::setMessageId(frame, 1);
+    return frame;
+}
+
+// The median round trip of `rounds` requests after one warm-up; `reply`
+// receives the last reply.
+double roundTrips(int fd, const Bytes& frame, int rounds, Bytes& reply)
+{
+    writeAll(fd, frame.data(), frame.size());
+    readFrame(fd, reply); // warm-up: fills the record cache
+    std::vector<double> times;
+    for (int i = 0; i < rounds; ++i) {
+        auto t = Clock::now();
+        writeAll(fd, frame.data(), frame.size());
+        readFrame(fd, reply);
+        times.push_back(micros(Clock::now() - t));
+    }
+    return median(times);
+}
 
 // The number of forms in a match reply frame.
 std::size_t formsIn(const Bytes& frame)
@@ -117,32 +166,23 @@ Figures measure(const std::string& tvd, int plugIns, int rounds)
     std::fprintf(stderr, "tvd_match: writing %d plug-ins\n", plugIns);
     writePlatform(dir, plugIns);
     std::string socket = dir + "/vyn/tvd";
+    writeTypes(dir);
     std::fprintf(stderr, "tvd_match: starting tvd\n");
     // Scanning 100,000 bundles takes a while on a busy machine.
-    pid_t daemon = startTvd(tvd, dir, socket, std::chrono::seconds(600));
+    pid_t daemon = startTvd(tvd, dir, socket, std::chrono::seconds(600), "types_dir = " + dir + "/types\n");
 
-    Message request;
-    request.set("request", Value("match"));
-    request.set("version", Value(std::uint64_t{3}));
-    request.set("flags", Value(std::uint64_t{0}));
-    request.set("rules", Value{{"KoExtensionPointIdentifier", pointName(0)}});
-    Bytes frame = VynFrame::encode(request, true, 64).value();
-    VynFrame::setMessageId(frame, 1);
-
+    Bytes frame = requestFrame(Value{{"KoExtensionPointIdentifier", pointName(0)}});
+    Bytes ruleFrame = requestFrame(Value{{"KoExtensionPointIdentifier", pointName(0)},
+                                         {"KoExtensionVersion", ">=1.1"},
+                                         {"SupportedTypes", Value(Array{"?TY-CONFORMS:public.movie",
+                                                                        "?TY-CONFORMS:public.image"})}});
     int fd = connectTo(socket);
     Bytes reply;
-    writeAll(fd, frame.data(), frame.size());
-    readFrame(fd, reply); // warm-up: fills the record cache
+    f.rules = roundTrips(fd, ruleFrame, rounds, reply);
+    f.ruleForms = formsIn(reply);
+    f.tvd = roundTrips(fd, frame, rounds, reply);
     f.forms = formsIn(reply);
     f.replyBytes = reply.size();
-
-    std::vector<double> tvdTimes;
-    for (int i = 0; i < rounds; ++i) {
-        auto t = Clock::now();
-        writeAll(fd, frame.data(), frame.size());
-        readFrame(fd, reply);
-        tvdTimes.push_back(micros(Clock::now() - t));
-    }
     ::close(fd);
     ::kill(daemon, SIGTERM);
     ::waitpid(daemon, nullptr, 0);
@@ -169,7 +209,6 @@ Figures measure(const std::string& tvd, int plugIns, int rounds)
     ::close(sv[0]);
     ::close(sv[1]);
 
-    f.tvd = median(tvdTimes);
     f.baseline = median(baseTimes);
     std::filesystem::remove_all(dir);
     return f;
@@ -205,18 +244,24 @@ int main(int argc, char** argv)
     std::vector<Figures> all;
     for (int size : sizes)
         all.push_back(measure(tvd, size, rounds));
-    double reference = 0;
-    for (const auto& f : all)
+    double reference = 0, small = 0;
+    for (const auto& f : all) {
         if (f.plugIns == 10000)
             reference = f.tvd;
+        if (f.plugIns == 1000)
+            small = f.tvd;
+    }
     std::printf("match over %d extension points, %d candidates, median of %d round trips:\n", kPoints, kCandidates,
                 rounds);
     for (const auto& f : all) {
         std::printf("  %6d plug-ins: %zu forms, reply %zu bytes; tvd %8.1f us, raw socket %6.1f us, %.1fx raw",
                     f.plugIns, f.forms, f.replyBytes, f.tvd, f.baseline, f.tvd / f.baseline);
+        if (small > 0)
+            std::printf(", %.2fx the 1,000", f.tvd / small);
         if (reference > 0)
             std::printf(", %.2fx the 10,000 plug-in match", f.tvd / reference);
-        std::printf("\n");
+        std::printf("\n  %6s  with rules (version, type conformance): %zu forms, tvd %8.1f us, %.2fx without\n", "",
+                    f.ruleForms, f.rules, f.rules / f.tvd);
     }
     return 0;
 }

@@ -216,6 +216,24 @@ Result<std::string> LinuxSandboxService::issueFileExtension(std::string_view ext
         granted = path;
     }
 
+    return sign(extensionClass, flags, granted);
+}
+
+Result<std::string> LinuxSandboxService::issueFileExtensionForCanonicalPath(std::string_view extensionClass,
+                                                                            std::string_view canonicalPath)
+{
+    if (!isValidClass(extensionClass))
+        return failure(EINVAL, "invalid extension class");
+    if (canonicalPath.empty() || canonicalPath.find('\0') != std::string_view::npos)
+        return failure(EINVAL, "invalid path");
+    if (canonicalPath.front() != '/')
+        return failure(EINVAL, "path is not absolute: " + std::string(canonicalPath));
+    return sign(extensionClass, kSandboxExtensionCanonical, std::string(canonicalPath));
+}
+
+Result<std::string> LinuxSandboxService::sign(std::string_view extensionClass, std::uint32_t flags,
+                                              const std::string& granted)
+{
     std::string text = std::string(extensionClass) + ';' + std::to_string(flags) + ';' +
                        std::to_string(granted.size()) + ':' + granted;
     std::lock_guard lock(mutex_);

@@ -38,6 +38,8 @@ public:
     // SandboxService
     Result<std::string> issueFileExtension(std::string_view extensionClass, std::string_view path,
                                            std::uint32_t flags) override;
+    Result<std::string> issueFileExtensionForCanonicalPath(std::string_view extensionClass,
+                                                           std::string_view canonicalPath) override;
     Result<std::int64_t> consumeExtension(std::string_view token) override;
     MaybeError releaseExtension(std::int64_t handle) override;
     bool isProcessSandboxed(pid_t pid) override;
@@ -58,6 +60,8 @@ private:
     // REQUIRES: mutex_ held. The key, read or made on first use.
     Result<Key> keyLocked();
     std::string macHex(const Key& key, std::string_view text) const;
+    // The signed token text for `granted`, which is absolute.
+    Result<std::string> sign(std::string_view extensionClass, std::uint32_t flags, const std::string& granted);
 
     std::string runtimeDir_;
     std::string procRoot_;

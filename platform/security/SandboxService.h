@@ -43,6 +43,17 @@ public:
     virtual Result<std::string> issueFileExtension(std::string_view extensionClass, std::string_view path,
                                                    std::uint32_t flags) = 0;
 
+    // The token issueFileExtension() with kSandboxExtensionCanonical gives
+    // for `canonicalPath`, which the caller already holds in canonical form
+    // (absolute, without symbolic links, "." or ".."): it is granted as
+    // written, without being resolved again. The default resolves it all
+    // the same.
+    virtual Result<std::string> issueFileExtensionForCanonicalPath(std::string_view extensionClass,
+                                                                   std::string_view canonicalPath)
+    {
+        return issueFileExtension(extensionClass, canonicalPath, kSandboxExtensionCanonical);
+    }
+
     // Consumes a token into the calling process: a positive handle for the
     // grant. Fails with EINVAL for a token that is not well formed and EPERM
     // for one that this service did not issue (or that was altered).

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <thread>
 
 namespace tv {
 namespace {
@@ -63,6 +64,21 @@ TEST(SerialQueueTest, OrderSyncReentryAndThrowingTasks)
     EXPECT_TRUE(refused);
     EXPECT_FALSE(q->isCurrent());
     EXPECT_THROW(q->assertCurrent("test"), TvInternalInconsistency);
+
+    // On an idle queue sync runs on the calling thread, and still excludes
+    // the worker: a task submitted meanwhile waits until it is done.
+    std::atomic<bool> inside{false}, overlapped{false};
+    std::thread::id ranOn;
+    q->sync([&] {
+        ranOn = std::this_thread::get_id();
+        inside = true;
+        q->async([&] { overlapped = inside.load(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        inside = false;
+    });
+    q->sync([] {});
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+    EXPECT_FALSE(overlapped);
 
     // A task that throws is reported and the queue goes on.
     std::string reported;

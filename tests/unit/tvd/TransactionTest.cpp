@@ -488,6 +488,27 @@ TEST_F(TransactionMatchTest, DuplicatesResolveByVersionThenSystemVolumeThenModif
     }
 }
 
+// A match yields between candidates like any long request: with a time
+// slice of zero another client's request is answered before the match.
+TEST_F(TransactionMatchTest, AMatchYieldsBetweenCandidates)
+{
+    for (const char* id : {"a", "b", "c"})
+        add(id);
+    h.server->setRequestTimeSlice(std::chrono::nanoseconds(0));
+    auto a = h.connect(50), b = h.connect(60);
+    h.send(*a, Value{{"request", "match"}, {"version", std::uint64_t{3}},
+                     {"rules", Value{{"KoExtensionPointIdentifier", "point"}}}});
+    h.send(*b, Value{{"request", "bulk"}, {"version", std::uint64_t{3}}});
+    h.queues["vyn"]->runUntilIdle();
+    ASSERT_TRUE(h.queues["service"]->runOne()); // the first candidate
+    ASSERT_TRUE(h.queues["service"]->runOne()); // the other client's turn
+    EXPECT_EQ(b->sent().size(), 1u);
+    EXPECT_TRUE(a->sent().empty());
+    h.drain();
+    ASSERT_EQ(a->sent().size(), 1u);
+    EXPECT_EQ(messageDecode(a->sent()[0].get("matches")).count(), 3u);
+}
+
 TEST_F(TransactionMatchTest, VisibilityHoldsExclusionsAndHostRights)
 {
     test::LogCapture log;

@@ -40,6 +40,10 @@ TEST_F(LinuxSandboxServiceTest, IssuedTokensRoundTripAndGrantTheCanonicalPath)
                                  canonical + ";";
     EXPECT_EQ(token->substr(0, expectedPrefix.size()), expectedPrefix);
     EXPECT_EQ(token->size(), expectedPrefix.size() + 64);
+    // A path the caller already holds in canonical form gets the same token
+    // without being resolved again; a relative one is refused.
+    EXPECT_EQ(sandbox.issueFileExtensionForCanonicalPath(kSandboxExtensionClassAppReadOnly, canonical).value(), *token);
+    EXPECT_EQ(sandbox.issueFileExtensionForCanonicalPath("cls", "relative").error().code, EINVAL);
 
     auto h1 = sandbox.consumeExtension(*token), h2 = sandbox.consumeExtension(*token);
     ASSERT_TRUE(h1 && h2);
