@@ -66,17 +66,22 @@ TEST(SerialQueueTest, OrderSyncReentryAndThrowingTasks)
     EXPECT_THROW(q->assertCurrent("test"), TvInternalInconsistency);
 
     // On an idle queue sync runs on the calling thread, and still excludes
-    // the worker: a task submitted meanwhile waits until it is done.
+    // the worker: a task submitted meanwhile waits until it is done. The
+    // worker may still be finishing its last task when sync is called (then
+    // the task goes to the worker), so try a few times.
     std::atomic<bool> inside{false}, overlapped{false};
     std::thread::id ranOn;
-    q->sync([&] {
-        ranOn = std::this_thread::get_id();
-        inside = true;
-        q->async([&] { overlapped = inside.load(); });
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        inside = false;
-    });
-    q->sync([] {});
+    for (int i = 0; i < 50 && ranOn != std::this_thread::get_id(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        q->sync([&] {
+            ranOn = std::this_thread::get_id();
+            inside = true;
+            q->async([&] { overlapped = inside.load(); });
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            inside = false;
+        });
+        q->sync([] {});
+    }
     EXPECT_EQ(ranOn, std::this_thread::get_id());
     EXPECT_FALSE(overlapped);
 
