@@ -7,35 +7,28 @@
 namespace tv {
 namespace {
 
-std::optional<TvdCommandLine> parse(std::initializer_list<const char*> args)
+std::optional<TvdCommandLine> parse(std::vector<std::string> args)
 {
-    std::vector<std::string> storage{"tvd"};
-    storage.insert(storage.end(), args.begin(), args.end());
+    args.insert(args.begin(), "tvd");
     std::vector<char*> argv;
-    for (auto& s : storage)
+    for (auto& s : args)
         argv.push_back(s.data());
     argv.push_back(nullptr);
-    return TvdCommandLine::parse(static_cast<int>(storage.size()), argv.data());
+    return TvdCommandLine::parse(static_cast<int>(args.size()), argv.data());
 }
 
+// Usage errors and -v are checked against the real binary.
 TEST(TvdCommandLineTest, DefaultsLaterOptionsWinAndTheCacheLimitConvertsLikeAtoi)
 {
     auto d = parse({});
     ASSERT_TRUE(d);
-    EXPECT_EQ(d->serviceName, "com.veltra.tarvik.tvd");
-    EXPECT_EQ(d->cacheLimit, 1000000u);
-    EXPECT_FALSE(d->databaseLocation);
-    EXPECT_EQ(d->verbose, 0u); // usage errors and -v are checked against the real binary
-
+    EXPECT_EQ(std::tuple(d->serviceName, d->cacheLimit, d->databaseLocation, d->verbose),
+              std::tuple("com.veltra.tarvik.tvd", 1000000u, std::nullopt, 0u));
     auto l = parse({"-S", "one", "-c", "5", "-d", "/tmp/db", "-c", "7", "-S", "two"});
     ASSERT_TRUE(l);
-    EXPECT_EQ(l->serviceName, "two");
-    EXPECT_EQ(l->cacheLimit, 7u);
-    EXPECT_EQ(l->databaseLocation, "/tmp/db");
-    // The cache limit converts like atoi.
-    EXPECT_EQ(parse({"-c", "abc"})->cacheLimit, 0u);
-    EXPECT_EQ(parse({"-c", "12abc"})->cacheLimit, 12u);
-    EXPECT_EQ(parse({"-c", "  42"})->cacheLimit, 42u);
+    EXPECT_EQ(std::tuple(l->serviceName, l->cacheLimit, l->databaseLocation), std::tuple("two", 7u, "/tmp/db"));
+    for (auto [text, limit] : {std::pair{"abc", 0u}, {"12abc", 12u}, {"  42", 42u}})
+        EXPECT_EQ(parse({"-c", text})->cacheLimit, limit) << text;
 }
 
 } // namespace
