@@ -65,7 +65,7 @@ TEST(TvDaemonClientTest, MessageEncodingRoundTripsOnlyForVersion3)
     EXPECT_TRUE(client.convertFromVYN(encoded).isNull());
 }
 
-TEST(TvDaemonClientTest, CallsBuildTheirRequests)
+TEST(TvDaemonClientTest, RequestsGoToTheServiceWithUrlsAsText)
 {
     auto vyn = std::make_shared<test::FakeVynService>();
     TvDaemonClient client(vyn, nullptr);
@@ -73,33 +73,16 @@ TEST(TvDaemonClientTest, CallsBuildTheirRequests)
     auto connection = vyn->lastConnection();
     EXPECT_TRUE(connection->resumed());
 
-    Uuid a = Uuid::random(), b = Uuid::random();
-    auto ignore = [](const platform::VynEvent&) {};
-    client.addPlugInsReply({"/p/One.vext", "/p/Two.vext"}, ignore);
-    client.readyPlugInsFlagsReply({a, b}, 5, ignore);
-    client.matchPlugInsFlagsReply(Value{{"KoExtensionPointIdentifier", "com.example.share"},
-                                        {"where", Value::fileURL("/x")}},
-                                  1, ignore);
-    client.releaseHoldReply(a, ignore);
-    client.bulkPluginsReply(0x10, ignore);
-
-    // "version" is unsigned on the wire: a signed 3 would read as 0. A URL in
-    // the rules travels as its text; releasing a hold sends one token.
-    const std::uint64_t v3 = 3;
-    const Value expected[] = {
-        Value{{"request", "add"}, {"version", v3}, {"paths", Value(Array{Value("/p/One.vext"), Value("/p/Two.vext")})}},
-        Value{{"request", "ready"}, {"version", v3}, {"uuids", Value(Array{Value(a), Value(b)})}, {"flags", std::uint64_t{5}}},
-        Value{{"request", "match"}, {"version", v3}, {"flags", std::uint64_t{1}},
-              {"rules", Value{{"KoExtensionPointIdentifier", "com.example.share"}, {"where", "file:///x"}}}},
-        Value{{"request", "lock"}, {"version", v3}, {"uuids", Value(Array{Value(a)})}},
-        Value{{"request", "bulk"}, {"version", v3}, {"flags", std::uint64_t{0x10}}},
-    };
+    // Every call's request is checked end to end through tvkit and the e2e
+    // tests; here what they do not send: a URL in the rules travels as its
+    // text, and "version" is unsigned on the wire (a signed 3 reads as 0).
+    client.matchPlugInsFlagsReply(Value{{"KoExtensionPointIdentifier", "com.example.share"}, {"where", Value::fileURL("/x")}},
+                                  1, [](const platform::VynEvent&) {});
     auto sent = connection->sent();
-    ASSERT_EQ(sent.size(), std::size(expected));
-    for (std::size_t i = 0; i < sent.size(); ++i) {
-        EXPECT_TRUE(sent[i].expectsReply());
-        EXPECT_EQ(sent[i].body(), expected[i]);
-    }
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_TRUE(sent[0].expectsReply());
+    EXPECT_EQ(sent[0].body(), (Value{{"request", "match"}, {"version", std::uint64_t{3}}, {"flags", std::uint64_t{1}},
+                                     {"rules", Value{{"KoExtensionPointIdentifier", "com.example.share"}, {"where", "file:///x"}}}}));
 }
 
 TEST(TvDaemonClientTest, CompletionRunsOnTheClientQueueWithTrafficLogged)
