@@ -1,5 +1,5 @@
 // The real tvd binary: command line, listening, tracing points, its
-// descriptor limit, hostile and dead peers, and tvkit raw against it.
+// descriptor limit, dead peers, and tvkit raw against it.
 #include "platform/ipc/VynFrame.h"
 #include "tests/support/DaemonConnection.h"
 
@@ -7,7 +7,6 @@
 
 #include <cstring>
 #include <fstream>
-#include <poll.h>
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -113,22 +112,10 @@ TEST(DaemonTest, RaisesItsDescriptorLimitToTheHardLimit)
     EXPECT_EQ(d.stop(), 0);
 }
 
-TEST(DaemonTest, HostileAndDeadClientsGetNoReplyAndOthersAreServed)
+TEST(DaemonTest, ADeadClientsBurstIsDroppedAndOthersAreServed)
 {
     TestDaemon daemon;
     ASSERT_TRUE(daemon.start()) << daemon.log();
-    // A header announcing 4 GiB is cut at once. Each malformation is the
-    // transport's to judge; this one shows the daemon wires its limits in.
-    int hostile = test::connectUnix(daemon.socketPath());
-    std::vector<std::uint8_t> giant(24, 0);
-    giant[0] = giant[1] = giant[8] = 1; // format, a reply expected, message id
-    std::memset(&giant[4], 0xff, 4);
-    ASSERT_EQ(::write(hostile, giant.data(), giant.size()), static_cast<ssize_t>(giant.size()));
-    pollfd p{hostile, POLLIN, 0};
-    EXPECT_EQ(::poll(&p, 1, 5000), 1);
-    EXPECT_LE(::recv(hostile, giant.data(), giant.size(), MSG_DONTWAIT), 0);
-    ::close(hostile);
-
     // A raw peer sends a burst of requests and goes away without reading.
     {
         platform::Message m(Value{{"request", "bulk"}, {"version", Value(std::uint64_t{3})}});
