@@ -6,18 +6,21 @@ namespace tv::test {
 
 class LogCapture::Sink final : public platform::SystemLog {
 public:
-    bool enabled(platform::LogLevel) const override { return true; }
-    bool redactsPrivate() const override { return false; }
+    Sink(platform::LogLevel threshold, bool redact) : threshold(threshold), redact(redact) {}
+    bool enabled(platform::LogLevel level) const override { return level <= threshold; }
+    bool redactsPrivate() const override { return redact; }
     void write(const platform::LogRecord& r) override
     {
         std::lock_guard lock(mutex);
         lines.push_back({r.level, std::string(r.subsystem), std::string(r.category), std::string(r.message)});
     }
+    const platform::LogLevel threshold;
+    const bool redact;
     mutable std::mutex mutex;
     std::vector<CapturedLine> lines;
 };
 
-LogCapture::LogCapture() : sink_(std::make_shared<Sink>())
+LogCapture::LogCapture(platform::LogLevel threshold, bool redact) : sink_(std::make_shared<Sink>(threshold, redact))
 {
     previous_ = platform::setSystemLog(sink_);
 }

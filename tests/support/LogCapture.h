@@ -1,6 +1,7 @@
 // LogCapture: an in-process system log for tests. While one is alive, every
-// line of the process (all levels, unredacted) is recorded instead of being
-// written out; the previous log is restored on destruction.
+// line of the process up to `threshold` (all levels, unredacted, unless told
+// otherwise) is recorded instead of being written out; the previous log is
+// restored on destruction.
 #pragma once
 
 #include "platform/log/SystemLog.h"
@@ -21,7 +22,7 @@ struct CapturedLine {
 
 class LogCapture {
 public:
-    LogCapture();
+    explicit LogCapture(platform::LogLevel threshold = platform::LogLevel::Debug, bool redact = false);
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;

@@ -4,32 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <vector>
 
 namespace tv {
 namespace {
 
 using platform::LogLevel;
-
-// A sink that behaves like the production log: a threshold and redaction.
-class ThresholdSink final : public platform::SystemLog {
-public:
-    ThresholdSink(LogLevel threshold, bool redact) : threshold_(threshold), redact_(redact) {}
-    bool enabled(LogLevel level) const override { return static_cast<int>(level) <= static_cast<int>(threshold_); }
-    bool redactsPrivate() const override { return redact_; }
-    void write(const platform::LogRecord& r) override
-    {
-        std::lock_guard lock(mutex_);
-        lines.emplace_back(r.message);
-    }
-    std::vector<std::string> lines;
-
-private:
-    LogLevel threshold_;
-    bool redact_;
-    std::mutex mutex_;
-};
 
 TEST(TvLogTest, CategoriesLogUnderTheSubsystemAtTheirLevels)
 {
@@ -54,16 +34,19 @@ TEST(TvLogTest, CategoriesLogUnderTheSubsystemAtTheirLevels)
 
 TEST(TvLogTest, ThresholdAndRedactionOfTheInstalledLog)
 {
-    auto sink = std::make_shared<ThresholdSink>(LogLevel::Default, true);
-    auto previous = platform::setSystemLog(sink);
-    TvLog::ops().notice("opened %@ for %{public}@ (%d)", Value("/secret/path"), Value("host"), 7);
-    TvLog::ops().info("not shown %s", "x");
-    TvLog::ops().debug("not shown");
-    TvLog::ops().error("failed: %{public}s", "why");
-    EXPECT_TRUE(TvLog::ops().enabled(LogLevel::Error));
-    EXPECT_FALSE(TvLog::ops().enabled(LogLevel::Info));
-    platform::setSystemLog(previous);
-    EXPECT_EQ(sink->lines, (std::vector<std::string>{"opened <private> for host (7)", "failed: why"}));
+    std::vector<std::string> shown;
+    {
+        test::LogCapture log(LogLevel::Default, true); // as the production log is set up
+        TvLog::ops().notice("opened %@ for %{public}@ (%d)", Value("/secret/path"), Value("host"), 7);
+        TvLog::ops().info("not shown %s", "x");
+        TvLog::ops().debug("not shown");
+        TvLog::ops().error("failed: %{public}s", "why");
+        EXPECT_TRUE(TvLog::ops().enabled(LogLevel::Error));
+        EXPECT_FALSE(TvLog::ops().enabled(LogLevel::Info));
+        for (const auto& line : log.lines())
+            shown.push_back(line.message);
+    }
+    EXPECT_EQ(shown, (std::vector<std::string>{"opened <private> for host (7)", "failed: why"}));
 }
 
 } // namespace
