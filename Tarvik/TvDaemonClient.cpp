@@ -56,10 +56,16 @@ void TvDaemonClient::setUuids(Message& request, const std::vector<Uuid>& uuids)
 
 void TvDaemonClient::sendReply(Message request, Reply reply)
 {
-    TvLog::traffic().debug("request: %@", request.description());
+    // The text forms are made only when the line is kept: they cost more
+    // than the rest of the request's way through the library.
+    const TvLog& traffic = TvLog::traffic();
+    if (traffic.enabled(LogLevel::Debug))
+        traffic.debug("request: %@", request.description());
     request.setExpectsReply(true);
     tvd_->sendWithReply(std::move(request), replyQueue_, [reply = std::move(reply)](const VynEvent& answer) {
-        TvLog::traffic().debug("reply: %@", platform::eventDescription(answer));
+        const TvLog& traffic = TvLog::traffic();
+        if (traffic.enabled(LogLevel::Debug))
+            traffic.debug("reply: %@", platform::eventDescription(answer));
         try {
             reply(answer);
         } catch (const TvInternalInconsistency& e) {

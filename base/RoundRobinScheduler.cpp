@@ -1,5 +1,7 @@
 #include "base/RoundRobinScheduler.h"
 
+#include "base/DeferredFlush.h"
+
 #include <chrono>
 
 namespace tv {
@@ -90,6 +92,9 @@ void RoundRobinScheduler::turn()
     // are taken by it, or by the task it queues when it ends.
     // Running turns back to back saves a queue hand-off per step under load.
     const auto deadline = std::chrono::steady_clock::now() + batch();
+    // Output the steps make (replies) is written when the task ends, one
+    // write per destination for all its steps of the task.
+    DeferredFlush::Scope outputRun;
     for (;;) {
         const void* owner;
         Step step;

@@ -306,10 +306,16 @@ std::optional<LinuxVynConnection::Failure> LinuxVynConnection::enqueueLocked(Byt
     outPending_ += frame.size();
     out_.push_back(std::move(frame));
     // While earlier output waits for the socket, the runtime's thread writes
-    // this frame with it once the socket is writable.
-    if (watched_ && !writing_)
-        if (auto error = flushLocked())
-            return Failure{*error, false};
+    // this frame with it once the socket is writable. In a run of
+    // DeferredFlush the frame waits for the run's end, to go out with the
+    // connection's other frames of the run in one write.
+    if (watched_ && !writing_) {
+        if (!flushDeferred_ && DeferredFlush::active())
+            flushDeferred_ = DeferredFlush::defer(shared_from_this());
+        if (!flushDeferred_)
+            if (auto error = flushLocked())
+                return Failure{*error, false};
+    }
     if (role_ != Role::Accepted || out_.empty())
         return std::nullopt;
     std::size_t behind = outPending_ - (out_.front().size() - outOffset_);
@@ -361,6 +367,19 @@ std::optional<std::string> LinuxVynConnection::flushLocked()
         updateInterestLocked();
     }
     return std::nullopt;
+}
+
+void LinuxVynConnection::flushDeferred()
+{
+    std::optional<std::string> error;
+    {
+        std::lock_guard lock(outMutex_);
+        flushDeferred_ = false;
+        if (!closed_ && watched_ && !writing_)
+            error = flushLocked();
+    }
+    if (error)
+        afterWrite(Failure{*error, false});
 }
 
 void LinuxVynConnection::handleEvents(std::uint32_t events)

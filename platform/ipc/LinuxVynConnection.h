@@ -6,7 +6,10 @@
 // thread. Writing does not: send() and sendWithReply() encode and write the
 // frame on the calling thread when nothing is queued before it (the output
 // side is guarded by a mutex), and leave the rest to the runtime thread,
-// which writes when the socket can take more. A daemon-side connection runs
+// which writes when the socket can take more. While the sending thread has a
+// DeferredFlush run open (the request scheduler's turns), frames are only
+// queued, and each connection's frames go out in one write when the run
+// ends. A daemon-side connection runs
 // its event handler on the runtime thread when the connection's queue is
 // idle (SerialQueue::runOrAsync), so a request costs no thread hand-off
 // before it reaches the handler.
@@ -43,6 +46,7 @@
 // Every cut is logged in category "vyn" and affects only this connection.
 #pragma once
 
+#include "base/DeferredFlush.h"
 #include "platform/PlatformConfig.h"
 #include "platform/ipc/VynConnection.h"
 #include "platform/ipc/VynConnectionTable.h"
@@ -61,6 +65,7 @@ namespace tv::platform {
 
 class LinuxVynConnection final : public VynConnection,
                                  public VynRuntime::Watcher,
+                                 public DeferredFlush::Target,
                                  public std::enable_shared_from_this<LinuxVynConnection> {
 public:
     enum class Role { Accepted, Client };
@@ -100,6 +105,10 @@ public:
     // VynRuntime::Watcher
     void handleEvents(std::uint32_t events) override;
     void shutdown() override;
+
+    // DeferredFlush::Target: writes the output queued during a run of
+    // DeferredFlush on the sending thread. Any thread.
+    void flushDeferred() override;
 
     // Bytes of the read buffer, for diagnostics and tests. Any thread.
     std::size_t readBufferSize() const { return readBufferSize_.load(); }
@@ -193,6 +202,7 @@ private:
     // threads and the runtime's thread.
     std::mutex outMutex_;
     bool writing_ = false;
+    bool flushDeferred_ = false; // registered with the sending thread's run
     std::uint32_t interest_ = 0;
     std::deque<Bytes> out_;
     std::size_t outOffset_ = 0;  // bytes of out_.front() already written
