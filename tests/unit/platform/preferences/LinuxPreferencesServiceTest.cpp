@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <fstream>
 #include <sys/stat.h>
-#include <sys/time.h>
+#include <fcntl.h>
 
 namespace tv::platform {
 namespace {
@@ -26,10 +26,12 @@ TEST(LinuxPreferencesServiceTest, SameSizeEditsUnreadableFilesAndNamesOutside)
     auto text = [](int n) { return *serializeVlist(Value{{"key", n}}); };
     std::ofstream(path) << text(1);
     EXPECT_EQ(service.copyValue(kDomain, "key"), Value(1));
+    struct stat before {};
+    ASSERT_EQ(::stat(path.c_str(), &before), 0);
     { std::ofstream(path, std::ios::trunc) << text(2); } // same inode, same size
     // Even with the modification time put back, the change time moves.
-    struct timeval times[2] = {{1, 0}, {1, 0}};
-    ::utimes(path.c_str(), times);
+    const struct timespec times[2] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     EXPECT_EQ(service.copyValue(kDomain, "key"), Value(1)) << "answers from the cache until synchronised";
     EXPECT_FALSE(service.synchronize(kDomain));
     EXPECT_EQ(service.copyValue(kDomain, "key"), Value(2));
