@@ -21,7 +21,7 @@ TEST(TypeConformanceTableTest, ConformanceIsReflexiveTransitiveAndDirected)
         {"public.jpeg", "public.item", true},        // three steps up
         {"public.jpeg", "public.content", true},     // second parent of a parent
         {"com.example.raw", "public.item", true},    // reached along two paths
-        {"com.example.raw", "public.archive", true},
+        {"com.example.raw", "public.archive", true}, {"com.example.raw", "public.image", true}, // both declarations
         {"public.image", "public.jpeg", false},      // not downwards
         {"public.jpeg", "public.archive", false},    // a sibling's parent
         {"public.item", "public.item", true},        // named only as a parent
