@@ -67,28 +67,8 @@ TEST(RoundRobinSchedulerTest, OtherTasksOfTheQueueWaitForOneTurnAtMost)
     EXPECT_EQ(f.ran, (std::vector<std::string>{"c.0", "a1", "c.1", "c.2", "ping"}));
 }
 
-TEST(RoundRobinSchedulerTest, AHeldOwnersStepsWaitInOrderUntilReleased)
-{
-    Fixture f;
-    f.scheduler->hold(&f.a);
-    f.scheduler->submit(&f.a, f.step("a1"));
-    f.scheduler->submit(&f.a, f.step("a2"));
-    f.scheduler->submit(&f.b, f.step("b1"));
-    f.queue->runUntilIdle();
-    EXPECT_EQ(f.ran, (std::vector<std::string>{"b1"}));
-    EXPECT_EQ(f.scheduler->pending(), 2u);
-    f.scheduler->release(&f.a);
-    f.scheduler->release(&f.a); // a second release is harmless
-    f.queue->runUntilIdle();
-    EXPECT_EQ(f.ran, (std::vector<std::string>{"b1", "a1", "a2"}));
-    // Released with nothing queued: later steps run at once.
-    f.scheduler->hold(&f.c);
-    f.scheduler->release(&f.c);
-    f.scheduler->submit(&f.c, f.step("c1"));
-    f.queue->runUntilIdle();
-    EXPECT_EQ(f.ran.back(), "c1");
-}
-
+// hold() and release(): TvdVynClientTest, with requests that wait for
+// their client's identification.
 TEST(RoundRobinSchedulerTest, AStepThatThrowsEndsOnlyItself)
 {
     Fixture f;

@@ -4,13 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-#include <vector>
-
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <stdexcept>
 #include <thread>
+#include <vector>
 
 namespace tv {
 namespace {
@@ -93,13 +92,6 @@ TEST(SerialQueueTest, OrderSyncReentryAndThrowingTasks)
     q->sync([] {}); // still serving
     SerialQueue::setUncaughtExceptionHandler(nullptr);
     EXPECT_EQ(reported, "order: boom");
-
-    auto manual = SerialQueue::createManual("manual");
-    int ran = 0;
-    manual->async([&] { manual->async([&] { ++ran; }); ++ran; });
-    EXPECT_EQ(ran, 0);
-    EXPECT_EQ(manual->runUntilIdle(), 2u);
-    EXPECT_EQ(ran, 2);
 }
 
 TEST(SerialQueueTest, RunOrAsyncRunsHereOnlyWhenTheQueueIsIdle)

@@ -10,7 +10,6 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
-#include <random>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -79,30 +78,6 @@ TEST(AtomicFileTest, ReplacesOrLeavesTheTargetIntact)
     }), 0);
     EXPECT_EQ(test::readFile(target), "new contents");
     EXPECT_EQ(entries(dir), (std::vector<std::string>{"annotations.vlist", "occupied"}));
-}
-
-// Kills a writer at random moments: whatever the moment, the target holds one
-// complete version, never a mixture or a truncated file.
-TEST(AtomicFileTest, KilledWriterLeavesACompleteFile)
-{
-    test::TempDir dir;
-    const std::string target = dir.file("state.vlist");
-    const std::string first(256 << 10, 'a');
-    const std::string second(512 << 10, 'b');
-    ASSERT_FALSE(writeFileAtomically(target, first));
-    std::mt19937 rng(7);
-    for (int round = 0; round < 20; ++round) {
-        pid_t pid = ::fork();
-        if (pid == 0) {
-            for (int i = 0;; ++i)
-                (void)writeFileAtomically(target, i % 2 ? first : second);
-        }
-        ::usleep(std::uniform_int_distribution<useconds_t>(100, 20000)(rng));
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-        const std::string now = test::readFile(target);
-        EXPECT_TRUE(now == first || now == second) << "round " << round << ": " << now.size() << " bytes";
-    }
 }
 
 } // namespace

@@ -29,8 +29,23 @@ protected:
     std::string dir_ = tmp_.path();
     PlatformConfig config_;
     test::LogCapture log_;
+    std::vector<std::shared_ptr<VynConnection>> accepted_; // and their events, on vynQueue_
+    std::vector<VynEvent> events_;
     std::shared_ptr<SerialQueue> vynQueue_ = SerialQueue::create("test.vyn");
     std::shared_ptr<SerialQueue> requestQueue_ = SerialQueue::create("test.service");
+    std::shared_ptr<SerialQueue> clientQueue_ = SerialQueue::create("test.client");
+
+    std::shared_ptr<VynListener> listen(LinuxVynService& vyn, const std::string& name)
+    {
+        auto listener = vyn.listen(name, vynQueue_).value();
+        listener->setConnectionHandler([this](std::shared_ptr<VynConnection> c) {
+            accepted_.push_back(c);
+            c->setEventHandler([this](const VynEvent& e) { events_.push_back(e); });
+            c->resume();
+        });
+        listener->resume();
+        return listener;
+    }
 };
 
 TEST_F(LinuxServiceLifecycleTest, SigtermAnnouncesTerminationAndEndsCleanly)
@@ -38,19 +53,8 @@ TEST_F(LinuxServiceLifecycleTest, SigtermAnnouncesTerminationAndEndsCleanly)
     NotifySocket manager(dir_ + "/notify");
     ASSERT_TRUE(manager.bound());
     auto vyn = LinuxVynService::create(config_, SocketActivation());
-    auto listener = vyn->listen("svc", vynQueue_);
-    ASSERT_TRUE(listener);
-    auto seen = std::make_shared<std::vector<VynEvent>>();
-    std::shared_ptr<VynConnection> accepted;
-    (*listener)->setConnectionHandler([&, seen](std::shared_ptr<VynConnection> c) {
-        accepted = c;
-        c->setEventHandler([seen](const VynEvent& e) { seen->push_back(e); });
-        c->resume();
-    });
-    (*listener)->resume();
-
-    auto clientQueue = SerialQueue::create("test.client");
-    auto client = vyn->connect("svc", clientQueue);
+    auto listener = listen(*vyn, "svc");
+    auto client = vyn->connect("svc", clientQueue_);
     client->resume();
 
     LinuxServiceLifecycle lifecycle(config_, vyn, requestQueue_, {vynQueue_},
@@ -58,20 +62,15 @@ TEST_F(LinuxServiceLifecycleTest, SigtermAnnouncesTerminationAndEndsCleanly)
     EXPECT_FALSE(lifecycle.socketActivated());
     auto status = std::async(std::launch::async, [&] { return lifecycle.run(); });
     ASSERT_TRUE(manager.await("READY=1"));
-    test::eventually([&] {
-        bool yes = false;
-        vynQueue_->sync([&] { yes = accepted != nullptr; });
-        return yes;
-    });
-    ASSERT_EQ(vyn->connectionCount(), 1u);
+    ASSERT_TRUE(test::eventually([&] { return vyn->connectionCount() == 1; }));
 
     ::kill(::getpid(), SIGTERM);
     ASSERT_EQ(status.wait_for(5s), std::future_status::ready);
     EXPECT_EQ(status.get(), 0);
     EXPECT_TRUE(manager.await("STOPPING=1"));
     vynQueue_->sync([] {});
-    ASSERT_TRUE(!seen->empty() && eventError(seen->back()));
-    EXPECT_EQ(eventError(seen->back())->kind, VynError::Kind::TerminationImminent);
+    ASSERT_TRUE(!events_.empty() && eventError(events_.back()));
+    EXPECT_EQ(eventError(events_.back())->kind, VynError::Kind::TerminationImminent);
     EXPECT_EQ(log_.countContaining("terminating on signal 15"), 1u);
 }
 
@@ -114,16 +113,8 @@ TEST_F(LinuxServiceLifecycleTest, SocketActivatedProcessEndsOnlyWhenIdle)
     ASSERT_GE(fd, 0);
 
     auto vyn = LinuxVynService::create(config_, SocketActivation({{fd, "tvd.socket"}}));
-    auto listener = vyn->listen("tvd", vynQueue_);
-    ASSERT_TRUE(listener);
-    std::shared_ptr<VynConnection> accepted;
-    (*listener)->setConnectionHandler([&](std::shared_ptr<VynConnection> c) {
-        accepted = c;
-        c->resume();
-    });
-    (*listener)->resume();
-    auto clientQueue = SerialQueue::create("test.client");
-    auto client = vyn->connect(path, clientQueue);
+    auto listener = listen(*vyn, "tvd");
+    auto client = vyn->connect(path, clientQueue_);
     client->resume();
     vyn->beginTransaction();
 

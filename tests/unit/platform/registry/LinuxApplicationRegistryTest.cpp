@@ -76,9 +76,10 @@ protected:
         config_.containersRoot = files_.path("containers");
     }
 
-    std::shared_ptr<LinuxApplicationRegistry> open()
+    using Scan = LinuxApplicationRegistry::InitialScan;
+    std::shared_ptr<LinuxApplicationRegistry> open(Scan scan = Scan::AtOpen)
     {
-        auto registry = LinuxApplicationRegistry::create(config_, bundles_, codeSigning_, sdks_);
+        auto registry = LinuxApplicationRegistry::create(config_, bundles_, codeSigning_, sdks_, scan);
         EXPECT_TRUE(registry.ok());
         return registry.ok() ? *registry : nullptr;
     }
@@ -386,20 +387,14 @@ TEST_F(LinuxApplicationRegistryTest, PurgeWhileTheWatcherRescansDoesNotDeadlock)
 // was down; an empty store is scanned before create() returns.
 TEST_F(LinuxApplicationRegistryTest, FirstScanCanBeLeftToTheWatcher)
 {
-    using Scan = LinuxApplicationRegistry::InitialScan;
     const std::string kept = writePlugIn("System/Library/PlugIns/K.vext", "com.k", "1", "p");
     const std::string gone = writePlugIn("System/Library/PlugIns/G.vext", "com.g", "1", "p");
-    {
-        auto first = LinuxApplicationRegistry::create(config_, bundles_, codeSigning_, sdks_, Scan::WhenWatching);
-        ASSERT_TRUE(first.ok());
-        EXPECT_EQ((*first)->allPlugIns().size(), 2u);
-    }
+    ASSERT_EQ(open(Scan::WhenWatching)->allPlugIns().size(), 2u);
 
     fs::remove_all(gone);
     const std::string added = writePlugIn("System/Library/PlugIns/N.vext", "com.n", "1", "p");
-    auto reopened = LinuxApplicationRegistry::create(config_, bundles_, codeSigning_, sdks_, Scan::WhenWatching);
-    ASSERT_TRUE(reopened.ok());
-    auto registry = *reopened;
+    auto registry = open(Scan::WhenWatching);
+    ASSERT_TRUE(registry);
     EXPECT_TRUE(registry->plugInAtPath(gone));
     EXPECT_FALSE(registry->plugInAtPath(added));
 
