@@ -1,5 +1,7 @@
 #include "base/EncodedDictionary.h"
 
+#include <algorithm>
+
 namespace tv {
 
 namespace {
@@ -53,7 +55,10 @@ MaybeError EncodedDictionary::appendWith(Bytes& out, std::span<const Change> cha
             ++count;
     }
     const std::size_t start = out.size();
-    out.reserve(start + bytes_.size() + 64 * changes.size());
+    // Grown geometrically: a reply appends many forms to one buffer.
+    const std::size_t need = start + bytes_.size() + 64 * changes.size();
+    if (out.capacity() < need)
+        out.reserve(std::max(need, 2 * out.capacity()));
     out.push_back(static_cast<std::uint8_t>(ValueTag::Dictionary));
     putU32(out, static_cast<std::uint32_t>(count));
 

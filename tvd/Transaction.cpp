@@ -585,6 +585,10 @@ void Transaction::replyMatches(TvdServer& db, MatchWork& work)
                   static_cast<std::uint8_t>(count >> 8),
                   static_cast<std::uint8_t>(count >> 16),
                   static_cast<std::uint8_t>(count >> 24)};
+        std::size_t size = out.size();
+        for (const auto& r : results)
+            size += r->encoded ? r->encoded->bytes().size() + 64 : 0;
+        out.reserve(size);
         bool spliced = true;
         for (std::size_t i = 0; spliced && i < results.size(); ++i) {
             auto c = changes(i);
