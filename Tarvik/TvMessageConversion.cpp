@@ -5,8 +5,8 @@
 namespace tv {
 
 namespace {
-constexpr std::uint8_t kMark = 0x76;
-constexpr std::uint8_t kEncodingVersion = 3;
+constexpr std::uint8_t kMark = kMessageEncodingMark;
+constexpr std::uint8_t kEncodingVersion = kMessageEncodingVersion;
 } // namespace
 
 Value plainValueForVyn(const Value& value)

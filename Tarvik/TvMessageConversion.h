@@ -20,6 +20,10 @@ inline constexpr std::int64_t kCurrentProtocolVersion = 3;
 
 Value plainValueForVyn(const Value& value);
 
+// The two bytes that begin the message encoding.
+inline constexpr std::uint8_t kMessageEncodingMark = 0x76;
+inline constexpr std::uint8_t kMessageEncodingVersion = 3;
+
 // The encoded data value, or null when the value cannot be encoded (nesting
 // deeper than the message limit).
 Value messageEncode(const Value& value);

@@ -5,8 +5,11 @@
 #include "Tarvik/TvDiscoveryFlags.h"
 #include "Tarvik/TvFileReadGrant.h"
 #include "Tarvik/TvLog.h"
+#include "Tarvik/TvMessageConversion.h"
 #include "Tarvik/TvVersionComparison.h"
+#include "base/EncodedDictionary.h"
 #include "base/InternalInconsistency.h"
+#include "base/ValueCodec.h"
 #include "platform/ipc/VynConnection.h"
 #include "platform/security/SandboxService.h"
 #include "platform/types/TypeConformanceSnapshot.h"
@@ -21,6 +24,7 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
@@ -88,11 +92,19 @@ struct Transaction::MatchWork {
     std::optional<std::string> ownPlugIns;
     std::vector<std::shared_ptr<TvdPlugIn>> candidates;
     std::vector<bool> held; // per candidate; empty under TvDiscoverAll
-    // Forms are shared so that an override mark set through the table
-    // reaches the form in the results.
-    std::vector<std::shared_ptr<Value>> results;
+    // A kept form, as the record keeps it, and the override marks it gets
+    // in this reply (a null mark removes the key, as Value::with() does).
+    struct Result {
+        Value form;
+        std::shared_ptr<const EncodedDictionary> encoded; // null: encode form whole
+        std::optional<Value> overrider;
+        std::optional<Value> overriding;
+    };
+    // Results are shared so that an override mark set through the table
+    // reaches the result in the list.
+    std::vector<std::shared_ptr<Result>> results;
     std::vector<std::shared_ptr<TvdPlugIn>> kept; // the plug-in of each result
-    std::unordered_map<std::string, std::shared_ptr<Value>> overrides;
+    std::unordered_map<std::string, std::shared_ptr<Result>> overrides;
 };
 
 // A walk over the elements of a request's array or dictionary that may span
@@ -489,7 +501,7 @@ void Transaction::matchPlugIns()
         const std::string* identifier = (*exported)["identifier"].asString();
         std::optional<std::string> version;
         for (auto it = results.begin(); it != results.end(); ++it) {
-            const Value& r = **it;
+            const Value& r = (*it)->form;
             const std::string* rIdentifier = r["identifier"].asString();
             if (!rIdentifier || !identifier || *rIdentifier != *identifier)
                 continue;
@@ -507,7 +519,8 @@ void Transaction::matchPlugIns()
         }
 
         // Annotations are added after the walk, for the survivors only.
-        auto form = std::make_shared<Value>(p->hostForm(*exported));
+        auto form = std::make_shared<MatchWork::Result>();
+        form->encoded = p->encodedHostForm(*exported, form->form);
         results.push_back(form);
         work->kept.push_back(p);
 
@@ -530,35 +543,74 @@ void Transaction::replyMatches(TvdServer& db, MatchWork& work)
     // Every form carries "annotations": the stored one, else an empty
     // dictionary; read in one pass on the database queue.
     auto annotations = db.annotationsForPlugIns(work.kept);
-    for (std::size_t i = 0; i < results.size(); ++i) {
-        const Value& a = annotations[i];
-        *results[i] = results[i]->with("annotations", a.isDictionary() ? a : Value::emptyDictionary());
-    }
+    for (auto& a : annotations)
+        if (!a.isDictionary())
+            a = Value::emptyDictionary();
 
     if (!work.overrides.empty()) {
         for (const auto& f : results) {
-            const std::string* identifier = (*f)["identifier"].asString();
+            const std::string* identifier = f->form["identifier"].asString();
             if (!identifier)
                 continue;
             auto o = work.overrides.find(*identifier);
             if (o == work.overrides.end())
                 continue;
-            Value overriderUuid = (*o->second)["uuid"];
-            Value overriddenIdentifier = (*f)["identifier"];
-            *f = f->with("overrider", overriderUuid);
-            *o->second = o->second->with("overriding", overriddenIdentifier);
-            TvLog::ops().info("plug-in %{public}@ overrides %{public}@", overriderUuid, (*f)["uuid"]);
+            Value overriderUuid = o->second->form["uuid"];
+            f->overrider = overriderUuid;
+            o->second->overriding = f->form["identifier"];
+            TvLog::ops().info("plug-in %{public}@ overrides %{public}@", overriderUuid, f->form["uuid"]);
         }
     }
 
     TvLog::ops().info("match returned %u plug-ins", results.size());
-    Array matches;
-    matches.reserve(results.size());
-    for (auto& f : results)
-        matches.push_back(std::move(*f));
-    Value converted = TvDaemonClient::convertToVYNVersion(Value(std::move(matches)), static_cast<std::int64_t>(version_));
-    if (!converted.isNull())
-        reply_.set("matches", std::move(converted));
+    // The entries each form gets in this reply, in key order.
+    auto changes = [&](std::size_t i) {
+        std::vector<EncodedDictionary::Change> c{{"annotations", annotations[i]}};
+        if (results[i]->overrider)
+            c.emplace_back("overrider", *results[i]->overrider);
+        if (results[i]->overriding)
+            c.emplace_back("overriding", *results[i]->overriding);
+        return c;
+    };
+    const auto version = static_cast<std::int64_t>(version_);
+    std::optional<Value> converted;
+    if (version == kCurrentProtocolVersion) {
+        // The message encoding of the array of forms, each form's kept bytes
+        // copied with its reply entries spliced in (EncodedDictionary).
+        const auto count = static_cast<std::uint32_t>(results.size());
+        Bytes out{kMessageEncodingMark,
+                  kMessageEncodingVersion,
+                  static_cast<std::uint8_t>(ValueTag::Array),
+                  static_cast<std::uint8_t>(count),
+                  static_cast<std::uint8_t>(count >> 8),
+                  static_cast<std::uint8_t>(count >> 16),
+                  static_cast<std::uint8_t>(count >> 24)};
+        std::size_t size = out.size();
+        for (const auto& r : results)
+            size += r->encoded ? r->encoded->bytes().size() + 64 : 0;
+        out.reserve(size);
+        bool spliced = true;
+        for (std::size_t i = 0; spliced && i < results.size(); ++i) {
+            auto c = changes(i);
+            spliced = results[i]->encoded && !results[i]->encoded->appendWith(out, c);
+        }
+        if (spliced)
+            converted = Value::data(std::move(out));
+    }
+    if (!converted) {
+        // A form without a kept encoding: the whole array is encoded.
+        Array matches;
+        matches.reserve(results.size());
+        for (std::size_t i = 0; i < results.size(); ++i) {
+            Value form = results[i]->form;
+            for (auto& [key, value] : changes(i))
+                form = form.with(key, std::move(value));
+            matches.push_back(std::move(form));
+        }
+        converted = TvDaemonClient::convertToVYNVersion(Value(std::move(matches)), version);
+    }
+    if (!converted->isNull())
+        reply_.set("matches", std::move(*converted));
     TvLog::ops().debug("reply marshalled");
     done();
 }

@@ -192,6 +192,7 @@ MaybeError TvdPlugIn::diagnose() const
 struct TvdPlugIn::HostFormCache {
     std::shared_ptr<platform::SandboxService> issuer;
     Value form;
+    std::shared_ptr<const EncodedDictionary> encoded; // null: cannot be encoded
 };
 
 Value TvdPlugIn::sharedResources() const
@@ -219,19 +220,40 @@ Result<Value> TvdPlugIn::exportFormOnce() const
     return exported;
 }
 
-Value TvdPlugIn::hostForm(const Value& exported) const
+const ValueCodecOptions& TvdPlugIn::hostFormEncoding()
+{
+    // The array of forms is depth 1 of the message encoding.
+    static const ValueCodecOptions options{.allowUrl = true, .maxDepth = ValueCodecOptions{}.maxDepth - 1};
+    return options;
+}
+
+std::shared_ptr<const TvdPlugIn::HostFormCache> TvdPlugIn::hostFormCache(const Value& exported) const
 {
     std::shared_ptr<platform::SandboxService> sandbox = platform::sandboxService();
     if (auto cached = hostForm_.load(); cached && cached->issuer == sandbox)
-        return cached->form;
+        return cached;
     Value shared = sharedResources();
-    if (shared.isNull())
-        return exported;
     bool complete = true;
-    Value form = exported.with("extensions", grantResources(shared, sandbox.get(), complete));
-    if (complete && sandbox)
-        hostForm_.store(std::make_shared<const HostFormCache>(HostFormCache{std::move(sandbox), form}));
-    return form;
+    Value form = shared.isNull() ? exported : exported.with("extensions", grantResources(shared, sandbox.get(), complete));
+    auto encoded = EncodedDictionary::make(form, hostFormEncoding());
+    auto made = std::make_shared<const HostFormCache>(HostFormCache{sandbox, std::move(form), std::move(encoded)});
+    // A form without grants does not depend on the service; one with grants
+    // is kept only when every grant was issued.
+    if (complete && (sandbox || shared.isNull()))
+        hostForm_.store(made);
+    return made;
+}
+
+Value TvdPlugIn::hostForm(const Value& exported) const
+{
+    return hostFormCache(exported)->form;
+}
+
+std::shared_ptr<const EncodedDictionary> TvdPlugIn::encodedHostForm(const Value& exported, Value& form) const
+{
+    auto kept = hostFormCache(exported);
+    form = kept->form;
+    return kept->encoded;
 }
 
 Value TvdPlugIn::prunedInfoDictionaryFor(const Value& dictionary)

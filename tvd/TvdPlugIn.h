@@ -22,6 +22,7 @@
 #pragma once
 
 #include "Tarvik/TvPlugInCore.h"
+#include "base/EncodedDictionary.h"
 #include "platform/registry/RegistryPlugInRecord.h"
 
 #include <atomic>
@@ -98,6 +99,13 @@ public:
     // plug-in. Not kept while a resource could not be granted, so that it is
     // tried (and logged) again next time.
     Value hostForm(const Value& exported) const;
+    // hostForm() (given in `form`) together with its encoding as an element
+    // of the "matches" array (the message encoding of whole values), kept
+    // with the form, so that a match copies each form's bytes instead of
+    // encoding it again. Null when the form cannot be encoded there.
+    std::shared_ptr<const EncodedDictionary> encodedHostForm(const Value& exported, Value& form) const;
+    // The options of that encoding: URLs allowed, one level below the array.
+    static const ValueCodecOptions& hostFormEncoding();
     // `dictionary` without the keys that begin with "DT".
     static Value prunedInfoDictionaryFor(const Value& dictionary);
     // Read-only tokens for resources relative to the bundle ("." is the
@@ -177,6 +185,9 @@ protected:
 
 private:
     struct HostFormCache;
+    // The kept host form for the current sandbox service, or a fresh one
+    // that is not kept (a resource could not be granted).
+    std::shared_ptr<const HostFormCache> hostFormCache(const Value& exported) const;
     // issueResourceExtensions() through `sandbox` (null: none, every grant
     // fails with ENOSYS); `complete` is cleared when a resource was left out.
     Value grantResources(const Value& resources, platform::SandboxService* sandbox, bool& complete) const;
