@@ -4,16 +4,6 @@
 
 namespace tv {
 
-namespace {
-
-void putU32(Bytes& out, std::uint32_t v)
-{
-    for (int i = 0; i < 4; ++i)
-        out.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
-}
-
-} // namespace
-
 std::shared_ptr<const EncodedDictionary> EncodedDictionary::make(Value dictionary, const ValueCodecOptions& options)
 {
     const Dictionary* d = dictionary.asDictionary();
@@ -25,13 +15,11 @@ std::shared_ptr<const EncodedDictionary> EncodedDictionary::make(Value dictionar
     ValueCodecOptions inner = options;
     inner.maxDepth = options.maxDepth - 1;
     Bytes& out = made->bytes_;
-    out.push_back(static_cast<std::uint8_t>(ValueTag::Dictionary));
-    putU32(out, static_cast<std::uint32_t>(d->size()));
+    appendContainerHeader(out, ValueTag::Dictionary, static_cast<std::uint32_t>(d->size()));
     made->offsets_.reserve(d->size() + 1);
     for (const auto& [key, entry] : *d) {
         made->offsets_.push_back(static_cast<std::uint32_t>(out.size()));
-        putU32(out, static_cast<std::uint32_t>(key.size()));
-        out.insert(out.end(), key.begin(), key.end());
+        appendDictionaryKey(out, key);
         if (encodeValue(entry, out, inner))
             return nullptr;
         if (out.size() > UINT32_MAX)
@@ -59,8 +47,7 @@ MaybeError EncodedDictionary::appendWith(Bytes& out, std::span<const Change> cha
     const std::size_t need = start + bytes_.size() + 64 * changes.size();
     if (out.capacity() < need)
         out.reserve(std::max(need, 2 * out.capacity()));
-    out.push_back(static_cast<std::uint8_t>(ValueTag::Dictionary));
-    putU32(out, static_cast<std::uint32_t>(count));
+    appendContainerHeader(out, ValueTag::Dictionary, static_cast<std::uint32_t>(count));
 
     ValueCodecOptions inner = options_;
     inner.maxDepth = options_.maxDepth - 1;
@@ -83,8 +70,7 @@ MaybeError EncodedDictionary::appendWith(Bytes& out, std::span<const Change> cha
         run = index;
         if (entry.isNull())
             continue;
-        putU32(out, static_cast<std::uint32_t>(key.size()));
-        out.insert(out.end(), key.begin(), key.end());
+        appendDictionaryKey(out, key);
         if (auto err = encodeValue(entry, out, inner)) {
             out.resize(start);
             return err;

@@ -108,8 +108,7 @@ MaybeError encode(const Value& v, Bytes& out, const ValueCodecOptions& opt, std:
     }
     case ValueKind::Array: {
         const Array& a = *v.asArray();
-        out.push_back(static_cast<std::uint8_t>(ValueTag::Array));
-        putU32(out, static_cast<std::uint32_t>(a.size()));
+        appendContainerHeader(out, ValueTag::Array, static_cast<std::uint32_t>(a.size()));
         for (const auto& e : a)
             if (auto err = encode(e, out, opt, depth + 1))
                 return err;
@@ -117,11 +116,9 @@ MaybeError encode(const Value& v, Bytes& out, const ValueCodecOptions& opt, std:
     }
     case ValueKind::Dictionary: {
         const Dictionary& d = *v.asDictionary();
-        out.push_back(static_cast<std::uint8_t>(ValueTag::Dictionary));
-        putU32(out, static_cast<std::uint32_t>(d.size()));
+        appendContainerHeader(out, ValueTag::Dictionary, static_cast<std::uint32_t>(d.size()));
         for (const auto& [k, e] : d) {
-            putU32(out, static_cast<std::uint32_t>(k.size()));
-            out.insert(out.end(), k.begin(), k.end());
+            appendDictionaryKey(out, k);
             if (auto err = encode(e, out, opt, depth + 1))
                 return err;
         }
@@ -389,6 +386,18 @@ bool isValidUtf8(std::string_view s)
         i += len;
     }
     return true;
+}
+
+void appendContainerHeader(Bytes& out, ValueTag tag, std::uint32_t count)
+{
+    out.push_back(static_cast<std::uint8_t>(tag));
+    putU32(out, count);
+}
+
+void appendDictionaryKey(Bytes& out, std::string_view key)
+{
+    putU32(out, static_cast<std::uint32_t>(key.size()));
+    out.insert(out.end(), key.begin(), key.end());
 }
 
 } // namespace tv

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
 
 namespace tv {
 
@@ -55,6 +56,12 @@ inline constexpr std::size_t kDecodedCostOverhead = 256;
 // Appends the encoding of `value` to `out`. Fails only for a URL when
 // !options.allowUrl, or for nesting deeper than options.maxDepth.
 MaybeError encodeValue(const Value& value, Bytes& out, const ValueCodecOptions& options = {});
+
+// Appends the header of an array or dictionary of `count` entries. What
+// follows is each entry's encoding, a dictionary's entries each preceded by
+// appendDictionaryKey(); for writers that assemble an encoding from parts.
+void appendContainerHeader(Bytes& out, ValueTag tag, std::uint32_t count);
+void appendDictionaryKey(Bytes& out, std::string_view key);
 
 // Decodes exactly one value that must span all of `bytes`. Empty strings,
 // data, arrays and dictionaries share one stored instance each, so that a

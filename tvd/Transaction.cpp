@@ -578,13 +578,8 @@ void Transaction::replyMatches(TvdServer& db, MatchWork& work)
         // The message encoding of the array of forms, each form's kept bytes
         // copied with its reply entries spliced in (EncodedDictionary).
         const auto count = static_cast<std::uint32_t>(results.size());
-        Bytes out{kMessageEncodingMark,
-                  kMessageEncodingVersion,
-                  static_cast<std::uint8_t>(ValueTag::Array),
-                  static_cast<std::uint8_t>(count),
-                  static_cast<std::uint8_t>(count >> 8),
-                  static_cast<std::uint8_t>(count >> 16),
-                  static_cast<std::uint8_t>(count >> 24)};
+        Bytes out{kMessageEncodingMark, kMessageEncodingVersion};
+        appendContainerHeader(out, ValueTag::Array, count);
         std::size_t size = out.size();
         for (const auto& r : results)
             size += r->encoded ? r->encoded->bytes().size() + 64 : 0;
