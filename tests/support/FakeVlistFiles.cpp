@@ -2,7 +2,6 @@
 
 #include "base/ValueCodec.h"
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -15,29 +14,19 @@ namespace tv::test {
 
 FakeVlistFiles::FakeVlistFiles()
 {
-    std::string pattern = (fs::temp_directory_path() / "tvd-vlist-XXXXXX").string();
-    if (!::mkdtemp(pattern.data()))
-        throw std::runtime_error("mkdtemp failed");
-    root_ = pattern;
-    ::chmod(root_.c_str(), 0755);
-}
-
-FakeVlistFiles::~FakeVlistFiles()
-{
-    std::error_code ec;
-    fs::remove_all(root_, ec);
+    ::chmod(root().c_str(), 0755);
 }
 
 std::string FakeVlistFiles::path(std::string_view relative) const
 {
-    return (fs::path(root_) / relative).string();
+    return (fs::path(root()) / relative).string();
 }
 
 std::string FakeVlistFiles::makeDirectory(std::string_view relative, unsigned mode) const
 {
     // Component by component, so that no directory takes its mode from the
     // umask.
-    fs::path dir = root_;
+    fs::path dir = root();
     for (const fs::path& part : fs::path(relative).relative_path()) {
         dir /= part;
         if (!fs::exists(dir)) {

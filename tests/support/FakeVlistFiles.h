@@ -8,6 +8,7 @@
 
 #include "base/Value.h"
 #include "platform/formats/VlistFileReader.h"
+#include "tests/support/TestDaemon.h"
 
 #include <string>
 #include <string_view>
@@ -16,14 +17,11 @@ namespace tv::test {
 
 class FakeVlistFiles {
 public:
-    // Makes a fresh directory (mode 0755) under the system's temporary
-    // directory; the destructor removes it with everything in it.
+    // Makes a fresh temporary directory (mode 0755), removed with everything
+    // in it when the object goes away.
     FakeVlistFiles();
-    ~FakeVlistFiles();
-    FakeVlistFiles(const FakeVlistFiles&) = delete;
-    FakeVlistFiles& operator=(const FakeVlistFiles&) = delete;
 
-    const std::string& root() const { return root_; }
+    const std::string& root() const { return dir_.path(); }
     // `relative` under the root.
     std::string path(std::string_view relative) const;
 
@@ -39,7 +37,7 @@ public:
     static platform::VlistFileReader reader();
 
 private:
-    std::string root_;
+    TempDir dir_;
 };
 
 } // namespace tv::test
