@@ -4,13 +4,11 @@
 // changes, and the annotation file across a restart. (Values the file cannot
 // hold: the store's unit test; a kill at any instant: tests/kill; huge
 // requests: FairnessTest and LockTest.)
-#include "platform/formats/Vlist.h"
 #include "tests/support/DaemonConnection.h"
 #include "tests/support/PlugInBundles.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 
 namespace tv {
 namespace {
@@ -55,15 +53,7 @@ protected:
         return ask([&](auto reply) { client().bulkSetPluginAnnotationsReply(annotations, reply); });
     }
     std::uint64_t notifications() { return test::annotationChanges(daemon_); }
-    // The annotation stored in the file for `identifier` (null: none).
-    Value stored(const std::string& identifier)
-    {
-        if (!std::filesystem::exists(file_))
-            return Value();
-        auto root = platform::readVlistFile(file_);
-        EXPECT_TRUE(root.ok()) << "the annotation file must always load";
-        return root.ok() ? (*root)["data"][identifier] : Value();
-    }
+    Value stored(const std::string& identifier) { return test::storedAnnotation(file_, identifier); }
 
     test::TempDir dir_, apps_;
     std::string file_ = dir_.file("Annotations");

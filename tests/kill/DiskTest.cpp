@@ -5,7 +5,6 @@
 // these under "unshare -rm" (and skips them where that is not allowed).
 // Without root a read-only directory is a mode; as (namespace) root, who
 // ignores modes, it is a read-only bind mount.
-#include "platform/formats/Vlist.h"
 #include "tests/kill/KilledDaemon.h"
 
 #include <gtest/gtest.h>
@@ -21,12 +20,7 @@
 namespace tv {
 namespace {
 
-Value stored(const std::string& file)
-{
-    auto root = platform::readVlistFile(file);
-    EXPECT_TRUE(root.ok()) << "the annotation file must always load";
-    return root.ok() ? (*root)["data"]["com.example.a"] : Value();
-}
+Value stored(const std::string& file) { return test::storedAnnotation(file, "com.example.a"); }
 
 TEST(DiskTest, AFullDiskFailsTheSaveAndLosesNothing)
 {

@@ -5,14 +5,12 @@
 // registry database passes SQLite's integrity check, and once the daemon is
 // back every acknowledged change is there. Long: run by scripts/kill-test
 // (TVD_KILL_ITERATIONS rounds, default 20), not by ctest.
-#include "platform/formats/Vlist.h"
 #include "tests/kill/KilledDaemon.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <future>
 #include <random>
 #include <set>
@@ -64,12 +62,7 @@ TEST(KillTest, EveryAcknowledgedChangeSurvivesAKillAtAnyInstant)
         burst.wait();
         d.daemon.stop(); // collects the killed process
 
-        std::int64_t stored = 0;
-        if (std::filesystem::exists(d.annotations)) {
-            auto file = platform::readVlistFile(d.annotations);
-            ASSERT_TRUE(file.ok()) << "the annotation file must always load: " << file.error().localizedDescription();
-            stored = (*file)["data"]["com.example.a"]["election"].integerValue();
-        }
+        std::int64_t stored = test::storedAnnotation(d.annotations, "com.example.a")["election"].integerValue();
         EXPECT_TRUE(stored == election || (inFlight == Op::Annotate && stored == election + 1)) << stored;
         if (stored == election + 1)
             ++election; // the change in flight made it: later rounds go on from it

@@ -1,9 +1,11 @@
 #include "tests/support/DaemonConnection.h"
 
 #include "platform/PlatformConfig.h"
+#include "platform/formats/Vlist.h"
 #include "platform/notify/LinuxNotificationService.h"
 #include "tvd/TvDatabase.h"
 
+#include <filesystem>
 #include <future>
 #include <gtest/gtest.h>
 
@@ -38,6 +40,15 @@ platform::Message DaemonConnection::send(const platform::Message& request)
 std::uint64_t annotationChanges(const TestDaemon& daemon)
 {
     return platform::LinuxNotificationService(daemon.root() + "/run/tvd").state(kAnnotationChangeNotification);
+}
+
+Value storedAnnotation(const std::string& file, const std::string& identifier)
+{
+    if (!std::filesystem::exists(file))
+        return Value();
+    auto root = platform::readVlistFile(file);
+    EXPECT_TRUE(root.ok()) << "the annotation file must always load: " << root.error().localizedDescription();
+    return root.ok() ? (*root)["data"][identifier] : Value();
 }
 
 } // namespace tv::test

@@ -28,5 +28,8 @@ private:
 
 // How often `daemon` has posted the annotation-change notification.
 std::uint64_t annotationChanges(const TestDaemon& daemon);
+// The annotation the daemon's annotation file `file` holds for `identifier`
+// (null: none, or no file yet). A file that does not load fails the test.
+Value storedAnnotation(const std::string& file, const std::string& identifier);
 
 } // namespace tv::test
