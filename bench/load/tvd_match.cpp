@@ -8,8 +8,9 @@
 // plug-in bundles in applications of 500 plug-ins each, spread over 200
 // extension points. The queried extension point always holds the same 50
 // plug-ins; every other plug-in is in one of the 199 other points (10,000
-// plug-ins: 50 in every point). tvd is started on a private socket and a
-// raw-protocol client sends the same "match" request (rules
+// plug-ins: 50 in every point). tvd is started on a private socket, left
+// until its start-up work has settled (its CPU use), and a raw-protocol
+// client sends the same "match" request (rules
 // {"KoExtensionPointIdentifier": point}) N times, one outstanding, after one
 // warm-up request that fills the daemon's record cache. The baseline sends
 // the same request frame to a thread on a Unix socket pair that answers with
@@ -40,6 +41,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -170,6 +172,39 @@ std::size_t formsIn(const Bytes& frame)
     return forms.asArray() ? forms.asArray()->size() : 0;
 }
 
+// The CPU time `pid` has used, in clock ticks (utime + stime).
+long cpuTicks(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i == 14)
+            utime = std::atol(field.c_str());
+        if (i == 15)
+            stime = std::atol(field.c_str());
+    }
+    return utime + stime;
+}
+
+// Waits until the daemon has used under 5% of a processor over half a
+// second: it answers on its socket before its start-up work (the registry's
+// index and watches) is done, and with 100,000 plug-ins that work would
+// otherwise run beside the measured requests.
+void waitUntilSettled(pid_t pid)
+{
+    const long perHalfSecond = ::sysconf(_SC_CLK_TCK) / 2;
+    for (long before = cpuTicks(pid);;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        long now = cpuTicks(pid);
+        if ((now - before) * 20 < perHalfSecond)
+            return;
+        before = now;
+    }
+}
+
 // One daemon run over the platform in `dir`: both requests, then the raw
 // baseline carrying that daemon's reply.
 Figures measure(const std::string& tvd, const std::string& dir, int plugIns, int rounds)
@@ -181,7 +216,10 @@ Figures measure(const std::string& tvd, const std::string& dir, int plugIns, int
     auto started = Clock::now();
     // Scanning 100,000 bundles takes a while on a busy machine.
     pid_t daemon = startTvd(tvd, dir, socket, std::chrono::seconds(600), "types_dir = " + dir + "/types\n");
-    std::fprintf(stderr, "tvd_match: %s up in %.1f s\n", tvd.c_str(), micros(Clock::now() - started) / 1e6);
+    auto up = Clock::now();
+    waitUntilSettled(daemon);
+    std::fprintf(stderr, "tvd_match: %s up in %.1f s, settled %.1f s later\n", tvd.c_str(),
+                 micros(up - started) / 1e6, micros(Clock::now() - up) / 1e6);
 
     Bytes frame = requestFrame(Value{{"KoExtensionPointIdentifier", pointName(0)}});
     Bytes ruleFrame = requestFrame(Value{{"KoExtensionPointIdentifier", pointName(0)},
@@ -228,11 +266,13 @@ Figures measure(const std::string& tvd, const std::string& dir, int plugIns, int
 
 // Writes the platform for `plugIns` once and measures each daemon on it,
 // alternating, `pairs` times. Returns one Figures per daemon: the medians
-// of its runs' figures.
-std::vector<Figures> measureSize(const std::vector<std::string>& daemons, int plugIns, int rounds, int pairs)
+// of its runs' figures. The platform's directory is added to `scratch`.
+std::vector<Figures> measureSize(const std::vector<std::string>& daemons, int plugIns, int rounds, int pairs,
+                                 std::vector<std::string>& scratch)
 {
     char templ[] = "/tmp/tvd-match-bench-XXXXXX";
     std::string dir = ::mkdtemp(templ);
+    scratch.push_back(dir);
     auto started = Clock::now();
     writePlatform(dir, plugIns);
     writeTypes(dir);
@@ -241,9 +281,6 @@ std::vector<Figures> measureSize(const std::vector<std::string>& daemons, int pl
     for (int pair = 0; pair < pairs; ++pair)
         for (std::size_t d = 0; d < daemons.size(); ++d)
             runs[d].push_back(measure(daemons[d], dir, plugIns, rounds));
-    started = Clock::now();
-    std::filesystem::remove_all(dir);
-    std::fprintf(stderr, "tvd_match: platform removed in %.1f s\n", micros(Clock::now() - started) / 1e6);
 
     std::vector<Figures> result;
     for (auto& list : runs) {
@@ -299,8 +336,9 @@ int main(int argc, char** argv)
 
     // all[d][s]: daemon d at size s.
     std::vector<std::vector<Figures>> all(daemons.size());
+    std::vector<std::string> scratch;
     for (int size : sizes) {
-        auto figures = measureSize(daemons, size, rounds, pairs);
+        auto figures = measureSize(daemons, size, rounds, pairs, scratch);
         for (std::size_t d = 0; d < daemons.size(); ++d)
             all[d].push_back(std::move(figures[d]));
     }
@@ -338,5 +376,9 @@ int main(int argc, char** argv)
                         all[0][s].tvd / all[1][s].tvd, same ? "identical" : "DIFFER");
         }
     }
+    std::fflush(stdout);
+    // Removing 100,000 bundles takes minutes on a busy disk: after the report.
+    for (const auto& dir : scratch)
+        std::filesystem::remove_all(dir);
     return 0;
 }
