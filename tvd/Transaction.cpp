@@ -97,6 +97,7 @@ struct Transaction::MatchWork {
     struct Result {
         Value form;
         std::shared_ptr<const EncodedDictionary> encoded; // null: encode form whole
+        const std::string* identifier = nullptr;          // the form's "identifier", when a string
         std::optional<Value> overrider;
         std::optional<Value> overriding;
     };
@@ -104,6 +105,9 @@ struct Transaction::MatchWork {
     // reaches the result in the list.
     std::vector<std::shared_ptr<Result>> results;
     std::vector<std::shared_ptr<TvdPlugIn>> kept; // the plug-in of each result
+    // How many results carry each identifier: a candidate whose identifier
+    // no result has skips the duplicate scan, which would find nothing.
+    std::unordered_map<std::string, std::size_t> identifiers;
     std::unordered_map<std::string, std::shared_ptr<Result>> overrides;
 };
 
@@ -499,11 +503,12 @@ void Transaction::matchPlugIns()
         // Duplicate resolution against the results so far, in order.
         auto& results = work->results;
         const std::string* identifier = (*exported)["identifier"].asString();
+        auto same = identifier ? work->identifiers.find(*identifier) : work->identifiers.end();
         std::optional<std::string> version;
-        for (auto it = results.begin(); it != results.end(); ++it) {
+        for (auto it = results.begin(); same != work->identifiers.end() && it != results.end(); ++it) {
             const Value& r = (*it)->form;
-            const std::string* rIdentifier = r["identifier"].asString();
-            if (!rIdentifier || !identifier || *rIdentifier != *identifier)
+            const std::string* rIdentifier = (*it)->identifier;
+            if (!rIdentifier || *rIdentifier != *identifier)
                 continue;
             if (!version)
                 version = versionText(p->version());
@@ -511,6 +516,8 @@ void Transaction::matchPlugIns()
             if (allVersions && (duplicates || order != TvOrdering::Same))
                 continue; // side by side; look at the next one
             if (order == TvOrdering::Descending || (order == TvOrdering::Same && preferredOver(*p, r))) {
+                if (--same->second == 0)
+                    work->identifiers.erase(same);
                 work->kept.erase(work->kept.begin() + (it - results.begin()));
                 results.erase(it);
                 break;
@@ -521,6 +528,9 @@ void Transaction::matchPlugIns()
         // Annotations are added after the walk, for the survivors only.
         auto form = std::make_shared<MatchWork::Result>();
         form->encoded = p->encodedHostForm(*exported, form->form);
+        form->identifier = form->form["identifier"].asString();
+        if (form->identifier)
+            ++work->identifiers[*form->identifier];
         results.push_back(form);
         work->kept.push_back(p);
 

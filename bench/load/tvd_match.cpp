@@ -1,20 +1,27 @@
 // tvd_match: the "match" request through the real daemon, against a raw
 // socket round trip that carries the same bytes, reported as ratios.
 //
-//   tvd_match --tvd PATH [--rounds N] [--sizes 1000,10000,100000]
+//   tvd_match --tvd PATH [--against PATH] [--pairs N] [--rounds N]
+//             [--sizes 1000,10000,100000]
 //
 // For each registry size a platform is written to a temporary directory:
 // plug-in bundles in applications of 500 plug-ins each, spread over 200
 // extension points. The queried extension point always holds the same 50
 // plug-ins; every other plug-in is in one of the 199 other points (10,000
-// plug-ins: 50 in every point). tvd is started on a private socket and a
-// raw-protocol client sends the same "match" request (rules
+// plug-ins: 50 in every point). tvd is started on a private socket, left
+// until its start-up work has settled (its CPU use), and a raw-protocol
+// client sends the same "match" request (rules
 // {"KoExtensionPointIdentifier": point}) N times, one outstanding, after one
 // warm-up request that fills the daemon's record cache. The baseline sends
 // the same request frame to a thread on a Unix socket pair that answers with
 // the exact reply frame that tvd sent: the cost of moving those bytes.
 // Reported: the median round trip of each, the ratio of tvd to the baseline,
 // and each size's tvd median against the 1,000 and 10,000 plug-in ones.
+//
+// With --against a second daemon build runs on the same platform, the two
+// alternating --pairs times (each run is a fresh daemon start); each figure
+// is the median of a build's runs, and the two builds' replies are compared
+// byte for byte.
 //
 // A second request adds rules that every candidate evaluates in the daemon
 // (a version floor and type-conformance tests against a types directory):
@@ -34,6 +41,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -60,6 +68,14 @@ std::string pointName(int i)
     return "com.bench.point" + std::to_string(i);
 }
 
+// A scratch file written plainly: no temporary, no sync. The platform is
+// thrown away after the run, and 100,000 synced atomic writes (two syncs
+// each) took minutes.
+void writeVlist(const std::string& path, const Value& value)
+{
+    std::ofstream(path, std::ios::binary) << platform::serializeVlist(value).value();
+}
+
 // Writes `count` plug-ins: the first kCandidates in point 0, the rest over
 // points 1..199 in turn.
 void writePlatform(const std::string& dir, int count)
@@ -69,13 +85,12 @@ void writePlatform(const std::string& dir, int count)
         std::string appDir = dir + "/apps/A" + std::to_string(app) + ".app";
         if (i % kPerApplication == 0) {
             std::filesystem::create_directories(appDir + "/PlugIns");
-            (void)platform::writeVlistFileAtomically(appDir + "/Info.vlist",
-                                                     Value{{"KbBundleIdentifier", "com.bench.app" + std::to_string(app)}});
+            writeVlist(appDir + "/Info.vlist", Value{{"KbBundleIdentifier", "com.bench.app" + std::to_string(app)}});
         }
         int point = i < kCandidates ? 0 : 1 + (i - kCandidates) % (kPoints - 1);
         std::string id = "com.bench.p" + std::to_string(i);
         std::string pdir = appDir + "/PlugIns/P" + std::to_string(i) + ".vext";
-        std::filesystem::create_directories(pdir);
+        std::filesystem::create_directory(pdir);
         Value info{{"KbBundleIdentifier", id},
                    {"KbBundleVersion", "1"},
                    {"KbBundleName", "Plug-in " + std::to_string(i)},
@@ -83,7 +98,7 @@ void writePlatform(const std::string& dir, int count)
                                          {"KoExtensionAttributes",
                                           Value{{"KoExtensionVersion", "1.2"},
                                                 {"SupportedTypes", Value(Array{"public.text", "public.jpeg"})}}}}}};
-        (void)platform::writeVlistFileAtomically(pdir + "/Info.vlist", info);
+        writeVlist(pdir + "/Info.vlist", info);
     }
 }
 
@@ -96,8 +111,7 @@ void writeTypes(const std::string& dir)
                                 {"public.jpeg", "public.image"}, {"public.text", "public.data"},
                                 {"public.movie", "public.data"}})
         declarations.push_back(Value{{"TypeIdentifier", type}, {"ConformsTo", parent}});
-    (void)platform::writeVlistFileAtomically(dir + "/types/bench.vlist",
-                                             Value{{"TypeDeclarations", Value(std::move(declarations))}});
+    writeVlist(dir + "/types/bench.vlist", Value{{"TypeDeclarations", Value(std::move(declarations))}});
 }
 
 struct Figures {
@@ -108,6 +122,7 @@ struct Figures {
     double tvd = 0;
     double rules = 0;
     double baseline = 0;
+    Bytes reply; // the last plain match reply frame
 };
 
 Bytes requestFrame(const Value& rules)
@@ -157,19 +172,54 @@ std::size_t formsIn(const Bytes& frame)
     return forms.asArray() ? forms.asArray()->size() : 0;
 }
 
-Figures measure(const std::string& tvd, int plugIns, int rounds)
+// The CPU time `pid` has used, in clock ticks (utime + stime).
+long cpuTicks(pid_t pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::string field;
+    long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i == 14)
+            utime = std::atol(field.c_str());
+        if (i == 15)
+            stime = std::atol(field.c_str());
+    }
+    return utime + stime;
+}
+
+// Waits until the daemon has used under 5% of a processor over half a
+// second: it answers on its socket before its start-up work (the registry's
+// index and watches) is done, and with 100,000 plug-ins that work would
+// otherwise run beside the measured requests.
+void waitUntilSettled(pid_t pid)
+{
+    const long perHalfSecond = ::sysconf(_SC_CLK_TCK) / 2;
+    for (long before = cpuTicks(pid);;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        long now = cpuTicks(pid);
+        if ((now - before) * 20 < perHalfSecond)
+            return;
+        before = now;
+    }
+}
+
+// One daemon run over the platform in `dir`: both requests, then the raw
+// baseline carrying that daemon's reply.
+Figures measure(const std::string& tvd, const std::string& dir, int plugIns, int rounds)
 {
     Figures f;
     f.plugIns = plugIns;
-    char templ[] = "/tmp/tvd-match-bench-XXXXXX";
-    std::string dir = ::mkdtemp(templ);
-    std::fprintf(stderr, "tvd_match: writing %d plug-ins\n", plugIns);
-    writePlatform(dir, plugIns);
     std::string socket = dir + "/vyn/tvd";
-    writeTypes(dir);
-    std::fprintf(stderr, "tvd_match: starting tvd\n");
+    ::unlink(socket.c_str());
+    auto started = Clock::now();
     // Scanning 100,000 bundles takes a while on a busy machine.
     pid_t daemon = startTvd(tvd, dir, socket, std::chrono::seconds(600), "types_dir = " + dir + "/types\n");
+    auto up = Clock::now();
+    waitUntilSettled(daemon);
+    std::fprintf(stderr, "tvd_match: %s up in %.1f s, settled %.1f s later\n", tvd.c_str(),
+                 micros(up - started) / 1e6, micros(Clock::now() - up) / 1e6);
 
     Bytes frame = requestFrame(Value{{"KoExtensionPointIdentifier", pointName(0)}});
     Bytes ruleFrame = requestFrame(Value{{"KoExtensionPointIdentifier", pointName(0)},
@@ -183,6 +233,7 @@ Figures measure(const std::string& tvd, int plugIns, int rounds)
     f.tvd = roundTrips(fd, frame, rounds, reply);
     f.forms = formsIn(reply);
     f.replyBytes = reply.size();
+    f.reply = reply;
     ::close(fd);
     ::kill(daemon, SIGTERM);
     ::waitpid(daemon, nullptr, 0);
@@ -210,21 +261,59 @@ Figures measure(const std::string& tvd, int plugIns, int rounds)
     ::close(sv[1]);
 
     f.baseline = median(baseTimes);
-    std::filesystem::remove_all(dir);
     return f;
+}
+
+// Writes the platform for `plugIns` once and measures each daemon on it,
+// alternating, `pairs` times. Returns one Figures per daemon: the medians
+// of its runs' figures. The platform's directory is added to `scratch`.
+std::vector<Figures> measureSize(const std::vector<std::string>& daemons, int plugIns, int rounds, int pairs,
+                                 std::vector<std::string>& scratch)
+{
+    char templ[] = "/tmp/tvd-match-bench-XXXXXX";
+    std::string dir = ::mkdtemp(templ);
+    scratch.push_back(dir);
+    auto started = Clock::now();
+    writePlatform(dir, plugIns);
+    writeTypes(dir);
+    std::fprintf(stderr, "tvd_match: %d plug-ins written in %.1f s\n", plugIns, micros(Clock::now() - started) / 1e6);
+    std::vector<std::vector<Figures>> runs(daemons.size());
+    for (int pair = 0; pair < pairs; ++pair)
+        for (std::size_t d = 0; d < daemons.size(); ++d)
+            runs[d].push_back(measure(daemons[d], dir, plugIns, rounds));
+
+    std::vector<Figures> result;
+    for (auto& list : runs) {
+        Figures f = list.back();
+        auto med = [&](double Figures::*field) {
+            std::vector<double> v;
+            for (const auto& r : list)
+                v.push_back(r.*field);
+            return median(v);
+        };
+        f.tvd = med(&Figures::tvd);
+        f.rules = med(&Figures::rules);
+        f.baseline = med(&Figures::baseline);
+        result.push_back(std::move(f));
+    }
+    return result;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    std::string tvd;
-    int rounds = 500;
+    std::string tvd, against;
+    int rounds = 500, pairs = 1;
     std::vector<int> sizes{1000, 10000, 100000};
     for (int i = 1; i + 1 < argc; i += 2) {
         std::string a = argv[i];
         if (a == "--tvd") {
             tvd = argv[i + 1];
+        } else if (a == "--against") {
+            against = argv[i + 1];
+        } else if (a == "--pairs") {
+            pairs = std::max(1, std::atoi(argv[i + 1]));
         } else if (a == "--rounds") {
             rounds = std::max(1, std::atoi(argv[i + 1]));
         } else if (a == "--sizes") {
@@ -236,32 +325,60 @@ int main(int argc, char** argv)
         }
     }
     if (tvd.empty() || sizes.empty()) {
-        std::fprintf(stderr, "usage: tvd_match --tvd PATH [--rounds N] [--sizes 1000,10000,100000]\n");
+        std::fprintf(stderr, "usage: tvd_match --tvd PATH [--against PATH] [--pairs N] [--rounds N] "
+                             "[--sizes 1000,10000,100000]\n");
         return 2;
     }
     std::signal(SIGPIPE, SIG_IGN);
+    std::vector<std::string> daemons{tvd};
+    if (!against.empty())
+        daemons.push_back(against);
 
-    std::vector<Figures> all;
-    for (int size : sizes)
-        all.push_back(measure(tvd, size, rounds));
-    double reference = 0, small = 0;
-    for (const auto& f : all) {
-        if (f.plugIns == 10000)
-            reference = f.tvd;
-        if (f.plugIns == 1000)
-            small = f.tvd;
+    // all[d][s]: daemon d at size s.
+    std::vector<std::vector<Figures>> all(daemons.size());
+    std::vector<std::string> scratch;
+    for (int size : sizes) {
+        auto figures = measureSize(daemons, size, rounds, pairs, scratch);
+        for (std::size_t d = 0; d < daemons.size(); ++d)
+            all[d].push_back(std::move(figures[d]));
     }
-    std::printf("match over %d extension points, %d candidates, median of %d round trips:\n", kPoints, kCandidates,
-                rounds);
-    for (const auto& f : all) {
-        std::printf("  %6d plug-ins: %zu forms, reply %zu bytes; tvd %8.1f us, raw socket %6.1f us, %.1fx raw",
-                    f.plugIns, f.forms, f.replyBytes, f.tvd, f.baseline, f.tvd / f.baseline);
-        if (small > 0)
-            std::printf(", %.2fx the 1,000", f.tvd / small);
-        if (reference > 0)
-            std::printf(", %.2fx the 10,000 plug-in match", f.tvd / reference);
-        std::printf("\n  %6s  with rules (version, type conformance): %zu forms, tvd %8.1f us, %.2fx without\n", "",
-                    f.ruleForms, f.rules, f.rules / f.tvd);
+    std::printf("match over %d extension points, %d candidates, median of %d round trips (median of %d runs):\n",
+                kPoints, kCandidates, rounds, pairs);
+    for (std::size_t d = 0; d < daemons.size(); ++d) {
+        double reference = 0, small = 0;
+        for (const auto& f : all[d]) {
+            if (f.plugIns == 10000)
+                reference = f.tvd;
+            if (f.plugIns == 1000)
+                small = f.tvd;
+        }
+        std::printf(" %s\n", daemons[d].c_str());
+        for (const auto& f : all[d]) {
+            std::printf("  %6d plug-ins: %zu forms, reply %zu bytes; tvd %8.1f us, raw socket %6.1f us, %.1fx raw",
+                        f.plugIns, f.forms, f.replyBytes, f.tvd, f.baseline, f.tvd / f.baseline);
+            if (small > 0)
+                std::printf(", %.2fx the 1,000", f.tvd / small);
+            if (reference > 0)
+                std::printf(", %.2fx the 10,000 plug-in match", f.tvd / reference);
+            std::printf("\n  %6s  with rules (version, type conformance): %zu forms, tvd %8.1f us, %.2fx without\n",
+                        "", f.ruleForms, f.rules, f.rules / f.tvd);
+        }
     }
+    // Both daemons answered on the same platform: their replies' bodies
+    // (past the header, which holds the message id) must be the same bytes.
+    if (daemons.size() == 2) {
+        for (std::size_t s = 0; s < sizes.size(); ++s) {
+            const Bytes& x = all[0][s].reply;
+            const Bytes& y = all[1][s].reply;
+            bool same = x.size() == y.size() && x.size() >= VynFrame::kHeaderSize &&
+                        std::equal(x.begin() + VynFrame::kHeaderSize, x.end(), y.begin() + VynFrame::kHeaderSize);
+            std::printf("  %6d plug-ins: tvd %.2fx against; reply bodies %s\n", sizes[s],
+                        all[0][s].tvd / all[1][s].tvd, same ? "identical" : "DIFFER");
+        }
+    }
+    std::fflush(stdout);
+    // Removing 100,000 bundles takes minutes on a busy disk: after the report.
+    for (const auto& dir : scratch)
+        std::filesystem::remove_all(dir);
     return 0;
 }
