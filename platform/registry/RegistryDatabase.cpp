@@ -19,6 +19,10 @@ namespace {
 
 constexpr const char* kLogCategory = "registry";
 constexpr int kBusyTimeoutMs = 5000;
+// Pages are read through a shared mapping of the file rather than copied
+// into SQLite's own page cache: opening reads every row, and a heap page
+// cache of the whole file costs an allocation and a copy per page.
+constexpr const char* kMmapPragma = "PRAGMA mmap_size = 268435456;";
 
 constexpr const char* kCreateSchema =
     "CREATE TABLE applications("
@@ -132,6 +136,8 @@ Result<sqlite3*> openAndPrepare(const std::string& path, bool* fileAtFault)
     sqlite3_extended_result_codes(db, 1);
 
     rc = sqlite3_exec(db, "PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;", nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK)
+        rc = sqlite3_exec(db, kMmapPragma, nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK)
         return fail(rc, "cannot switch " + path + " to WAL");
     const int version = userVersion(db, &rc);
@@ -252,32 +258,71 @@ Result<StoredRegistry> RegistryDatabase::load(bool* fileAtFault)
         stored.plugIns.reserve(static_cast<std::size_t>(sqlite3_column_int64(count.get(), 0)));
     }
     // In the table's own order, sorted here: ordering by path in SQL would
-    // seek every row through the path index.
+    // seek every row through the path index. The dictionaries' bytes go to
+    // one block, sized by the file (a hint: the log may hold more), and
+    // become values once every row is read.
     Statement stmt(db_, "SELECT uuid, path, application, identifier, version, registered, by_path, info, "
                         "entitlements FROM plugins");
     if (!stmt.ok())
         return sqliteError(db_, stmt.rc(), "cannot read plug-ins");
+    auto block = std::make_shared<StoredValue::Block>();
+    {
+        std::error_code ec;
+        const std::uintmax_t fileSize = fs::file_size(path_, ec);
+        if (!ec)
+            block->bytes.reserve(static_cast<std::size_t>(fileSize));
+    }
+    struct Extent {
+        std::size_t offset, size;
+    };
+    std::vector<Extent> extents; // info and entitlements of each row read
+    extents.reserve(2 * stored.plugIns.capacity());
+    auto append = [&](int column) {
+        const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt.get(), column));
+        const auto size = static_cast<std::size_t>(sqlite3_column_bytes(stmt.get(), column));
+        extents.push_back({block->bytes.size(), p ? size : 0});
+        if (p)
+            block->bytes.insert(block->bytes.end(), p, p + size);
+    };
+    auto textOf = [&](int column) {
+        const unsigned char* p = sqlite3_column_text(stmt.get(), column);
+        return p ? std::string_view(reinterpret_cast<const char*>(p),
+                                    static_cast<std::size_t>(sqlite3_column_bytes(stmt.get(), column)))
+                 : std::string_view();
+    };
     int rc;
     while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
         StoredPlugIn p;
-        std::optional<Uuid> uuid = Uuid::parse(stmt.text(0));
-        p.path = stmt.text(1);
+        std::optional<Uuid> uuid = Uuid::parse(textOf(0));
+        p.path = textOf(1);
         if (!uuid) {
             platformLog(LogLevel::Error, kLogCategory, "dropping unreadable plug-in row %{public}s", p.path);
             continue;
         }
         p.uuid = *uuid;
-        p.applicationPath = stmt.text(2);
-        p.identifier = stmt.text(3);
-        p.version = stmt.text(4);
+        p.applicationPath = textOf(2);
+        p.identifier = textOf(3);
+        p.version = textOf(4);
         p.registered = Date::fromMicroseconds(sqlite3_column_int64(stmt.get(), 5));
         p.registeredByPath = sqlite3_column_int(stmt.get(), 6) != 0;
-        p.info = StoredValue::fromEncoding(stmt.bytes(7));
-        p.entitlements = StoredValue::fromEncoding(stmt.bytes(8));
+        append(7);
+        append(8);
         stored.plugIns.push_back(std::move(p));
     }
     if (rc != SQLITE_DONE)
         return sqliteError(db_, rc, "cannot read plug-ins");
+    block->states = std::make_unique<StoredValue::State[]>(extents.size());
+    auto valueAt = [&](std::size_t i) {
+        StoredValue::State& state = block->states[i];
+        state.bytes = std::span<const std::uint8_t>(block->bytes.data() + extents[i].offset, extents[i].size);
+        StoredValue value;
+        value.state_ = std::shared_ptr<StoredValue::State>(block, &state);
+        return value;
+    };
+    for (std::size_t i = 0; i < stored.plugIns.size(); ++i) {
+        stored.plugIns[i].info = valueAt(2 * i);
+        stored.plugIns[i].entitlements = valueAt(2 * i + 1);
+    }
     std::sort(stored.plugIns.begin(), stored.plugIns.end(),
               [](const StoredPlugIn& a, const StoredPlugIn& b) { return a.path < b.path; });
     return stored;
@@ -362,14 +407,6 @@ StoredValue::StoredValue(Value value) : state_(std::make_shared<State>())
     state_->decoded.store(true, std::memory_order_release);
 }
 
-StoredValue StoredValue::fromEncoding(Bytes bytes)
-{
-    StoredValue stored;
-    stored.state_ = std::make_shared<State>();
-    stored.state_->bytes = std::move(bytes);
-    return stored;
-}
-
 // Decodes once, whichever thread reads first; no system call when the
 // value is already there (std::call_once makes one on every first call).
 const StoredValue::State* StoredValue::decodedState() const
@@ -378,7 +415,7 @@ const StoredValue::State* StoredValue::decodedState() const
         return state_.get();
     std::lock_guard lock(state_->decoding);
     if (!state_->decoded.load(std::memory_order_relaxed)) {
-        Result<Value> decoded = decodeValue(std::span<const std::uint8_t>(state_->bytes.data(), state_->bytes.size()));
+        Result<Value> decoded = decodeValue(state_->bytes);
         if (decoded)
             state_->value = std::move(*decoded);
         else
@@ -406,7 +443,7 @@ Bytes StoredValue::encoding() const
     // Still encoded: the bytes as stored (a decoding that was made since
     // leaves them in place).
     if (state_ && !state_->bytes.empty())
-        return state_->bytes;
+        return Bytes(state_->bytes.begin(), state_->bytes.end());
     Bytes out;
     // Stored dictionaries come from parsed vlist files, which never nest
     // deeper than the codec allows; a failure leaves an empty blob, which

@@ -208,10 +208,15 @@ TEST_F(LinuxApplicationRegistryTest, UuidsSurviveRestartsAndEveryChangeIsAnnounc
     writeApp("A.app");
     const std::string b = writePlugIn("System/Library/PlugIns/B.vext", "com.b", "1", "p");
     const std::string c = writePlugIn("System/Library/PlugIns/C.vext", "com.c", "1", "p");
-    ASSERT_EQ(open()->allPlugIns().size(), 3u);
+    const auto scanned = open()->allPlugIns();
+    ASSERT_EQ(scanned.size(), 3u);
     auto registry = open(); // a second run reads what the first stored
     auto oldA = registry->plugInAtPath(a), oldB = registry->plugInAtPath(b), oldC = registry->plugInAtPath(c);
     ASSERT_TRUE(oldA && oldB && oldC);
+    // Records made from the stored, still encoded rows answer as the scan's did.
+    for (const auto& [fresh, stored] : {std::pair(scanned[0], oldA), std::pair(scanned[1], oldB)})
+        EXPECT_EQ(std::tuple(fresh->uuid, fresh->infoDictionary, fresh->plugInDictionary, fresh->entitlements),
+                  std::tuple(stored->uuid, stored->infoDictionary, stored->plugInDictionary, stored->entitlements));
     auto observer = std::make_shared<RecordingObserver>(registry.get());
     registry->addObserver(observer);
 
