@@ -74,6 +74,18 @@ void TvDaemonClient::sendReply(Message request, Reply reply)
     });
 }
 
+platform::VynEvent TvDaemonClient::sendAndWait(Message request)
+{
+    const TvLog& traffic = TvLog::traffic();
+    if (traffic.enabled(LogLevel::Debug))
+        traffic.debug("request: %@", request.description());
+    request.setExpectsReply(true);
+    VynEvent answer = tvd_->sendWithReplySync(std::move(request));
+    if (traffic.enabled(LogLevel::Debug))
+        traffic.debug("reply: %@", platform::eventDescription(answer));
+    return answer;
+}
+
 std::optional<TvError> TvDaemonClient::errorInReply(const VynEvent& answer)
 {
     if (auto err = platform::eventError(answer))
@@ -104,75 +116,125 @@ Value TvDaemonClient::convertToVYNVersion(const Value& value, std::int64_t versi
     return messageEncode(value);
 }
 
-void TvDaemonClient::addPlugInsReply(const std::vector<std::string>& paths, Reply reply)
+Message TvDaemonClient::addPlugInsRequest(const std::vector<std::string>& paths) const
 {
-    sendReply(requestPaths("add", paths), std::move(reply));
+    return requestPaths("add", paths);
 }
 
-void TvDaemonClient::removePlugInsReply(const std::vector<std::string>& paths, Reply reply)
+Message TvDaemonClient::removePlugInsRequest(const std::vector<std::string>& paths) const
 {
-    sendReply(requestPaths("remove", paths), std::move(reply));
+    return requestPaths("remove", paths);
 }
 
-void TvDaemonClient::bulkPluginsReply(std::uint64_t flags, Reply reply)
+Message TvDaemonClient::bulkPluginsRequest(std::uint64_t flags) const
 {
     Message m = request("bulk");
     m.set("flags", Value(flags));
-    sendReply(std::move(m), std::move(reply));
+    return m;
 }
 
-void TvDaemonClient::readyPlugInsFlagsReply(const std::vector<Uuid>& uuids, std::uint64_t flags, Reply reply)
+Message TvDaemonClient::readyPlugInsRequest(const std::vector<Uuid>& uuids, std::uint64_t flags) const
 {
     Message m = request("ready");
     m.set("flags", Value(flags));
     setUuids(m, uuids);
-    sendReply(std::move(m), std::move(reply));
+    return m;
 }
 
-void TvDaemonClient::accessPlugInsFlagsReply(const std::vector<Uuid>& uuids, std::uint64_t flags, Reply reply)
+Message TvDaemonClient::accessPlugInsRequest(const std::vector<Uuid>& uuids, std::uint64_t flags) const
 {
     Message m = request("access");
     m.set("flags", Value(flags));
     setUuids(m, uuids);
-    sendReply(std::move(m), std::move(reply));
+    return m;
 }
 
-void TvDaemonClient::matchPlugInsFlagsReply(const Value& rules, std::uint64_t flags, Reply reply)
+Message TvDaemonClient::matchPlugInsRequest(const Value& rules, std::uint64_t flags) const
 {
     Message m = request("match");
     m.set("rules", plainValueForVyn(rules));
     m.set("flags", Value(flags));
-    sendReply(std::move(m), std::move(reply));
+    return m;
+}
+
+Message TvDaemonClient::setPluginAnnotationsRequest(const std::vector<Uuid>& uuids, const Value& annotations) const
+{
+    Message m = request("annotate");
+    setUuids(m, uuids);
+    m.set("annotations", plainValueForVyn(annotations));
+    return m;
+}
+
+Message TvDaemonClient::bulkSetPluginAnnotationsRequest(const Value& annotations) const
+{
+    Message m = request("bulk-annotate");
+    m.set("annotations", plainValueForVyn(annotations));
+    return m;
+}
+
+Message TvDaemonClient::holdPluginsRequest(const std::vector<std::string>& paths, std::uint64_t flags) const
+{
+    Message m = requestPaths("lock", paths);
+    m.set("flags", Value(flags));
+    return m;
+}
+
+Message TvDaemonClient::releaseHoldRequest(const Uuid& token) const
+{
+    Message m = request("lock");
+    setUuids(m, {token});
+    return m;
+}
+
+void TvDaemonClient::addPlugInsReply(const std::vector<std::string>& paths, Reply reply)
+{
+    sendReply(addPlugInsRequest(paths), std::move(reply));
+}
+
+void TvDaemonClient::removePlugInsReply(const std::vector<std::string>& paths, Reply reply)
+{
+    sendReply(removePlugInsRequest(paths), std::move(reply));
+}
+
+void TvDaemonClient::bulkPluginsReply(std::uint64_t flags, Reply reply)
+{
+    sendReply(bulkPluginsRequest(flags), std::move(reply));
+}
+
+void TvDaemonClient::readyPlugInsFlagsReply(const std::vector<Uuid>& uuids, std::uint64_t flags, Reply reply)
+{
+    sendReply(readyPlugInsRequest(uuids, flags), std::move(reply));
+}
+
+void TvDaemonClient::accessPlugInsFlagsReply(const std::vector<Uuid>& uuids, std::uint64_t flags, Reply reply)
+{
+    sendReply(accessPlugInsRequest(uuids, flags), std::move(reply));
+}
+
+void TvDaemonClient::matchPlugInsFlagsReply(const Value& rules, std::uint64_t flags, Reply reply)
+{
+    sendReply(matchPlugInsRequest(rules, flags), std::move(reply));
 }
 
 void TvDaemonClient::setPluginAnnotationsAnnotationsReply(const std::vector<Uuid>& uuids, const Value& annotations,
                                                           Reply reply)
 {
-    Message m = request("annotate");
-    setUuids(m, uuids);
-    m.set("annotations", plainValueForVyn(annotations));
-    sendReply(std::move(m), std::move(reply));
+    sendReply(setPluginAnnotationsRequest(uuids, annotations), std::move(reply));
 }
 
 void TvDaemonClient::bulkSetPluginAnnotationsReply(const Value& annotations, Reply reply)
 {
-    Message m = request("bulk-annotate");
-    m.set("annotations", plainValueForVyn(annotations));
-    sendReply(std::move(m), std::move(reply));
+    sendReply(bulkSetPluginAnnotationsRequest(annotations), std::move(reply));
 }
 
 void TvDaemonClient::holdPluginsFlagsReply(const std::vector<std::string>& paths, std::uint64_t flags, Reply reply)
 {
-    Message m = requestPaths("lock", paths);
-    m.set("flags", Value(flags));
-    sendReply(std::move(m), std::move(reply));
+    sendReply(holdPluginsRequest(paths, flags), std::move(reply));
 }
 
 void TvDaemonClient::releaseHoldReply(const Uuid& token, Reply reply)
 {
-    Message m = request("lock");
-    setUuids(m, {token});
-    sendReply(std::move(m), std::move(reply));
+    sendReply(releaseHoldRequest(token), std::move(reply));
 }
 
 } // namespace tv

@@ -7,8 +7,13 @@
 // message, or a VynError when the connection broke or the daemon cannot be
 // reached. errorInReply() turns an answer into an error value.
 //
-// Thread-safety: calls may come from any thread; all completions and
-// connection events of one client run on its queue, in delivery order.
+// A caller that waits for the answer sends with sendAndWait() instead: the
+// IPC thread hands the reply straight to it (one thread hand-off instead of
+// two), and no completion runs.
+//
+// Thread-safety: calls may come from any thread (sendAndWait() also from a
+// completion); all completions and connection events of one client run on
+// its queue, in delivery order.
 #pragma once
 
 #include "base/SerialQueue.h"
@@ -49,6 +54,8 @@ public:
     platform::Message requestPaths(const std::string& type, const std::vector<std::string>& paths) const;
     static void setUuids(platform::Message& request, const std::vector<Uuid>& uuids);
     void sendReply(platform::Message request, Reply reply);
+    // Sends `request` and returns its answer (the reply, or a VynError).
+    platform::VynEvent sendAndWait(platform::Message request);
 
     // The answer's error: code 4 with the transport's text for a connection
     // error; null for success. A reply with an "error" text but no code
@@ -60,6 +67,18 @@ public:
     Value convertFromVYN(const Value& encoded) const;
     // The message encoding of `value` for protocol `version` 3, else null.
     static Value convertToVYNVersion(const Value& value, std::int64_t version);
+
+    // The requests of the calls below, for sendAndWait().
+    platform::Message addPlugInsRequest(const std::vector<std::string>& paths) const;
+    platform::Message removePlugInsRequest(const std::vector<std::string>& paths) const;
+    platform::Message bulkPluginsRequest(std::uint64_t flags) const;
+    platform::Message readyPlugInsRequest(const std::vector<Uuid>& uuids, std::uint64_t flags) const;
+    platform::Message accessPlugInsRequest(const std::vector<Uuid>& uuids, std::uint64_t flags) const;
+    platform::Message matchPlugInsRequest(const Value& rules, std::uint64_t flags) const;
+    platform::Message setPluginAnnotationsRequest(const std::vector<Uuid>& uuids, const Value& annotations) const;
+    platform::Message bulkSetPluginAnnotationsRequest(const Value& annotations) const;
+    platform::Message holdPluginsRequest(const std::vector<std::string>& paths, std::uint64_t flags) const;
+    platform::Message releaseHoldRequest(const Uuid& token) const;
 
     void addPlugInsReply(const std::vector<std::string>& paths, Reply reply);
     void removePlugInsReply(const std::vector<std::string>& paths, Reply reply);

@@ -14,7 +14,7 @@ std::shared_ptr<RoundRobinScheduler> RoundRobinScheduler::create(std::shared_ptr
 void RoundRobinScheduler::submit(const void* owner, Step step)
 {
     std::lock_guard lock(mutex_);
-    Owner& entry = owners_[owner];
+    Owner& entry = entryFor(owner);
     entry.steps.push_back(std::move(step));
     ++pending_;
     if (entry.steps.size() == 1)
@@ -24,7 +24,7 @@ void RoundRobinScheduler::submit(const void* owner, Step step)
 void RoundRobinScheduler::hold(const void* owner)
 {
     std::lock_guard lock(mutex_);
-    Owner& entry = owners_[owner];
+    Owner& entry = entryFor(owner);
     if (entry.held)
         return;
     entry.held = true;
@@ -65,10 +65,27 @@ void RoundRobinScheduler::scheduleTurn()
     queue_->async([self = shared_from_this()] { self->turn(); });
 }
 
+RoundRobinScheduler::Owner& RoundRobinScheduler::entryFor(const void* owner)
+{
+    if (auto it = owners_.find(owner); it != owners_.end())
+        return it->second;
+    if (spares_.empty())
+        return owners_[owner];
+    auto node = std::move(spares_.back());
+    spares_.pop_back();
+    node.key() = owner;
+    return owners_.insert(std::move(node)).position->second;
+}
+
 void RoundRobinScheduler::forgetIfIdle(const void* owner)
 {
+    constexpr std::size_t kMaxSpares = 64;
     auto it = owners_.find(owner);
-    if (it != owners_.end() && it->second.steps.empty() && !it->second.held && !it->second.running)
+    if (it == owners_.end() || !it->second.steps.empty() || it->second.held || it->second.running)
+        return;
+    if (spares_.size() < kMaxSpares)
+        spares_.push_back(owners_.extract(it));
+    else
         owners_.erase(it);
 }
 

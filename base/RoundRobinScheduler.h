@@ -31,6 +31,7 @@
 #include <memory>
 #include <mutex>
 #include <unordered_map>
+#include <vector>
 
 namespace tv {
 
@@ -73,9 +74,16 @@ private:
     // Runs turns: the front step of the next owner in the ring, and so on.
     void turn();
 
+    // The owner's entry, made (or taken from the spares) when missing.
+    Owner& entryFor(const void* owner);
+
     const std::shared_ptr<SerialQueue> queue_;
     mutable std::mutex mutex_;
     std::unordered_map<const void*, Owner> owners_;
+    // Entries of owners gone idle, kept with their storage: an owner with
+    // one request at a time comes and goes with each request, and reusing
+    // its entry saves the allocations (freed on another thread) each time.
+    std::vector<std::unordered_map<const void*, Owner>::node_type> spares_;
     std::deque<const void*> ring_; // owners with work, not held, not running
     std::size_t pending_ = 0;
     bool turnQueued_ = false;

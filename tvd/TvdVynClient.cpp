@@ -87,12 +87,14 @@ void TvdVynClient::handleRequest(const platform::Message& message)
 {
     if (TvdTrace::requestInputEnabled())
         TvdTrace::requestInput(pid_, message.description());
-    auto transaction = std::make_shared<Transaction>(message, shared_from_this());
+    // The transaction is made when the request first runs, on the thread
+    // that serves it and lets it go: the connection's thread only queues.
     auto client = shared_from_this();
-    server_->requestScheduler()->submit(this, [client, transaction, started = false]() mutable {
-        if (started)
+    server_->requestScheduler()->submit(this, [client, message,
+                                               transaction = std::shared_ptr<Transaction>()]() mutable {
+        if (transaction)
             return transaction->resume();
-        started = true;
+        transaction = std::make_shared<Transaction>(std::move(message), client);
         ++client->requestCount_;
         client->server_->noteRequestServed();
         if (client->requestCount_ % 1000 == 0)

@@ -10,7 +10,8 @@
 //   echo       a minimal daemon with one I/O thread (epoll) and one worker
 //              thread, handing each request to the worker and its reply back;
 // and tvd itself (started here on a private socket), through a raw-protocol
-// client and through the client library (TvDaemonClient). Latency is the
+// client and through the client library (TvDaemonClient: a caller waiting
+// for the answer, and a completion on its reply queue). Latency is the
 // median round trip with one request outstanding; load is C connections
 // driven by one raw-protocol generator thread, W requests in flight each,
 // R requests per connection. Each measurement is repeated K times,
@@ -241,9 +242,25 @@ std::vector<double> rawLatency(const std::string& path, int rounds)
     return out;
 }
 
-// Round trips with one request outstanding through the client library.
+// Round trips with one request outstanding through the client library: the
+// caller waits for each answer (sendAndWait).
 std::vector<double> libraryLatency(const std::shared_ptr<platform::VynService>& vyn, const std::string& path,
                                    int rounds)
+{
+    TvDaemonClient client(vyn, path.c_str());
+    std::vector<double> out;
+    for (int i = 0; i < rounds; ++i) {
+        auto t = Clock::now();
+        client.sendAndWait(client.bulkPluginsRequest(0));
+        out.push_back(micros(Clock::now() - t));
+    }
+    return out;
+}
+
+// The same with a completion, which runs on the client's reply queue and
+// wakes the waiting caller.
+std::vector<double> completionLatency(const std::shared_ptr<platform::VynService>& vyn, const std::string& path,
+                                      int rounds)
 {
     TvDaemonClient client(vyn, path.c_str());
     std::vector<double> out;
@@ -404,13 +421,14 @@ int main(int argc, char** argv)
     auto config = platform::PlatformConfig::load();
     auto vyn = std::shared_ptr<platform::VynService>(platform::LinuxVynService::create(*config));
 
-    std::vector<double> pp, ec, raw, lib, echoTput, tvdTput, echoP99, tvdP99;
+    std::vector<double> pp, ec, raw, lib, done, echoTput, tvdTput, echoP99, tvdP99;
     for (int k = 0; k < repeat; ++k) {
         std::fprintf(stderr, "tvd_latency: run %d of %d\n", k + 1, repeat);
         pp.push_back(median(pingPong(rounds)));
         ec.push_back(median(rawLatency(echoPath, rounds)));
         raw.push_back(median(rawLatency(tvdPath, rounds)));
         lib.push_back(median(libraryLatency(vyn, tvdPath, rounds)));
+        done.push_back(median(completionLatency(vyn, tvdPath, rounds)));
         Load e = rawLoad(echoPath, clients, requests, window);
         Load t = rawLoad(tvdPath, clients, requests, window);
         echoTput.push_back(e.perSecond);
@@ -429,6 +447,7 @@ int main(int argc, char** argv)
     std::printf("  echo daemon, raw client     %7.1f us  %.2fx ping-pong\n", median(ec), median(ec) / ppm);
     std::printf("  tvd, raw client             %7.1f us  %.2fx ping-pong\n", median(raw), median(raw) / ppm);
     std::printf("  tvd, client library         %7.1f us  %.2fx ping-pong\n", median(lib), median(lib) / ppm);
+    std::printf("  tvd, library completion     %7.1f us  %.2fx ping-pong\n", median(done), median(done) / ppm);
     std::printf("load: %d clients x %d requests, %d in flight each:\n", clients, requests, window);
     std::printf("  echo daemon  %9.0f requests/s  p99 %7.0f us\n", median(echoTput), median(echoP99));
     std::printf("  tvd          %9.0f requests/s  p99 %7.0f us  throughput %.2fx echo\n", median(tvdTput),

@@ -1,5 +1,6 @@
 #include "platform/ipc/LinuxVynConnection.h"
 
+#include "base/InternalInconsistency.h"
 #include "base/ValueCodec.h"
 
 #include "platform/log/PlatformLog.h"
@@ -7,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <malloc.h>
 #include <sys/epoll.h>
@@ -82,6 +84,7 @@ public:
     Ticket& operator=(const Ticket&) = delete;
 
     bool released() const { return released_.load(); }
+    std::size_t bytes() const { return bytes_; }
 
     // Any thread, holding none of the connection's locks. The bookkeeping
     // is done here; the runtime's thread is woken only when reading must
@@ -89,14 +92,26 @@ public:
     // be given back.
     void release()
     {
-        if (released_.exchange(true))
+        if (!claim())
             return;
-        VynConnectionTable::Released freed;
-        if (table_)
-            freed = table_->release(uid_, bytes_);
         bool resume = false;
         if (auto c = connection_.lock())
             resume = c->requestDone(requestId_, this, bytes_);
+        releaseClaimed(resume);
+    }
+
+    // True for the one caller that gives the ticket back. One that holds
+    // the connection's output lock (a reply being sent) counts the request
+    // done under it and finishes with releaseClaimed() after the lock.
+    bool claim() { return !released_.exchange(true); }
+
+    // Gives back the uid's share; `resume`: the connection counted the
+    // request done and its reading waits to resume.
+    void releaseClaimed(bool resume)
+    {
+        VynConnectionTable::Released freed;
+        if (table_)
+            freed = table_->release(uid_, bytes_);
         if (!resume && freed.waiters.empty() && !freed.trimMemory)
             return;
         runtime_->post([connection = connection_, resume, freed = std::move(freed)] {
@@ -204,7 +219,8 @@ void LinuxVynConnection::send(Message message)
         platformLog(LogLevel::Error, "vyn", "%{public}s: message dropped: %{public}s", description_,
                     frame.error().localizedDescription());
     std::optional<Failure> failure;
-    std::shared_ptr<Ticket> answered; // released after the lock
+    std::shared_ptr<Ticket> answered; // its uid's share is given back after the lock
+    bool resume = false;
     {
         std::lock_guard lock(outMutex_);
         if (frame && !closed_) {
@@ -212,18 +228,51 @@ void LinuxVynConnection::send(Message message)
             failure = enqueueLocked(std::move(frame).value());
         }
         // A reply that could not be encoded still answers its request, or
-        // the connection would stop reading for good.
-        if (replyTo != 0)
+        // the connection would stop reading for good. The request is
+        // counted done under this same lock.
+        if (replyTo != 0) {
             answered = answeredLocked(replyTo);
+            if (answered && answered->claim())
+                resume = requestDoneLocked(answered->bytes());
+            else
+                answered.reset();
+        }
     }
     afterWrite(std::move(failure));
     if (answered)
-        answered->release();
+        answered->releaseClaimed(resume);
 }
 
 void LinuxVynConnection::sendWithReply(Message message, std::shared_ptr<SerialQueue> queue, ReplyHandler handler)
 {
-    auto pending = std::make_shared<PendingReply>(PendingReply{queue ? std::move(queue) : queue_, std::move(handler)});
+    sendRequest(std::move(message),
+                std::make_shared<PendingReply>(PendingReply{queue ? std::move(queue) : queue_, std::move(handler)}));
+}
+
+VynEvent LinuxVynConnection::sendWithReplySync(Message message)
+{
+    if (runtime_->isCurrent())
+        raiseInternalInconsistency("synchronous request on the thread that reads its reply");
+    struct Waiter {
+        std::mutex mutex;
+        std::condition_variable answered;
+        std::optional<VynEvent> answer;
+    };
+    auto waiter = std::make_shared<Waiter>();
+    sendRequest(std::move(message), std::make_shared<PendingReply>(PendingReply{nullptr, [waiter](const VynEvent& a) {
+                    {
+                        std::lock_guard lock(waiter->mutex);
+                        waiter->answer = a;
+                    }
+                    waiter->answered.notify_one();
+                }}));
+    std::unique_lock lock(waiter->mutex);
+    waiter->answered.wait(lock, [&] { return waiter->answer.has_value(); });
+    return std::move(*waiter->answer);
+}
+
+void LinuxVynConnection::sendRequest(Message message, std::shared_ptr<PendingReply> pending)
+{
     auto frame = VynFrame::encode(message, true, limits_.maxDepth);
     if (!frame) {
         failReply(pending, VynError{VynError::Kind::Other,
@@ -585,7 +634,7 @@ void LinuxVynConnection::dispatch(Message message, std::size_t cost)
                         message.replyTo());
             return;
         }
-        pending->queue->async([pending, message = std::move(message)] { pending->handler(message); });
+        deliverReply(pending, std::move(message));
         return;
     }
     if (role_ == Role::Accepted) {
@@ -599,7 +648,7 @@ void LinuxVynConnection::dispatch(Message message, std::size_t cost)
             ++inFlight_;
             queuedBytes_ += cost;
             if (id != 0) {
-                auto [it, inserted] = unanswered_.try_emplace(id, ticket);
+                auto [it, inserted] = rememberUnansweredLocked(id, ticket);
                 if (!inserted) {
                     earlier = it->second.lock();
                     reused = earlier && !earlier->released();
@@ -623,24 +672,60 @@ std::shared_ptr<LinuxVynConnection::Ticket> LinuxVynConnection::answeredLocked(s
     if (it == unanswered_.end())
         return nullptr;
     auto ticket = it->second.lock();
-    unanswered_.erase(it);
+    forgetUnansweredLocked(it);
     return ticket;
+}
+
+std::pair<LinuxVynConnection::Unanswered::iterator, bool>
+LinuxVynConnection::rememberUnansweredLocked(std::uint64_t requestId, const std::shared_ptr<Ticket>& ticket)
+{
+    if (spareUnanswered_.empty())
+        return unanswered_.try_emplace(requestId, ticket);
+    auto node = std::move(spareUnanswered_.back());
+    spareUnanswered_.pop_back();
+    node.key() = requestId;
+    node.mapped() = ticket;
+    auto result = unanswered_.insert(std::move(node));
+    if (!result.inserted) {
+        result.node.mapped().reset();
+        spareUnanswered_.push_back(std::move(result.node));
+    }
+    return {result.position, result.inserted};
+}
+
+void LinuxVynConnection::forgetUnansweredLocked(Unanswered::iterator it)
+{
+    // The entry's storage is kept for the next request: it was made on the
+    // runtime's thread and is mostly let go on the one that replies.
+    constexpr std::size_t kMaxSpare = 16;
+    if (spareUnanswered_.size() >= kMaxSpare) {
+        unanswered_.erase(it);
+        return;
+    }
+    auto node = unanswered_.extract(it);
+    node.mapped().reset();
+    spareUnanswered_.push_back(std::move(node));
 }
 
 bool LinuxVynConnection::requestDone(std::uint64_t requestId, const Ticket* ticket, std::size_t bytes)
 {
     std::shared_ptr<Ticket> held; // dropped after the lock
     std::lock_guard lock(outMutex_);
-    inFlight_ -= std::min<std::size_t>(inFlight_, 1);
-    queuedBytes_ -= std::min(queuedBytes_, bytes);
     if (requestId != 0) {
         auto it = unanswered_.find(requestId);
         if (it != unanswered_.end()) {
             held = it->second.lock();
             if (!held || held.get() == ticket)
-                unanswered_.erase(it);
+                forgetUnansweredLocked(it);
         }
     }
+    return requestDoneLocked(bytes);
+}
+
+bool LinuxVynConnection::requestDoneLocked(std::size_t bytes)
+{
+    inFlight_ -= std::min<std::size_t>(inFlight_, 1);
+    queuedBytes_ -= std::min(queuedBytes_, bytes);
     return readingPaused_ && !closed_;
 }
 
@@ -724,6 +809,7 @@ void LinuxVynConnection::close(const std::string& reason, bool cut)
         outPending_ = 0;
         outOffset_ = 0;
         unanswered_.clear();
+        spareUnanswered_.clear();
         pending = std::move(pending_);
         pending_.clear();
     }
@@ -787,9 +873,18 @@ void LinuxVynConnection::deliverInvalidOnce()
 
 void LinuxVynConnection::failReply(const std::shared_ptr<PendingReply>& pending, VynError error)
 {
-    if (!pending->handler)
-        return;
-    pending->queue->async([pending, error = std::move(error)] { pending->handler(VynEvent(error)); });
+    if (pending->handler)
+        deliverReply(pending, VynEvent(std::move(error)));
+}
+
+void LinuxVynConnection::deliverReply(const std::shared_ptr<PendingReply>& pending, VynEvent answer)
+{
+    // A waiting caller gets the answer from this thread: one hand-off, not
+    // two (to the reply queue, then to the caller).
+    if (!pending->queue)
+        pending->handler(answer);
+    else
+        pending->queue->async([pending, answer = std::move(answer)] { pending->handler(answer); });
 }
 
 std::size_t LinuxVynConnection::readLimit() const

@@ -60,6 +60,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace tv::platform {
 
@@ -94,6 +95,7 @@ public:
     void cancel() override;
     void send(Message message) override;
     void sendWithReply(Message message, std::shared_ptr<SerialQueue> queue, ReplyHandler handler) override;
+    VynEvent sendWithReplySync(Message message) override;
     void setContext(std::shared_ptr<void> context) override;
     std::shared_ptr<void> context() const override;
     std::string description() const override { return description_; }
@@ -118,6 +120,8 @@ public:
 
 private:
     struct PendingReply {
+        // Null: the handler is the transport's own hand-over to a waiting
+        // caller and runs on the thread that has the answer.
         std::shared_ptr<SerialQueue> queue;
         ReplyHandler handler;
     };
@@ -153,10 +157,14 @@ private:
     // The ticket of an unanswered request, taken out of the table: its
     // reply is being sent.
     std::shared_ptr<Ticket> answeredLocked(std::uint64_t requestId);
+    std::pair<std::unordered_map<std::uint64_t, std::weak_ptr<Ticket>>::iterator, bool>
+    rememberUnansweredLocked(std::uint64_t requestId, const std::shared_ptr<Ticket>& ticket);
+    void forgetUnansweredLocked(std::unordered_map<std::uint64_t, std::weak_ptr<Ticket>>::iterator it);
 
     // Any thread: a ticket came back (its request ran or was answered).
     // Counts the request done; true when reading waits to resume.
     bool requestDone(std::uint64_t requestId, const Ticket* ticket, std::size_t bytes);
+    bool requestDoneLocked(std::size_t bytes); // with outMutex_ held
 
     // Any thread.
     // Closes the connection for a failure found while writing, on the
@@ -165,6 +173,8 @@ private:
     void deliverEvent(VynEvent event);
     void deliverInvalidOnce();
     static void failReply(const std::shared_ptr<PendingReply>& pending, VynError error);
+    static void deliverReply(const std::shared_ptr<PendingReply>& pending, VynEvent answer);
+    void sendRequest(Message message, std::shared_ptr<PendingReply> pending);
     std::size_t readLimit() const;
 
     const std::shared_ptr<VynRuntime> runtime_;
@@ -211,7 +221,9 @@ private:
     std::unordered_map<std::uint64_t, std::shared_ptr<PendingReply>> pending_;
     // Daemon side: tickets of requests expecting a reply, by message id, and
     // what all tickets out hold.
-    std::unordered_map<std::uint64_t, std::weak_ptr<Ticket>> unanswered_;
+    using Unanswered = std::unordered_map<std::uint64_t, std::weak_ptr<Ticket>>;
+    Unanswered unanswered_;
+    std::vector<Unanswered::node_type> spareUnanswered_; // emptied entries, reused
     std::size_t inFlight_ = 0;
     std::size_t queuedBytes_ = 0;
     bool readingPaused_ = false; // reading stopped for tickets or quota

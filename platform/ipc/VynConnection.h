@@ -56,6 +56,14 @@ public:
     // or with a VynError when the connection breaks before it comes.
     virtual void sendWithReply(Message message, std::shared_ptr<SerialQueue> queue, ReplyHandler handler) = 0;
 
+    // Sends a request and waits on the calling thread for its answer: the
+    // reply, or a VynError when the connection breaks before it comes. The
+    // thread that reads the reply hands it straight to the waiting caller,
+    // without passing through a queue. May be called from a reply handler.
+    // REQUIRES: not called on the thread that reads the connection (raised
+    // as an internal-consistency failure: it would wait for itself).
+    virtual VynEvent sendWithReplySync(Message message) = 0;
+
     // An object the connection keeps alive for as long as it lives.
     virtual void setContext(std::shared_ptr<void> context) = 0;
     virtual std::shared_ptr<void> context() const = 0;

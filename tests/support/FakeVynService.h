@@ -5,6 +5,7 @@
 
 #include "platform/ipc/VynService.h"
 
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -34,6 +35,13 @@ public:
         pending_[message.messageId()] = {std::move(queue), std::move(handler)};
         sent_.push_back(std::move(message));
     }
+    // Waits until a test answers (answer()).
+    platform::VynEvent sendWithReplySync(platform::Message message) override
+    {
+        std::promise<platform::VynEvent> answered;
+        sendWithReply(std::move(message), nullptr, [&](const platform::VynEvent& a) { answered.set_value(a); });
+        return answered.get_future().get();
+    }
     void setContext(std::shared_ptr<void> context) override { context_ = std::move(context); }
     std::shared_ptr<void> context() const override { return context_; }
     std::string description() const override { return "<fake connection>"; }
@@ -61,7 +69,10 @@ public:
         auto [queue, handler] = std::move(pending_.begin()->second);
         pending_.erase(pending_.begin());
         lock.unlock();
-        queue->async([h = std::move(handler), answer = std::move(answer)] { h(answer); });
+        if (queue)
+            queue->async([h = std::move(handler), answer = std::move(answer)] { h(answer); });
+        else
+            handler(answer);
     }
 
 private:

@@ -17,7 +17,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <future>
 #include <iostream>
 #include <iterator>
 #include <mutex>
@@ -188,9 +187,7 @@ int Tvkit::raw(const std::vector<std::string>& args)
         return usage("request must be a JSON object");
 
     Value body = plainValueForVyn(*request);
-    return exchange([&body](TvDaemonClient& client, TvDaemonClient::Reply reply) {
-        client.sendReply(platform::Message(body), std::move(reply));
-    }, true);
+    return exchange([&body](TvDaemonClient& client) { return client.sendAndWait(platform::Message(body)); }, true);
 }
 
 int Tvkit::registration(const std::string& command, const std::vector<std::string>& args)
@@ -211,11 +208,8 @@ int Tvkit::registration(const std::string& command, const std::vector<std::strin
         std::vector<std::string> batch(paths.begin() + done, paths.begin() + end);
         platform::VynEvent answer;
         int status = request(
-            [&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
-                if (add)
-                    client.addPlugInsReply(batch, std::move(reply));
-                else
-                    client.removePlugInsReply(batch, std::move(reply));
+            [&](TvDaemonClient& client) {
+                return client.sendAndWait(add ? client.addPlugInsRequest(batch) : client.removePlugInsRequest(batch));
             },
             answer);
         if (status != kExitSuccess)
@@ -246,9 +240,7 @@ int Tvkit::status(const std::vector<std::string>& args)
     platform::VynEvent answer;
     const std::string statusService = service_ + ".status";
     int status = request(
-        [](TvDaemonClient& client, TvDaemonClient::Reply reply) {
-            client.sendReply(client.request("status"), std::move(reply));
-        },
+        [](TvDaemonClient& client) { return client.sendAndWait(client.request("status")); },
         answer, statusService);
     if (status != kExitSuccess)
         return status;
@@ -289,23 +281,20 @@ int Tvkit::byUuid(const std::string& command, const std::vector<std::string>& ar
         uuids.push_back(*uuid);
     }
     if (command == "ready")
-        return exchange([&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
-            client.readyPlugInsFlagsReply(uuids, 0, std::move(reply));
-        }, json);
+        return exchange([&](TvDaemonClient& client) { return client.sendAndWait(client.readyPlugInsRequest(uuids, 0)); },
+                        json);
     if (command == "access")
         return exchange(
-            [&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
-                client.accessPlugInsFlagsReply(uuids, 0, std::move(reply));
-            },
+            [&](TvDaemonClient& client) { return client.sendAndWait(client.accessPlugInsRequest(uuids, 0)); },
             json, [this](const Value& body) {
                 if (const Array* tokens = body["extensions"].asArray())
                     for (const Value& token : *tokens)
                         out_ << textOf(token) << "\n";
             });
     Value change{{"election", Value(std::int64_t{command == "elect" ? 1 : 0})}};
-    return exchange([&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
-        client.setPluginAnnotationsAnnotationsReply(uuids, change, std::move(reply));
-    }, json);
+    return exchange(
+        [&](TvDaemonClient& client) { return client.sendAndWait(client.setPluginAnnotationsRequest(uuids, change)); },
+        json);
 }
 
 int Tvkit::hold(const std::vector<std::string>& args)
@@ -345,9 +334,7 @@ int Tvkit::hold(const std::vector<std::string>& args)
         return status;
     // The hold lives as long as this client's connection.
     TvDaemonClient client(vyn, service_.c_str());
-    platform::VynEvent answer = ask(client, [&](TvDaemonClient& c, TvDaemonClient::Reply reply) {
-        c.holdPluginsFlagsReply(paths, apps ? 1 : 2, std::move(reply));
-    });
+    platform::VynEvent answer = client.sendAndWait(client.holdPluginsRequest(paths, apps ? 1 : 2));
     if (auto error = platform::eventError(answer))
         return unreachable(service_, error->description);
     const platform::Message& reply = *platform::eventMessage(answer);
@@ -398,7 +385,7 @@ int Tvkit::hold(const std::vector<std::string>& args)
         reader.detach(); // still blocked reading; the process is about to end
 
     // Released explicitly, so the hold is gone before the command exits.
-    answer = ask(client, [&](TvDaemonClient& c, TvDaemonClient::Reply r) { c.releaseHoldReply(*token, std::move(r)); });
+    answer = client.sendAndWait(client.releaseHoldRequest(*token));
     if (platform::eventError(answer))
         err_ << "tvkit: connection to tvd lost; the hold ended with it\n";
     return kExitSuccess;
@@ -416,8 +403,8 @@ int Tvkit::release(const std::vector<std::string>& args)
     auto token = Uuid::parse(tokens[0]);
     if (!token)
         return usage("not a UUID: " + tokens[0]);
-    return exchange([&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
-        client.releaseHoldReply(*token, std::move(reply));
+    return exchange([&](TvDaemonClient& client) {
+        return client.sendAndWait(client.releaseHoldRequest(*token));
     }, json);
 }
 
@@ -438,19 +425,6 @@ std::shared_ptr<platform::VynService> Tvkit::openIpc(int& status)
     return vyn;
 }
 
-platform::VynEvent Tvkit::ask(TvDaemonClient& client, const Send& send)
-{
-    // The first answer counts. A failed connection may report again after
-    // this function returned, so the handler owns what it writes to.
-    auto answered = std::make_shared<std::promise<platform::VynEvent>>();
-    auto once = std::make_shared<std::once_flag>();
-    auto future = answered->get_future();
-    send(client, [answered, once](const platform::VynEvent& a) {
-        std::call_once(*once, [&] { answered->set_value(a); });
-    });
-    return future.get();
-}
-
 int Tvkit::unreachable(const std::string& service, const std::string& why)
 {
     err_ << "tvkit: cannot reach tvd at " << service << ": " << why << "\n"
@@ -467,7 +441,7 @@ int Tvkit::request(const Send& send, platform::VynEvent& answer, const std::stri
         return status;
     const std::string& name = service.empty() ? service_ : service;
     TvDaemonClient client(vyn, name.c_str());
-    answer = ask(client, send);
+    answer = send(client);
     if (auto error = platform::eventError(answer))
         return unreachable(name, error->description);
     return kExitSuccess;
@@ -580,12 +554,11 @@ int Tvkit::matchForms(const Value& rules, std::uint64_t flags, Value& forms)
 {
     platform::VynEvent answer;
     int status = request(
-        [&](TvDaemonClient& client, TvDaemonClient::Reply reply) {
-            client.matchPlugInsFlagsReply(rules, flags, [&client, &forms, reply](const platform::VynEvent& a) {
-                if (const auto* message = platform::eventMessage(a))
-                    forms = client.convertFromVYN(message->get("matches"));
-                reply(a);
-            });
+        [&](TvDaemonClient& client) {
+            platform::VynEvent a = client.sendAndWait(client.matchPlugInsRequest(rules, flags));
+            if (const auto* message = platform::eventMessage(a))
+                forms = client.convertFromVYN(message->get("matches"));
+            return a;
         },
         answer);
     if (status != kExitSuccess)

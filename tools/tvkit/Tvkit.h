@@ -31,8 +31,8 @@ public:
     void setProgress(bool progress) { progress_ = progress; }
 
 private:
-    // Builds and sends one request on `client`, handing it the completion.
-    using Send = std::function<void(TvDaemonClient& client, TvDaemonClient::Reply reply)>;
+    // Builds and sends one request on `client` and returns its answer.
+    using Send = std::function<platform::VynEvent(TvDaemonClient& client)>;
 
     int usage(const std::string& problem);
     int help(const std::vector<std::string>& args);
@@ -67,8 +67,6 @@ private:
     // The IPC service for a client; null with `status` set (and the problem
     // reported) when the configuration or the service cannot be had.
     std::shared_ptr<platform::VynService> openIpc(int& status);
-    // Sends on `client` and waits for the first answer.
-    static platform::VynEvent ask(TvDaemonClient& client, const Send& send);
     // Reports that `service` cannot be reached, with what to do about it.
     int unreachable(const std::string& service, const std::string& why);
 

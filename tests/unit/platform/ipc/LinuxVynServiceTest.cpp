@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <future>
 #include <poll.h>
 #include <sys/socket.h>
 #include <thread>
@@ -191,6 +192,35 @@ TEST_F(LinuxVynServiceTest, BrokenConnectionsFailPendingRepliesAndInvalidateExac
     EXPECT_EQ(pending->size(), 1u);
     EXPECT_EQ(peer->events.invalid(), 1u);
     EXPECT_EQ(Client(clients(), "nobody-listens").call(request("x")), "<error: Connection invalid>");
+}
+
+TEST_F(LinuxVynServiceTest, SynchronousRequestsAreAnsweredAlsoFromAReplyHandlerOrWhenTheConnectionBreaks)
+{
+    auto text = [](const VynEvent& e) {
+        const std::string* s = eventMessage(e) ? eventMessage(e)->get("echo")["request"].asString() : nullptr;
+        return s ? *s : "<error: " + eventDescription(e) + ">";
+    };
+    auto server = std::make_unique<Server>(config_);
+    Client client(clients(), "svc");
+    EXPECT_EQ(text(client.connection->sendWithReplySync(request("direct"))), "direct");
+    // A completion that waits for another answer holds the client's queue;
+    // the answer does not need it.
+    std::promise<std::string> nested;
+    client.connection->sendWithReply(request("outer"), client.queue, [&](const VynEvent&) {
+        nested.set_value(text(client.connection->sendWithReplySync(request("inner"))));
+    });
+    auto inner = nested.get_future();
+    ASSERT_EQ(inner.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(inner.get(), "inner");
+
+    server->setEcho(false);
+    auto waiting = std::async(std::launch::async, [&] { return text(client.connection->sendWithReplySync(request("x"))); });
+    auto peer = server->peer(0);
+    ASSERT_TRUE(eventually([&] { return peer->events.size() == 4; }));
+    peer->connection->cancel();
+    ASSERT_EQ(waiting.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(waiting.get(), "<error: Connection invalid>");
+    EXPECT_EQ(text(client.connection->sendWithReplySync(request("late"))), "<error: Connection invalid>");
 }
 
 TEST_F(LinuxVynServiceTest, MalformedOrStalledFramesCutOnlyTheirOwnConnection)
