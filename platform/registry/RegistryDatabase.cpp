@@ -7,8 +7,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <mutex>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -409,11 +411,14 @@ StoredValue::StoredValue(Value value) : state_(std::make_shared<State>())
 
 // Decodes once, whichever thread reads first; no system call when the
 // value is already there (std::call_once makes one on every first call).
+// Decodings of different values rarely meet, so a few locks, chosen by the
+// state's address, serve them all.
 const StoredValue::State* StoredValue::decodedState() const
 {
     if (!state_ || state_->decoded.load(std::memory_order_acquire))
         return state_.get();
-    std::lock_guard lock(state_->decoding);
+    static std::mutex decodings[16];
+    std::lock_guard lock(decodings[(reinterpret_cast<std::uintptr_t>(state_.get()) / sizeof(State)) % 16]);
     if (!state_->decoded.load(std::memory_order_relaxed)) {
         Result<Value> decoded = decodeValue(state_->bytes);
         if (decoded)
