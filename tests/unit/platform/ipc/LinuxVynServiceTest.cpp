@@ -114,6 +114,13 @@ private:
     std::shared_ptr<VynListener> listener_;
 };
 
+// The request text an answer echoes, or the error it is.
+std::string echoedText(const VynEvent& e)
+{
+    const std::string* s = eventMessage(e) ? eventMessage(e)->get("echo")["request"].asString() : nullptr;
+    return s ? *s : "<error: " + eventDescription(e) + ">";
+}
+
 struct Client {
     Client(LinuxVynService& service, const std::string& name) : connection(service.connect(name, queue))
     {
@@ -131,12 +138,7 @@ struct Client {
         auto answer = send(std::move(request));
         return eventually([&] { return answer->size() >= 1; }) ? echoed(answer) : "<no answer>";
     }
-    static std::string echoed(const std::shared_ptr<Recorder>& answer)
-    {
-        auto e = answer->all().front();
-        const std::string* s = eventMessage(e) ? eventMessage(e)->get("echo")["request"].asString() : nullptr;
-        return s ? *s : "<error: " + eventDescription(e) + ">";
-    }
+    static std::string echoed(const std::shared_ptr<Recorder>& answer) { return echoedText(answer->all().front()); }
     std::shared_ptr<SerialQueue> queue = SerialQueue::create("test.client");
     std::shared_ptr<VynConnection> connection;
     std::shared_ptr<Recorder> events = std::make_shared<Recorder>();
@@ -196,31 +198,27 @@ TEST_F(LinuxVynServiceTest, BrokenConnectionsFailPendingRepliesAndInvalidateExac
 
 TEST_F(LinuxVynServiceTest, SynchronousRequestsAreAnsweredAlsoFromAReplyHandlerOrWhenTheConnectionBreaks)
 {
-    auto text = [](const VynEvent& e) {
-        const std::string* s = eventMessage(e) ? eventMessage(e)->get("echo")["request"].asString() : nullptr;
-        return s ? *s : "<error: " + eventDescription(e) + ">";
-    };
     auto server = std::make_unique<Server>(config_);
     Client client(clients(), "svc");
-    EXPECT_EQ(text(client.connection->sendWithReplySync(request("direct"))), "direct");
+    EXPECT_EQ(echoedText(client.connection->sendWithReplySync(request("direct"))), "direct");
     // A completion that waits for another answer holds the client's queue;
     // the answer does not need it.
     std::promise<std::string> nested;
     client.connection->sendWithReply(request("outer"), client.queue, [&](const VynEvent&) {
-        nested.set_value(text(client.connection->sendWithReplySync(request("inner"))));
+        nested.set_value(echoedText(client.connection->sendWithReplySync(request("inner"))));
     });
     auto inner = nested.get_future();
     ASSERT_EQ(inner.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(inner.get(), "inner");
 
     server->setEcho(false);
-    auto waiting = std::async(std::launch::async, [&] { return text(client.connection->sendWithReplySync(request("x"))); });
+    auto waiting = std::async(std::launch::async, [&] { return echoedText(client.connection->sendWithReplySync(request("x"))); });
     auto peer = server->peer(0);
     ASSERT_TRUE(eventually([&] { return peer->events.size() == 4; }));
     peer->connection->cancel();
     ASSERT_EQ(waiting.wait_for(10s), std::future_status::ready);
     EXPECT_EQ(waiting.get(), "<error: Connection invalid>");
-    EXPECT_EQ(text(client.connection->sendWithReplySync(request("late"))), "<error: Connection invalid>");
+    EXPECT_EQ(echoedText(client.connection->sendWithReplySync(request("late"))), "<error: Connection invalid>");
 }
 
 TEST_F(LinuxVynServiceTest, MalformedOrStalledFramesCutOnlyTheirOwnConnection)
