@@ -1,4 +1,4 @@
-// TvDatabase: the record cache and its purge, lookups, registration,
+// TvDatabase: the record cache and its purge, lookups,
 // install and uninstall announcements, automatic election, and discovery:
 // election normalisation, the election filter and the records skipped.
 #include "tvd/TvDatabase.h"
@@ -117,15 +117,6 @@ TEST_F(TvDatabaseTest, UnknownPlugInsAreLoggedAndAbsentAlsoWithinAnApplication)
 
     app->plugInUuids = {broken->uuid}; // only unbuildable plug-ins: an empty list, not none
     EXPECT_TRUE(db->plugInsWithinApplication(Value::fileURL("/apps/A.app"))->empty());
-}
-
-TEST_F(TvDatabaseTest, RegistrationRefusalsAreCodeTwo)
-{
-    registry->refused.insert("/r/X.vext");
-    EXPECT_EQ(db->addPlugIn(Value::fileURL("/r/X.vext")), makeError(2, "Rostra failed to register the plug-in"));
-    EXPECT_FALSE(db->addPlugIn(Value::fileURL("/r/Y.vext")));
-    EXPECT_FALSE(db->removePlugIn(Value::fileURL("/r/Y.vext")));
-    EXPECT_EQ(db->removePlugIn(Value::fileURL("/r/Y.vext")), makeError(2, "Rostra failed to deregister the plug-in"));
 }
 
 TEST_F(TvDatabaseTest, InstallsAreLoggedUninstallsLeaveTheCacheThenReachTheDelegate)
