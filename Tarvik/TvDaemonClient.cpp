@@ -54,18 +54,32 @@ void TvDaemonClient::setUuids(Message& request, const std::vector<Uuid>& uuids)
     request.set("uuids", Value(std::move(list)));
 }
 
-void TvDaemonClient::sendReply(Message request, Reply reply)
+namespace {
+
+// The text forms are made only when the line is kept: they cost more than
+// the rest of the request's way through the library.
+void traceRequest(const Message& request)
 {
-    // The text forms are made only when the line is kept: they cost more
-    // than the rest of the request's way through the library.
     const TvLog& traffic = TvLog::traffic();
     if (traffic.enabled(LogLevel::Debug))
         traffic.debug("request: %@", request.description());
+}
+
+void traceReply(const VynEvent& answer)
+{
+    const TvLog& traffic = TvLog::traffic();
+    if (traffic.enabled(LogLevel::Debug))
+        traffic.debug("reply: %@", platform::eventDescription(answer));
+}
+
+} // namespace
+
+void TvDaemonClient::sendReply(Message request, Reply reply)
+{
+    traceRequest(request);
     request.setExpectsReply(true);
     tvd_->sendWithReply(std::move(request), replyQueue_, [reply = std::move(reply)](const VynEvent& answer) {
-        const TvLog& traffic = TvLog::traffic();
-        if (traffic.enabled(LogLevel::Debug))
-            traffic.debug("reply: %@", platform::eventDescription(answer));
+        traceReply(answer);
         try {
             reply(answer);
         } catch (const TvInternalInconsistency& e) {
@@ -76,13 +90,10 @@ void TvDaemonClient::sendReply(Message request, Reply reply)
 
 platform::VynEvent TvDaemonClient::sendAndWait(Message request)
 {
-    const TvLog& traffic = TvLog::traffic();
-    if (traffic.enabled(LogLevel::Debug))
-        traffic.debug("request: %@", request.description());
+    traceRequest(request);
     request.setExpectsReply(true);
     VynEvent answer = tvd_->sendWithReplySync(std::move(request));
-    if (traffic.enabled(LogLevel::Debug))
-        traffic.debug("reply: %@", platform::eventDescription(answer));
+    traceReply(answer);
     return answer;
 }
 
