@@ -68,22 +68,21 @@ public:
     {
         sqlite3_bind_blob(stmt_, index, bytes.data(), static_cast<int>(bytes.size()), SQLITE_TRANSIENT);
     }
-    std::string text(int column) const
+    // Views of the current row's columns, valid until the next step.
+    std::string_view text(int column) const
     {
         const unsigned char* p = sqlite3_column_text(stmt_, column);
-        return p ? std::string(reinterpret_cast<const char*>(p), sqlite3_column_bytes(stmt_, column)) : std::string();
+        return p ? std::string_view(reinterpret_cast<const char*>(p),
+                                    static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)))
+                 : std::string_view();
     }
-    Bytes bytes(int column) const
+    std::span<const std::uint8_t> bytes(int column) const
     {
         const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt_, column));
-        const int size = sqlite3_column_bytes(stmt_, column);
-        return p ? Bytes(p, p + size) : Bytes();
+        return p ? std::span(p, static_cast<std::size_t>(sqlite3_column_bytes(stmt_, column)))
+                 : std::span<const std::uint8_t>();
     }
-    Result<Value> value(int column) const
-    {
-        const Bytes encoded = bytes(column);
-        return decodeValue(std::span<const std::uint8_t>(encoded.data(), encoded.size()));
-    }
+    Result<Value> value(int column) const { return decodeValue(bytes(column)); }
 
 private:
     sqlite3_stmt* stmt_ = nullptr;
@@ -239,7 +238,7 @@ Result<StoredRegistry> RegistryDatabase::load(bool* fileAtFault)
             return sqliteError(db_, stmt.rc(), "cannot read applications");
         int rc;
         while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
-            StoredApplication app{stmt.text(0), Value()};
+            StoredApplication app{std::string(stmt.text(0)), Value()};
             Result<Value> info = stmt.value(1);
             if (!info) {
                 platformLog(LogLevel::Error, kLogCategory, "dropping unreadable application row %{public}s",
@@ -280,31 +279,23 @@ Result<StoredRegistry> RegistryDatabase::load(bool* fileAtFault)
     std::vector<Extent> extents; // info and entitlements of each row read
     extents.reserve(2 * stored.plugIns.capacity());
     auto append = [&](int column) {
-        const auto* p = static_cast<const std::uint8_t*>(sqlite3_column_blob(stmt.get(), column));
-        const auto size = static_cast<std::size_t>(sqlite3_column_bytes(stmt.get(), column));
-        extents.push_back({block->bytes.size(), p ? size : 0});
-        if (p)
-            block->bytes.insert(block->bytes.end(), p, p + size);
-    };
-    auto textOf = [&](int column) {
-        const unsigned char* p = sqlite3_column_text(stmt.get(), column);
-        return p ? std::string_view(reinterpret_cast<const char*>(p),
-                                    static_cast<std::size_t>(sqlite3_column_bytes(stmt.get(), column)))
-                 : std::string_view();
+        const std::span<const std::uint8_t> bytes = stmt.bytes(column);
+        extents.push_back({block->bytes.size(), bytes.size()});
+        block->bytes.insert(block->bytes.end(), bytes.begin(), bytes.end());
     };
     int rc;
     while ((rc = sqlite3_step(stmt.get())) == SQLITE_ROW) {
         StoredPlugIn p;
-        std::optional<Uuid> uuid = Uuid::parse(textOf(0));
-        p.path = textOf(1);
+        std::optional<Uuid> uuid = Uuid::parse(stmt.text(0));
+        p.path = stmt.text(1);
         if (!uuid) {
             platformLog(LogLevel::Error, kLogCategory, "dropping unreadable plug-in row %{public}s", p.path);
             continue;
         }
         p.uuid = *uuid;
-        p.applicationPath = textOf(2);
-        p.identifier = textOf(3);
-        p.version = textOf(4);
+        p.applicationPath = stmt.text(2);
+        p.identifier = stmt.text(3);
+        p.version = stmt.text(4);
         p.registered = Date::fromMicroseconds(sqlite3_column_int64(stmt.get(), 5));
         p.registeredByPath = sqlite3_column_int(stmt.get(), 6) != 0;
         append(7);
