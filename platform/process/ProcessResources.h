@@ -7,11 +7,12 @@
 // (VynLimits::fittedToDescriptors).
 //
 // returnFreedMemoryPromptly() makes the allocator give memory back to the
-// system soon after it is freed: large blocks (read buffers, big decoded
-// values) are mapped on their own instead of growing the heap, and the
-// heap's top is trimmed sooner. Together with the trim the IPC transport
-// asks for when its queues drain, memory taken by a burst of hostile
-// requests does not stay resident after it.
+// system soon after it is freed, and releaseFreedMemory() gives back what is
+// free now (the IPC transport asks for it when its queues drain), so that
+// memory taken by a burst of hostile requests does not stay resident after
+// it. Both work with the allocator the process runs with: jemalloc (the
+// daemon's, found through its control interface) or glibc's (tests and
+// sanitized builds).
 #pragma once
 
 #include <cstdint>
@@ -23,6 +24,7 @@ public:
     // The soft limit in effect afterwards (unchanged when raising failed).
     static std::uint64_t raiseDescriptorLimit();
     static void returnFreedMemoryPromptly();
+    static void releaseFreedMemory();
 };
 
 } // namespace tv::platform

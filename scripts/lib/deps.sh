@@ -5,7 +5,7 @@
 TVD_DEB_PACKAGES=(
   cmake ninja-build g++ pkg-config python3 binutils
   libexpat1-dev libssl-dev libsystemd-dev systemtap-sdt-dev nlohmann-json3-dev
-  libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev
+  libsqlite3-dev libjemalloc-dev libgtest-dev libgmock-dev libbenchmark-dev
   groff-base zsh
   systemd dpkg-dev
 )
