@@ -7,9 +7,10 @@
 // message, or a VynError when the connection broke or the daemon cannot be
 // reached. errorInReply() turns an answer into an error value.
 //
-// A caller that waits for the answer sends with sendAndWait() instead: the
-// IPC thread hands the reply straight to it (one thread hand-off instead of
-// two), and no completion runs.
+// A caller that waits for the answer sends with sendAndWait() instead: it
+// reads the reply from the connection itself when no other thread is
+// reading it, else the IPC thread hands the reply straight to it (one
+// thread hand-off instead of two); no completion runs.
 //
 // Thread-safety: calls may come from any thread (sendAndWait() also from a
 // completion); all completions and connection events of one client run on

@@ -5,12 +5,13 @@
 
 #include "platform/log/PlatformLog.h"
 #include "platform/PosixError.h"
+#include "platform/process/ProcessResources.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
-#include <malloc.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -138,7 +139,7 @@ void LinuxVynConnection::afterRelease(const VynConnectionTable::Released& freed)
         if (auto c = waiter.lock())
             c->resumeReading();
     if (freed.trimMemory)
-        ::malloc_trim(0);
+        ProcessResources::releaseFreedMemory();
 }
 
 std::size_t LinuxVynConnection::readRoom(std::size_t buffered, std::size_t frameMissing)
@@ -257,18 +258,81 @@ VynEvent LinuxVynConnection::sendWithReplySync(Message message)
         std::mutex mutex;
         std::condition_variable answered;
         std::optional<VynEvent> answer;
+        std::atomic<bool> done{false};
     };
+    auto self = shared_from_this();
     auto waiter = std::make_shared<Waiter>();
     sendRequest(std::move(message), std::make_shared<PendingReply>(PendingReply{nullptr, [waiter](const VynEvent& a) {
                     {
                         std::lock_guard lock(waiter->mutex);
                         waiter->answer = a;
+                        waiter->done.store(true, std::memory_order_release);
                     }
                     waiter->answered.notify_one();
                 }}));
+    // Reading the reply here saves the hand-off from the runtime's thread;
+    // when another thread is reading, the answer comes from it.
+    if (role_ == Role::Client && !waiter->done.load(std::memory_order_acquire))
+        readAsCaller([&] { return waiter->done.load(std::memory_order_acquire); });
     std::unique_lock lock(waiter->mutex);
     waiter->answered.wait(lock, [&] { return waiter->answer.has_value(); });
     return std::move(*waiter->answer);
+}
+
+void LinuxVynConnection::readAsCaller(const std::function<bool()>& answered)
+{
+    int fd;
+    {
+        std::lock_guard lock(outMutex_);
+        if (closed_ || !watched_ || !reading_ || fd_ < 0 || callerReads_ || runtimeReads_ || partialBuffered_ ||
+            readFailed_)
+            return;
+        callerReads_ = true;
+        fd = fd_;
+        updateInterestLocked();
+    }
+    std::optional<Failure> failure;
+    while (!failure && !answered()) {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, -1) < 0) {
+            if (errno != EINTR)
+                failure = Failure{*posixError(errno, "poll").description, false};
+            continue;
+        }
+        failure = readSocket(fd, kReadBudget);
+    }
+    bool partial = inEnd_ > inStart_;
+    bool post = false;
+    {
+        std::lock_guard lock(outMutex_);
+        callerReads_ = false;
+        if (closed_) {
+            // The connection was closed meanwhile; its socket was only shut
+            // down, for this thread to close.
+            ::close(fd_);
+            fd_ = -1;
+            releaseReadBuffer();
+            return;
+        }
+        if (failure) {
+            readFailed_ = true; // no one reads until the close below
+        } else {
+            if (!partial && in_.size() > kKeepBuffer)
+                releaseReadBuffer();
+            partialBuffered_ = partial;
+            post = partial;
+            updateInterestLocked();
+        }
+    }
+    if (failure)
+        runtime_->post([self = shared_from_this(), failure = std::move(*failure)] {
+            self->close(failure.reason, failure.cut);
+        }); // refused only while stopping, which closes the connection anyway
+    else if (post)
+        runtime_->post([weak = weak_from_this()] {
+            if (auto self = weak.lock())
+                self->checkIncompleteFrame();
+        });
 }
 
 void LinuxVynConnection::sendRequest(Message message, std::shared_ptr<PendingReply> pending)
@@ -435,6 +499,7 @@ void LinuxVynConnection::handleEvents(std::uint32_t events)
 {
     if (closed_)
         return;
+    bool read = role_ != Role::Client || beginRuntimeRead();
     if (events & EPOLLOUT) {
         std::optional<std::string> error;
         {
@@ -446,18 +511,74 @@ void LinuxVynConnection::handleEvents(std::uint32_t events)
             return;
         }
     }
+    if (!read)
+        return;
     if (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) {
         if (reading_)
             readAvailable();
         else if (events & (EPOLLHUP | EPOLLERR))
             close("peer closed", false); // not reading: a hangup would be reported forever
     }
+    if (role_ == Role::Client)
+        endRuntimeRead();
+}
+
+bool LinuxVynConnection::beginRuntimeRead()
+{
+    std::lock_guard lock(outMutex_);
+    if (callerReads_ || readFailed_) {
+        disarmed_ = true; // the one-shot watch reported; see updateInterestLocked()
+        return false;
+    }
+    runtimeReads_ = true;
+    return true;
+}
+
+void LinuxVynConnection::endRuntimeRead()
+{
+    std::lock_guard lock(outMutex_);
+    runtimeReads_ = false;
+    partialBuffered_ = inEnd_ > inStart_;
+}
+
+void LinuxVynConnection::checkIncompleteFrame()
+{
+    if (closed_ || !beginRuntimeRead())
+        return; // a caller that reads now checks again when it is done
+    updateIncompleteFrameTimer();
+    endRuntimeRead();
+}
+
+void LinuxVynConnection::releaseReadBuffer()
+{
+    // Only called with nothing buffered (or on close), so the frame header
+    // read last goes with the bytes.
+    Bytes().swap(in_);
+    inStart_ = inEnd_ = 0;
+    readBufferSize_ = 0;
+    header_.reset();
 }
 
 void LinuxVynConnection::readAvailable()
 {
-    std::size_t budget = kReadBudget;
-    while (reading_ && !closed_ && budget > 0) {
+    if (auto failure = readSocket(fd_, kReadBudget)) {
+        close(failure->reason, failure->cut);
+        return;
+    }
+    if (closed_)
+        return;
+    if (inStart_ == inEnd_ && in_.size() > kKeepBuffer)
+        releaseReadBuffer();
+    updateIncompleteFrameTimer();
+}
+
+std::optional<LinuxVynConnection::Failure> LinuxVynConnection::readSocket(int fd, std::size_t budget)
+{
+    // A daemon-side connection stops reading when its requests fill their
+    // quota (processFrames), or when a handler that ran here closed it; a
+    // client's runs no handler here, and a caller that reads learns of a
+    // close from the socket, which is shut down.
+    while (budget > 0 && (role_ == Role::Client || (reading_ && !closed_))) {
         std::size_t buffered = inEnd_ - inStart_;
         std::size_t missing = header_ && header_->frameSize() > buffered ? header_->frameSize() - buffered : 0;
         std::size_t want = readRoom(buffered, missing);
@@ -482,14 +603,13 @@ void LinuxVynConnection::readAvailable()
         msg.msg_iovlen = 1;
         msg.msg_control = control;
         msg.msg_controllen = sizeof control;
-        ssize_t n = ::recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
+        ssize_t n = ::recvmsg(fd, &msg, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
         if (n < 0) {
             if (errno == EINTR)
                 continue;
             if (errno == EAGAIN || errno == EWOULDBLOCK)
                 break;
-            close(*posixError(errno, "read").description, false);
-            return;
+            return Failure{*posixError(errno, "read").description, false};
         }
         if (msg.msg_controllen > 0) {
             int passed = closePassedDescriptors(msg);
@@ -497,31 +617,25 @@ void LinuxVynConnection::readAvailable()
                 platformLog(LogLevel::Default, "vyn", "%{public}s: closed %d file descriptor(s) passed with a message",
                             description_, passed);
         }
-        if (n == 0) {
-            close(inEnd_ > inStart_ ? "peer closed in the middle of a frame" : "peer closed", false);
-            return;
-        }
+        if (n == 0)
+            return Failure{inEnd_ > inStart_ ? "peer closed in the middle of a frame" : "peer closed", false};
         inEnd_ += static_cast<std::size_t>(n);
         budget -= std::min(budget, static_cast<std::size_t>(n));
-        processFrames();
+        if (auto failure = processFrames())
+            return failure;
         // A short read emptied the socket: no need to ask again for EAGAIN.
         if (static_cast<std::size_t>(n) < iov.iov_len)
             break;
     }
-    if (closed_)
-        return;
-    if (inStart_ == inEnd_ && in_.size() > kKeepBuffer) {
-        Bytes().swap(in_);
-        inStart_ = inEnd_ = 0;
-        readBufferSize_ = 0;
-    }
-    updateIncompleteFrameTimer();
+    return std::nullopt;
 }
 
-void LinuxVynConnection::processFrames()
+std::optional<LinuxVynConnection::Failure> LinuxVynConnection::processFrames()
 {
-    while (!closed_) {
+    for (;;) {
         if (role_ == Role::Accepted) {
+            if (closed_)
+                return std::nullopt;
             bool full;
             {
                 std::lock_guard lock(outMutex_);
@@ -530,29 +644,25 @@ void LinuxVynConnection::processFrames()
             }
             if (full) {
                 setReading(false);
-                return;
+                return std::nullopt;
             }
         }
         std::size_t available = inEnd_ - inStart_;
         if (!header_) {
             if (available < VynFrame::kHeaderSize)
-                return;
+                return std::nullopt;
             auto header = VynFrame::parseHeader(
                 std::span<const std::uint8_t, VynFrame::kHeaderSize>(in_.data() + inStart_, VynFrame::kHeaderSize));
-            if (!header) {
-                close("garbled frame: " + header.error().localizedDescription(), true);
-                return;
-            }
-            if (header->frameSize() > readLimit()) {
-                close("frame of " + std::to_string(header->frameSize()) + " bytes exceeds the limit of " +
-                          std::to_string(readLimit()) + " bytes",
-                      true);
-                return;
-            }
+            if (!header)
+                return Failure{"garbled frame: " + header.error().localizedDescription(), true};
+            if (header->frameSize() > readLimit())
+                return Failure{"frame of " + std::to_string(header->frameSize()) + " bytes exceeds the limit of " +
+                                   std::to_string(readLimit()) + " bytes",
+                               true};
             header_ = *header;
         }
         if (available < header_->frameSize())
-            return;
+            return std::nullopt;
         // A request reserves the most its decoded form can cost before it is
         // decoded, and keeps what it turned out to cost.
         bool request = role_ == Role::Accepted && header_->replyTo == 0;
@@ -562,7 +672,7 @@ void LinuxVynConnection::processFrames()
                                 header_->bodyLength * kMaxDecodedCostPerByte + kDecodedCostOverhead});
             if (!mayDecode(reserve)) { // marks the pause
                 setReading(false);
-                return;
+                return std::nullopt;
             }
         }
         std::size_t cost = 0;
@@ -577,11 +687,10 @@ void LinuxVynConnection::processFrames()
             if (!freed.waiters.empty() || freed.trimMemory)
                 runtime_->post([freed = std::move(freed)] { afterRelease(freed); });
         }
-        if (!message) {
-            close("garbled frame: " + message.error().localizedDescription(), true);
-            return;
-        }
-        dispatch(std::move(message).value(), cost);
+        if (!message)
+            return Failure{"garbled frame: " + message.error().localizedDescription(), true};
+        if (auto failure = dispatch(std::move(message).value(), cost))
+            return failure;
     }
 }
 
@@ -617,12 +726,14 @@ bool LinuxVynConnection::mayDecode(std::size_t reserve)
     return true;
 }
 
-void LinuxVynConnection::dispatch(Message message, std::size_t cost)
+std::optional<LinuxVynConnection::Failure> LinuxVynConnection::dispatch(Message message, std::size_t cost)
 {
     if (message.isReply()) {
         std::shared_ptr<PendingReply> pending;
         {
             std::lock_guard lock(outMutex_);
+            if (closed_)
+                return std::nullopt; // a reading caller's late frame: the handlers have their error
             auto it = pending_.find(message.replyTo());
             if (it != pending_.end()) {
                 pending = std::move(it->second);
@@ -632,10 +743,19 @@ void LinuxVynConnection::dispatch(Message message, std::size_t cost)
         if (!pending) {
             platformLog(LogLevel::Info, "vyn", "%{public}s: dropped a reply to unknown message %llu", description_,
                         message.replyTo());
-            return;
+            return std::nullopt;
         }
         deliverReply(pending, std::move(message));
-        return;
+        return std::nullopt;
+    }
+    if (role_ == Role::Client) {
+        // Queued under the lock that close() marks the connection closed
+        // with: an event a reading caller hands out cannot follow
+        // ConnectionInvalid.
+        std::lock_guard lock(outMutex_);
+        if (!closed_)
+            deliverEvent(std::move(message));
+        return std::nullopt;
     }
     if (role_ == Role::Accepted) {
         std::uint64_t id = message.expectsReply() ? message.messageId() : 0;
@@ -657,13 +777,12 @@ void LinuxVynConnection::dispatch(Message message, std::size_t cost)
                 }
             }
         }
-        if (reused) {
-            close("message id " + std::to_string(id) + " reused while its request is unanswered", true);
-            return;
-        }
+        if (reused)
+            return Failure{"message id " + std::to_string(id) + " reused while its request is unanswered", true};
         message.setTicket(std::move(ticket));
     }
     deliverEvent(std::move(message));
+    return std::nullopt;
 }
 
 std::shared_ptr<LinuxVynConnection::Ticket> LinuxVynConnection::answeredLocked(std::uint64_t requestId)
@@ -740,8 +859,9 @@ void LinuxVynConnection::resumeReading()
         readingPaused_ = false;
     }
     setReading(true);
-    processFrames();
-    if (!closed_)
+    if (auto failure = processFrames())
+        close(failure->reason, failure->cut);
+    else if (!closed_)
         updateIncompleteFrameTimer();
 }
 
@@ -760,9 +880,17 @@ void LinuxVynConnection::updateInterestLocked()
 {
     if (!watched_)
         return;
-    std::uint32_t events = (reading_ ? EPOLLIN | EPOLLRDHUP : 0u) | (writing_ ? EPOLLOUT : 0u);
-    if (events != interest_) {
+    // While a caller reads, the runtime's thread is woken only to write, and
+    // once per arming: a hangup (always reported) would wake it over and
+    // over. A spent watch is armed again when output waits or the caller is
+    // done; epoll then reports what is pending, so no readiness is lost.
+    std::uint32_t events = callerReads_
+                               ? EPOLLONESHOT | (writing_ ? EPOLLOUT : 0u)
+                               : (reading_ ? EPOLLIN | EPOLLRDHUP : 0u) | (writing_ ? EPOLLOUT : 0u);
+    bool spent = disarmed_ && (!callerReads_ || writing_);
+    if (events != interest_ || spent) {
         interest_ = events;
+        disarmed_ = false;
         runtime_->modify(fd_, events);
     }
 }
@@ -794,14 +922,20 @@ void LinuxVynConnection::close(const std::string& reason, bool cut)
     if (closed_)
         return;
     std::unordered_map<std::uint64_t, std::shared_ptr<PendingReply>> pending;
+    bool callerReads;
     {
         std::lock_guard lock(outMutex_);
         closed_ = true;
+        callerReads = callerReads_;
         if (watched_) {
             watched_ = false;
             runtime_->unwatch(fd_);
         }
-        if (fd_ >= 0) {
+        if (callerReads) {
+            // Wakes the caller that reads the socket; it closes the socket
+            // and frees the read buffer when it gives the read role back.
+            ::shutdown(fd_, SHUT_RDWR);
+        } else if (fd_ >= 0) {
             ::close(fd_);
             fd_ = -1;
         }
@@ -822,10 +956,8 @@ void LinuxVynConnection::close(const std::string& reason, bool cut)
         incompleteTimer_.reset();
     }
     slot_.reset();
-    Bytes().swap(in_);
-    readBufferSize_ = 0;
-    inStart_ = inEnd_ = 0;
-    header_.reset();
+    if (!callerReads)
+        releaseReadBuffer();
     for (auto& [id, p] : pending)
         failReply(p, invalidError());
     if (resumed_)

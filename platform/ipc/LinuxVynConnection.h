@@ -13,6 +13,10 @@
 // its event handler on the runtime thread when the connection's queue is
 // idle (SerialQueue::runOrAsync), so a request costs no thread hand-off
 // before it reaches the handler.
+// A client-side caller waiting in sendWithReplySync() reads its reply from
+// the socket itself when no other thread is reading it (the read role):
+// frames that are not its reply are handed out as the runtime's thread
+// would hand them out, and that thread leaves the socket alone meanwhile.
 // Events go to the event handler on the connection's queue, in the order
 // the frames arrived; replies go to their own handler on the queue given
 // with sendWithReply(). ConnectionInvalid is delivered exactly once and
@@ -56,6 +60,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -136,9 +141,25 @@ private:
     // Runtime's thread.
     void start();
     void readAvailable();
-    void processFrames();
-    void dispatch(Message message, std::size_t cost);
     void resumeReading();
+    void checkIncompleteFrame();
+    // Gives the read buffer back (it grows with big frames).
+    void releaseReadBuffer();
+
+    // The thread that holds the read role (the runtime's, or a waiting
+    // caller's on the client side): reads what the socket has, up to
+    // `budget` bytes, and hands out the complete frames. Returns why the
+    // connection must close, if it must.
+    std::optional<Failure> readSocket(int fd, std::size_t budget);
+    std::optional<Failure> processFrames();
+    std::optional<Failure> dispatch(Message message, std::size_t cost);
+
+    // Client side: the read role. A caller takes it only when no one reads
+    // and no partial frame is buffered, and gives it back when its answer
+    // came (`answered`) or the connection failed.
+    bool beginRuntimeRead();
+    void endRuntimeRead();
+    void readAsCaller(const std::function<bool()>& answered);
     // Whether a request reserving `reserve` decoded bytes may be read now;
     // when not, reading is marked paused, to be resumed by a finished
     // request of this connection or by the uid's quota freeing up.
@@ -227,6 +248,16 @@ private:
     std::size_t inFlight_ = 0;
     std::size_t queuedBytes_ = 0;
     bool readingPaused_ = false; // reading stopped for tickets or quota
+    // Client side: who holds the read role (in_, inStart_, inEnd_, header_,
+    // framesRead_ and the reading of the socket). While a caller reads, the
+    // socket is watched one-shot and only for output, so the runtime's
+    // thread is not woken for the caller's input nor, over and over, for a
+    // hangup; `disarmed_`: such a report came and the watch is spent.
+    bool callerReads_ = false;
+    bool runtimeReads_ = false;
+    bool partialBuffered_ = false; // part of a frame waits in the read buffer
+    bool readFailed_ = false;      // a caller found the connection broken; its close is posted
+    bool disarmed_ = false;
     std::atomic<std::size_t> readBufferSize_{0};
 };
 

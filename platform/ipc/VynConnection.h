@@ -58,7 +58,9 @@ public:
 
     // Sends a request and waits on the calling thread for its answer: the
     // reply, or a VynError when the connection breaks before it comes. The
-    // thread that reads the reply hands it straight to the waiting caller,
+    // caller reads the reply itself when no other thread reads the
+    // connection (handing out what else it reads as that thread would);
+    // else the thread that reads the reply hands it straight to the caller,
     // without passing through a queue. May be called from a reply handler.
     // REQUIRES: not called on the thread that reads the connection (raised
     // as an internal-consistency failure: it would wait for itself).

@@ -3,9 +3,10 @@
 // connections. Sockets are watched by Watcher objects; a one-shot timer
 // facility serves per-connection deadlines.
 //
-// Confinement: watch/modify/unwatch and the timer operations must be called
-// on the runtime's thread (from a watcher's callback, a timer or a posted
-// task); post() and stop() may be called from any thread.
+// Confinement: watch/unwatch and the timer operations must be called on the
+// runtime's thread (from a watcher's callback, a timer or a posted task);
+// post(), stop() and modify() (of a watched descriptor) may be called from
+// any thread.
 //
 // Ownership: the runtime holds a strong reference to every watcher until it
 // is unwatched, so a watched connection lives at least as long as its
@@ -60,9 +61,10 @@ public:
     // Idempotent. REQUIRES: not called on the runtime's thread.
     void stop();
 
+    // Any thread, while `fd` is watched.
+    void modify(int fd, std::uint32_t events);
     // Runtime's thread only.
     void watch(int fd, std::uint32_t events, std::shared_ptr<Watcher> watcher);
-    void modify(int fd, std::uint32_t events);
     void unwatch(int fd);
     TimerId addTimer(Clock::time_point when, Task task);
     void cancelTimer(TimerId id);

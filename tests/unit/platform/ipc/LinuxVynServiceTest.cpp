@@ -221,6 +221,45 @@ TEST_F(LinuxVynServiceTest, SynchronousRequestsAreAnsweredAlsoFromAReplyHandlerO
     EXPECT_EQ(echoedText(client.connection->sendWithReplySync(request("late"))), "<error: Connection invalid>");
 }
 
+// A caller waiting for its answer reads the socket itself: what else it
+// reads goes out in order, reading goes on after it, and a close of the
+// connection wakes it.
+TEST_F(LinuxVynServiceTest, ACallerReadingItsReplyHandsOutOtherFramesInOrderAndWakesOnClose)
+{
+    std::future<std::string> waiting; // outlives the server, whose end wakes it
+    auto server = std::make_unique<Server>(config_);
+    server->setEcho(false);
+    Client client(clients(), "svc");
+    auto peer = server->peer(0);
+    auto sync = [&](const char* text) {
+        return std::async(std::launch::async, [&, text] { return echoedText(client.connection->sendWithReplySync(request(text))); });
+    };
+    waiting = sync("x");
+    auto other = client.send(request("other"));
+    ASSERT_TRUE(eventually([&] { return peer->events.size() == 2; }));
+    peer->connection->send(request("e1"));
+    answer(*peer->connection, peer->events.message(1));
+    answer(*peer->connection, peer->events.message(0));
+    peer->connection->send(request("e2"));
+    ASSERT_EQ(waiting.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(waiting.get(), "x");
+    ASSERT_TRUE(eventually([&] { return client.events->size() == 2 && other->size() == 1; }));
+    EXPECT_EQ(Client::echoed(other), "other");
+
+    waiting = sync("y");
+    ASSERT_TRUE(eventually([&] { return peer->events.size() == 3; }));
+    peer->connection->send(request("e3"));
+    ASSERT_TRUE(eventually([&] { return client.events->size() == 3; }));
+    client.connection->cancel();
+    ASSERT_EQ(waiting.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(waiting.get(), "<error: Connection invalid>");
+    // The caller is woken by the close; ConnectionInvalid is queued after it.
+    ASSERT_TRUE(eventually([&] { return client.events->invalid() == 1; }));
+    ASSERT_EQ(client.events->size(), 4u);
+    for (std::size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(*client.events->message(i).stringForKey("request"), "e" + std::to_string(i + 1));
+}
+
 TEST_F(LinuxVynServiceTest, MalformedOrStalledFramesCutOnlyTheirOwnConnection)
 {
     config_.limits.maxRequestFrame = 4096;
