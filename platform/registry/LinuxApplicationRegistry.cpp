@@ -52,16 +52,16 @@ Result<std::shared_ptr<LinuxApplicationRegistry>> LinuxApplicationRegistry::crea
     std::shared_ptr<CodeSigningService> codeSigning, std::shared_ptr<ExtensionSdkRegistry> sdks,
     InitialScan initialScan)
 {
-    StoredRegistry stored;
-    auto db = RegistryDatabase::open(config.registryDatabase, &stored);
+    auto db = RegistryDatabase::open(config.registryDatabase);
     if (!db)
         return db.error();
-    std::shared_ptr<LinuxApplicationRegistry> registry(
-        new LinuxApplicationRegistry(config, std::move(bundles), std::move(codeSigning), std::move(sdks),
-                                     std::move(*db), std::move(stored)));
+    const bool heldPlugIns = (*db)->heldPlugIns();
+    std::shared_ptr<LinuxApplicationRegistry> registry(new LinuxApplicationRegistry(
+        config, std::move(bundles), std::move(codeSigning), std::move(sdks), std::move(*db)));
     // A store with plug-ins is served as it stands until the watcher has
-    // compared it with the disk; an empty one has nothing to serve.
-    if (initialScan == InitialScan::WhenWatching && !registry->stored_.plugIns.empty()) {
+    // compared it with the disk; an empty one has nothing to serve. Its rows
+    // are read when first needed (loadStored()).
+    if (initialScan == InitialScan::WhenWatching && heldPlugIns) {
         registry->scanWhenWatching_ = true;
         return registry;
     }
@@ -73,14 +73,26 @@ Result<std::shared_ptr<LinuxApplicationRegistry>> LinuxApplicationRegistry::crea
 LinuxApplicationRegistry::LinuxApplicationRegistry(const PlatformConfig& config, std::shared_ptr<BundleService> bundles,
                                                    std::shared_ptr<CodeSigningService> codeSigning,
                                                    std::shared_ptr<ExtensionSdkRegistry> sdks,
-                                                   std::unique_ptr<RegistryDatabase> db, StoredRegistry stored)
+                                                   std::unique_ptr<RegistryDatabase> db)
     : config_(config),
       scanner_(config, std::move(bundles), std::move(codeSigning)),
       sdks_(std::move(sdks)),
       locations_(locationsOf(config)),
-      db_(std::move(db)),
-      stored_(std::move(stored))
+      db_(std::move(db))
 {
+}
+
+void LinuxApplicationRegistry::loadStored()
+{
+    if (loaded_.load(std::memory_order_acquire))
+        return;
+    std::lock_guard load(loadMutex_);
+    if (loaded_.load(std::memory_order_relaxed))
+        return;
+    // No change has run (each loads first and waits here), so db_ has no
+    // other user, and stored_ no reader.
+    stored_ = std::make_shared<const StoredRegistry>(db_->read());
+    loaded_.store(true, std::memory_order_release);
 }
 
 LinuxApplicationRegistry::~LinuxApplicationRegistry()
@@ -96,13 +108,15 @@ std::string LinuxApplicationRegistry::canonicalBundlePath(const std::string& pat
 
 // MARK: - Lookups
 
-std::shared_ptr<const RegistryIndex> LinuxApplicationRegistry::makeIndex(const StoredRegistry& stored) const
+std::shared_ptr<const RegistryIndex> LinuxApplicationRegistry::makeIndex(
+    std::shared_ptr<const StoredRegistry> stored) const
 {
-    return std::make_shared<const RegistryIndex>(stored, locations_, sdks_.get());
+    return std::make_shared<const RegistryIndex>(std::move(stored), locations_, sdks_);
 }
 
 std::shared_ptr<const RegistryIndex> LinuxApplicationRegistry::index()
 {
+    loadStored();
     std::lock_guard lock(stateMutex_);
     if (!index_)
         index_ = makeIndex(stored_);
@@ -156,7 +170,8 @@ std::optional<std::vector<RegistryPlugInRecordPtr>> LinuxApplicationRegistry::qu
 void LinuxApplicationRegistry::rescan()
 {
     std::lock_guard lock(changeMutex_);
-    if (MaybeError error = reconcile(scanner_.scanDisk(stored_), std::nullopt))
+    loadStored();
+    if (MaybeError error = reconcile(scanner_.scanDisk(*stored_), std::nullopt))
         platformLog(LogLevel::Error, kLogCategory, "rescan not recorded: %{public}s", error->localizedDescription());
 }
 
@@ -164,9 +179,10 @@ MaybeError LinuxApplicationRegistry::registerPlugIn(const std::string& pathOrUrl
 {
     const std::string path = canonicalBundlePath(pathOrUrl);
     std::lock_guard lock(changeMutex_);
+    loadStored();
     // A bundle inside a known application's "PlugIns" belongs to it at once,
     // not only after the next scan.
-    RegistryScanner::Candidate candidate{path, RegistryScanner::containingApplicationPath(path, stored_.applications),
+    RegistryScanner::Candidate candidate{path, RegistryScanner::containingApplicationPath(path, stored_->applications),
                                          true};
     std::string whyNot;
     std::optional<StoredPlugIn> fresh = scanner_.readPlugIn(candidate, &whyNot);
@@ -181,7 +197,8 @@ MaybeError LinuxApplicationRegistry::unregisterPlugIn(const std::string& pathOrU
 {
     const std::string path = canonicalBundlePath(pathOrUrl);
     std::lock_guard lock(changeMutex_);
-    if (std::none_of(stored_.plugIns.begin(), stored_.plugIns.end(),
+    loadStored();
+    if (std::none_of(stored_->plugIns.begin(), stored_->plugIns.end(),
                      [&](const StoredPlugIn& p) { return p.path == path; }))
         return registryError(kRegistryErrorNotRegistered, "no plug-in is registered at " + pathOrUrl);
     return reconcile(RegistryScanner::Scan{}, path);
@@ -230,7 +247,7 @@ MaybeError LinuxApplicationRegistry::reconcile(const RegistryScanner::Scan& scan
     std::set<std::string> changedApplications;
     if (scan.coversApplications) {
         std::map<std::string, const StoredApplication*> storedApps;
-        for (const StoredApplication& a : stored_.applications)
+        for (const StoredApplication& a : stored_->applications)
             storedApps.emplace(a.path, &a);
         for (const StoredApplication& a : scan.applications) {
             auto it = storedApps.find(a.path);
@@ -254,7 +271,7 @@ MaybeError LinuxApplicationRegistry::reconcile(const RegistryScanner::Scan& scan
         installed.insert(p.uuid);
         changes.storedPlugIns.push_back(std::move(p));
     };
-    for (const StoredPlugIn& old : stored_.plugIns) {
+    for (const StoredPlugIn& old : stored_->plugIns) {
         if (!inScope(old.path))
             continue;
         auto it = freshAt.find(old.path);
@@ -265,7 +282,9 @@ MaybeError LinuxApplicationRegistry::reconcile(const RegistryScanner::Scan& scan
         }
         const StoredPlugIn& fresh = *it->second;
         if (fresh.identifier == old.identifier && fresh.version == old.version) {
-            if (!sameFacts(fresh, old) || fresh.registeredByPath != old.registeredByPath) {
+            // A row of the old schema is stored again to record its
+            // extension point; quietly, as nothing about it changed.
+            if (!sameFacts(fresh, old) || fresh.registeredByPath != old.registeredByPath || !old.extensionPoint) {
                 StoredPlugIn kept = fresh;
                 kept.uuid = old.uuid;
                 kept.registered = old.registered;
@@ -300,19 +319,20 @@ MaybeError LinuxApplicationRegistry::reconcile(const RegistryScanner::Scan& scan
         for (const StoredPlugIn& p : changes.storedPlugIns)
             replaced.emplace(p.uuid, &p);
         const std::set<Uuid> removed(changes.removedPlugIns.begin(), changes.removedPlugIns.end());
-        for (const StoredPlugIn& p : stored_.plugIns)
+        for (const StoredPlugIn& p : stored_->plugIns)
             if (!removed.count(p.uuid) && !replaced.count(p.uuid))
                 next.plugIns.push_back(p);
         next.plugIns.insert(next.plugIns.end(), changes.storedPlugIns.begin(), changes.storedPlugIns.end());
         std::sort(next.plugIns.begin(), next.plugIns.end(),
                   [](const StoredPlugIn& a, const StoredPlugIn& b) { return a.path < b.path; });
-        next.applications = scan.coversApplications ? scan.applications : stored_.applications;
+        next.applications = scan.coversApplications ? scan.applications : stored_->applications;
     }
     auto previous = index();
-    auto nextIndex = makeIndex(next);
+    auto nextStored = std::make_shared<const StoredRegistry>(std::move(next));
+    auto nextIndex = makeIndex(nextStored);
     {
         std::lock_guard lock(stateMutex_);
-        stored_ = std::move(next);
+        stored_ = std::move(nextStored);
         index_ = nextIndex;
     }
 
@@ -338,7 +358,7 @@ MaybeError LinuxApplicationRegistry::reconcile(const RegistryScanner::Scan& scan
 
 // MARK: - Watching
 
-std::vector<std::string> LinuxApplicationRegistry::watchedDirectories() const
+std::vector<std::string> LinuxApplicationRegistry::watchedDirectories()
 {
     std::vector<std::string> dirs(config_.applicationRoots.begin(), config_.applicationRoots.end());
     // Every application and plug-in bundle directory, recorded or not: a
@@ -357,14 +377,15 @@ std::vector<std::string> LinuxApplicationRegistry::watchedDirectories() const
             dirs.push_back(app);
             addPlugInsIn(app + "/PlugIns");
         }
+    loadStored();
     std::lock_guard lock(stateMutex_);
-    for (const StoredApplication& app : stored_.applications) {
+    for (const StoredApplication& app : stored_->applications) {
         dirs.push_back(app.path);
         dirs.push_back(app.path + "/PlugIns");
     }
     // A bundle replaced in place (a new Info.vlist renamed over the old one)
     // changes only its own directory.
-    for (const StoredPlugIn& p : stored_.plugIns)
+    for (const StoredPlugIn& p : stored_->plugIns)
         dirs.push_back(p.path);
     return dirs;
 }
@@ -374,8 +395,17 @@ MaybeError LinuxApplicationRegistry::startWatching(std::chrono::milliseconds set
     std::lock_guard lock(changeMutex_);
     if (watcher_)
         return std::nullopt;
+    // A scan that changes nothing builds no index. The watcher's thread,
+    // which runs at a lowered priority, builds it after the scan, so that the
+    // first lookup after start does not pay for it (10,000 plug-ins: about
+    // 15 ms) unless it comes before the first scan has ended.
     auto watcher = RegistryWatcher::start(
-        settle, [this] { return watchedDirectories(); }, [this] { rescan(); }, scanWhenWatching_);
+        settle, [this] { return watchedDirectories(); },
+        [this] {
+            rescan();
+            index();
+        },
+        scanWhenWatching_);
     if (!watcher)
         return watcher.error();
     watcher_ = std::move(*watcher);

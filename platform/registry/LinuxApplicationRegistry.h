@@ -37,6 +37,7 @@
 #include "platform/registry/RegistryScanner.h"
 #include "platform/sdk/ExtensionSdkRegistry.h"
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
@@ -101,27 +102,34 @@ public:
 private:
     LinuxApplicationRegistry(const PlatformConfig& config, std::shared_ptr<BundleService> bundles,
                              std::shared_ptr<CodeSigningService> codeSigning, std::shared_ptr<ExtensionSdkRegistry> sdks,
-                             std::unique_ptr<RegistryDatabase> db, StoredRegistry stored);
+                             std::unique_ptr<RegistryDatabase> db);
 
+    // Reads the store's rows into stored_ the first time anything needs
+    // them, which a daemon with a large store does after its first reply.
+    // Every reader of stored_ calls it first, never with stateMutex_ held;
+    // as every change does too, no change touches db_ before it has run.
+    void loadStored();
     // Applies a scan to the stored rows within `scope` (all rows when
     // `scope` is none), persists, and queues the announcements. An error
     // leaves everything as it was. REQUIRES: changeMutex_ held.
     MaybeError reconcile(const RegistryScanner::Scan& scan, const std::optional<std::string>& scope);
     void createDataContainer(const Uuid& uuid);
-    std::vector<std::string> watchedDirectories() const;
+    std::vector<std::string> watchedDirectories();
     std::shared_ptr<const RegistryIndex> index();
-    std::shared_ptr<const RegistryIndex> makeIndex(const StoredRegistry& stored) const;
+    std::shared_ptr<const RegistryIndex> makeIndex(std::shared_ptr<const StoredRegistry> stored) const;
 
     const PlatformConfig config_;
     const RegistryScanner scanner_;
     const std::shared_ptr<ExtensionSdkRegistry> sdks_;
     const RegistryIndex::Locations locations_; // system volume root in canonical form
 
-    std::mutex changeMutex_; // serialises changes; guards db_
+    std::mutex changeMutex_; // serialises changes; guards db_ once loaded_
     std::unique_ptr<RegistryDatabase> db_;
 
-    mutable std::mutex stateMutex_; // guards stored_ (written under both locks) and index_
-    StoredRegistry stored_;         // what db_ holds
+    std::mutex loadMutex_;         // serialises loadStored()
+    std::atomic<bool> loaded_{false};
+    mutable std::mutex stateMutex_; // guards stored_ (written under both locks once loaded_) and index_
+    std::shared_ptr<const StoredRegistry> stored_; // what db_ holds, once loaded_; indexes share it
     std::shared_ptr<const RegistryIndex> index_; // null after dropCaches()
 
     RegistryAnnouncer announcer_;

@@ -22,8 +22,9 @@ namespace {
 constexpr const char* kLogCategory = "registry";
 constexpr int kBusyTimeoutMs = 5000;
 // Pages are read through a shared mapping of the file rather than copied
-// into SQLite's own page cache: opening reads every row, and a heap page
-// cache of the whole file costs an allocation and a copy per page.
+// into SQLite's own page cache: reading the rows reads every page of both
+// tables, and a heap page cache of them costs an allocation and a copy per
+// page.
 constexpr const char* kMmapPragma = "PRAGMA mmap_size = 268435456;";
 
 constexpr const char* kCreateSchema =
@@ -39,8 +40,17 @@ constexpr const char* kCreateSchema =
     " registered INTEGER NOT NULL,"
     " by_path INTEGER NOT NULL,"
     " info BLOB NOT NULL,"
-    " entitlements BLOB NOT NULL);"
-    "PRAGMA user_version = 1;";
+    " entitlements BLOB NOT NULL,"
+    " extension_point TEXT);"
+    "PRAGMA user_version = 2;";
+
+// From version 1: the extension point of a row beside its dictionaries, so
+// that the index by extension point is built without decoding them. Adding
+// a column rewrites no row; the rows of version 1 read it as NULL (not
+// known) until a scan stores them again.
+constexpr const char* kUpgradeFrom1 =
+    "ALTER TABLE plugins ADD COLUMN extension_point TEXT;"
+    "PRAGMA user_version = 2;";
 
 TvError sqliteError(sqlite3* db, int rc, std::string_view what)
 {
@@ -116,9 +126,10 @@ int userVersion(sqlite3* db, int* rc)
 // Opens the file and brings it to the current schema. *fileAtFault tells
 // whether the file itself is at fault (and may be moved aside) rather than
 // its location.
-Result<sqlite3*> openAndPrepare(const std::string& path, bool* fileAtFault)
+Result<sqlite3*> openAndPrepare(const std::string& path, bool* fileAtFault, bool* heldPlugIns)
 {
     *fileAtFault = false;
+    *heldPlugIns = false;
     sqlite3* db = nullptr;
     int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                              nullptr);
@@ -144,24 +155,49 @@ Result<sqlite3*> openAndPrepare(const std::string& path, bool* fileAtFault)
     const int version = userVersion(db, &rc);
     if (rc != SQLITE_OK)
         return fail(rc, "cannot read the schema version of " + path);
-    if (version == 0) {
+    if (version == 0 || version == 1) {
         rc = sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
         if (rc == SQLITE_OK) {
-            // Another process may have created the schema meanwhile.
-            if (userVersion(db, &rc) == 0 && rc == SQLITE_OK)
+            // Another process may have made or upgraded the schema meanwhile.
+            const int now = userVersion(db, &rc);
+            if (rc == SQLITE_OK && now == 0)
                 rc = sqlite3_exec(db, kCreateSchema, nullptr, nullptr, nullptr);
+            else if (rc == SQLITE_OK && now == 1)
+                rc = sqlite3_exec(db, kUpgradeFrom1, nullptr, nullptr, nullptr);
             rc = rc == SQLITE_OK ? sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) : rc;
             if (rc != SQLITE_OK)
                 sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
         }
         if (rc != SQLITE_OK)
-            return fail(rc, "cannot create the schema in " + path);
-    } else if (version != RegistryDatabase::kSchemaVersion) {
+            return fail(rc, (version == 0 ? "cannot create the schema in " : "cannot upgrade the schema of ") + path);
+        if (version == 1)
+            platformLog(LogLevel::Info, kLogCategory, "registry database %{public}s upgraded to schema version %d",
+                        path, RegistryDatabase::kSchemaVersion);
+    }
+    if (version != 0 && version != 1 && version != RegistryDatabase::kSchemaVersion) {
         *fileAtFault = true;
         sqlite3_close(db);
         return registryError(kRegistryErrorStore, path + " has unknown schema version " + std::to_string(version));
     }
+    if (version != 0) {
+        // One page of the table: whether the first scan can wait.
+        {
+            Statement any(db, "SELECT EXISTS(SELECT 1 FROM plugins)");
+            rc = any.ok() ? sqlite3_step(any.get()) : any.rc();
+            if (rc == SQLITE_ROW)
+                *heldPlugIns = sqlite3_column_int(any.get(), 0) != 0;
+        }
+        if (rc != SQLITE_ROW)
+            return fail(rc, "cannot read plug-ins of " + path);
+    }
     return db;
+}
+
+void logMovedAside(const std::string& path, const TvError& error)
+{
+    platformLog(LogLevel::Error, kLogCategory,
+                "registry database %{public}s is unusable (%{public}s); moved aside to %{public}s.corrupt and rebuilt",
+                path, error.localizedDescription(), path);
 }
 
 void moveAside(const std::string& path)
@@ -178,7 +214,7 @@ void moveAside(const std::string& path)
 
 } // namespace
 
-Result<std::unique_ptr<RegistryDatabase>> RegistryDatabase::open(const std::string& path, StoredRegistry* stored)
+Result<std::unique_ptr<RegistryDatabase>> RegistryDatabase::open(const std::string& path)
 {
     std::error_code ec;
     const fs::path parent = fs::path(path).parent_path();
@@ -187,37 +223,48 @@ Result<std::unique_ptr<RegistryDatabase>> RegistryDatabase::open(const std::stri
     if (ec)
         return posixError(ec.value(), "cannot create " + parent.string());
 
-    // No integrity check of the whole file at start: it would read every
-    // page before the daemon can answer. Damage shows as an error of the
-    // reads that load() makes of every row (or of a later change, which is
-    // then refused), and the file is moved aside here as for a file that is
-    // no database at all.
-    std::unique_ptr<RegistryDatabase> db;
+    // No row is read here, and no integrity check of the whole file is
+    // made: either would read every page before the daemon can answer.
+    // Damage in the rows shows as an error of read() (or of a later change,
+    // which is then refused).
     bool fileAtFault = false;
-    auto openAndLoad = [&]() -> MaybeError {
-        Result<sqlite3*> opened = openAndPrepare(path, &fileAtFault);
-        if (!opened)
-            return opened.error();
-        db.reset(new RegistryDatabase(*opened, path));
-        Result<StoredRegistry> loaded = db->load(&fileAtFault);
-        if (!loaded) {
-            db.reset();
-            return loaded.error();
-        }
-        *stored = std::move(*loaded);
-        return std::nullopt;
-    };
-    MaybeError error = openAndLoad();
-    if (error && fileAtFault) {
-        platformLog(LogLevel::Error, kLogCategory,
-                    "registry database %{public}s is unusable (%{public}s); moved aside to %{public}s.corrupt and rebuilt",
-                    path, error->localizedDescription(), path);
+    bool heldPlugIns = false;
+    Result<sqlite3*> opened = openAndPrepare(path, &fileAtFault, &heldPlugIns);
+    if (!opened && fileAtFault) {
+        logMovedAside(path, opened.error());
         moveAside(path);
-        error = openAndLoad();
+        opened = openAndPrepare(path, &fileAtFault, &heldPlugIns);
     }
-    if (error)
-        return *error;
+    if (!opened)
+        return opened.error();
+    std::unique_ptr<RegistryDatabase> db(new RegistryDatabase(*opened, path));
+    db->heldPlugIns_ = heldPlugIns;
     return db;
+}
+
+StoredRegistry RegistryDatabase::read()
+{
+    if (!db_)
+        return {};
+    bool fileAtFault = false;
+    Result<StoredRegistry> loaded = load(&fileAtFault);
+    if (loaded)
+        return std::move(*loaded);
+    // By now the daemon serves and cannot stop to report the store. A store
+    // whose rows cannot be read, damaged or not, is one whose changes could
+    // not be kept in step with memory: it goes aside like a damaged file.
+    logMovedAside(path_, loaded.error());
+    sqlite3_close(db_);
+    db_ = nullptr;
+    moveAside(path_);
+    bool heldPlugIns = false;
+    Result<sqlite3*> opened = openAndPrepare(path_, &fileAtFault, &heldPlugIns);
+    if (opened)
+        db_ = *opened;
+    else
+        platformLog(LogLevel::Error, kLogCategory, "no registry database: %{public}s; changes are not stored",
+                    opened.error().localizedDescription());
+    return {};
 }
 
 RegistryDatabase::~RegistryDatabase()
@@ -263,7 +310,7 @@ Result<StoredRegistry> RegistryDatabase::load(bool* fileAtFault)
     // one block, sized by the file (a hint: the log may hold more), and
     // become values once every row is read.
     Statement stmt(db_, "SELECT uuid, path, application, identifier, version, registered, by_path, info, "
-                        "entitlements FROM plugins");
+                        "entitlements, extension_point FROM plugins");
     if (!stmt.ok())
         return sqliteError(db_, stmt.rc(), "cannot read plug-ins");
     auto block = std::make_shared<StoredValue::Block>();
@@ -298,6 +345,8 @@ Result<StoredRegistry> RegistryDatabase::load(bool* fileAtFault)
         p.version = stmt.text(4);
         p.registered = Date::fromMicroseconds(sqlite3_column_int64(stmt.get(), 5));
         p.registeredByPath = sqlite3_column_int(stmt.get(), 6) != 0;
+        if (sqlite3_column_type(stmt.get(), 9) != SQLITE_NULL)
+            p.extensionPoint = std::string(stmt.text(9));
         append(7);
         append(8);
         stored.plugIns.push_back(std::move(p));
@@ -325,6 +374,8 @@ MaybeError RegistryDatabase::apply(const RegistryChanges& changes)
 {
     if (changes.empty())
         return std::nullopt;
+    if (!db_)
+        return registryError(kRegistryErrorStore, "no registry database at " + path_);
     int rc = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK)
         return sqliteError(db_, rc, "cannot begin a transaction");
@@ -360,8 +411,8 @@ MaybeError RegistryDatabase::apply(const RegistryChanges& changes)
             rc = run(storeApp);
         }
         Statement storePlugIn(db_, "INSERT OR REPLACE INTO plugins(uuid, path, application, identifier, version, "
-                                   "registered, by_path, info, entitlements) "
-                                   "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)");
+                                   "registered, by_path, info, entitlements, extension_point) "
+                                   "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)");
         for (const StoredPlugIn& p : changes.storedPlugIns) {
             if (rc != SQLITE_OK)
                 break;
@@ -375,6 +426,7 @@ MaybeError RegistryDatabase::apply(const RegistryChanges& changes)
             sqlite3_bind_int(storePlugIn.get(), 7, p.registeredByPath ? 1 : 0);
             storePlugIn.bindBlob(8, p.info.encoding());
             storePlugIn.bindBlob(9, p.entitlements.encoding());
+            storePlugIn.bindText(10, p.extensionPointIdentifier());
             rc = run(storePlugIn);
         }
     }
@@ -390,6 +442,14 @@ MaybeError RegistryDatabase::apply(const RegistryChanges& changes)
     if (changes.storedPlugIns.size() + changes.removedPlugIns.size() > kCheckpointAfterRows)
         sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
     return std::nullopt;
+}
+
+std::string StoredPlugIn::extensionPointIdentifier() const
+{
+    if (extensionPoint)
+        return *extensionPoint;
+    const std::string* point = info.value()["KoExtension"]["KoExtensionPointIdentifier"].asString();
+    return point ? *point : std::string();
 }
 
 // MARK: - StoredValue

@@ -9,11 +9,13 @@
 // versioned by SQLite's user_version; the layout is in
 // docs/application-registry.md.
 //
-// Opening never gives up on a damaged file: a file that SQLite cannot read
-// as a database or whose rows cannot be read, or that carries an unknown
-// schema version is renamed to "<path>.corrupt" (replacing an older one),
-// logged, and replaced by an empty database. Only a location where no
-// database can be created at all is an error.
+// Opening reads no row: the rows are read when first asked for (read()),
+// which a daemon with a large store does after its first reply. Neither step
+// gives up on a damaged file: a file that SQLite cannot read as a database,
+// that carries an unknown schema version (both seen at open), or whose rows
+// cannot be read (seen by read()) is renamed to "<path>.corrupt" (replacing
+// an older one), logged, and replaced by an empty database. Only a location
+// where no database can be created at all is an error, and only at open.
 //
 // Thread-safety: none; the owner serialises all calls.
 #pragma once
@@ -25,6 +27,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -34,9 +37,9 @@ struct sqlite3;
 namespace tv::platform {
 
 // A dictionary of a stored row: either a fresh reading, or the bytes the
-// store holds, decoded on first read (start-up reads every row but builds
-// records only when asked). Copies share the decoding; safe to read from any
-// thread. The values read by one opening of the store share one block (their
+// store holds, decoded on first read (the store's rows are all read at once,
+// their records made only when asked). Copies share the decoding; safe to
+// read from any thread. The values read together share one block (their
 // bytes and decoding states), so that reading 10,000 rows makes no
 // allocation per dictionary.
 class StoredValue {
@@ -81,8 +84,15 @@ struct StoredPlugIn {
     std::string version;
     Date registered;
     bool registeredByPath = false;
+    // "KoExtensionPointIdentifier" of the plug-in dictionary in `info`
+    // (empty when it is not a string); none for a row stored before the
+    // store kept it, which only `info` can tell.
+    std::optional<std::string> extensionPoint;
     StoredValue info;
     StoredValue entitlements;
+
+    // The extension point, from `info` when the row does not carry it.
+    std::string extensionPointIdentifier() const;
 };
 
 struct StoredApplication {
@@ -112,14 +122,24 @@ struct RegistryChanges {
 
 class RegistryDatabase {
 public:
-    static constexpr int kSchemaVersion = 1;
+    // 2 added plugins.extension_point; a store of version 1 is upgraded at
+    // open.
+    static constexpr int kSchemaVersion = 2;
 
     // Opens or creates the database at `path`, making missing parent
-    // directories (mode 0755), and reads what it holds into `*stored`.
-    static Result<std::unique_ptr<RegistryDatabase>> open(const std::string& path, StoredRegistry* stored);
+    // directories (mode 0755). Reads no row.
+    static Result<std::unique_ptr<RegistryDatabase>> open(const std::string& path);
     ~RegistryDatabase();
     RegistryDatabase(const RegistryDatabase&) = delete;
     RegistryDatabase& operator=(const RegistryDatabase&) = delete;
+
+    // Whether the store held any plug-in when it was opened.
+    bool heldPlugIns() const { return heldPlugIns_; }
+    // Everything stored, plug-ins ordered by path; their dictionaries are
+    // kept encoded until first read (StoredValue). A store whose rows cannot
+    // be read is moved aside and replaced by an empty one (logged): nothing
+    // is stored then.
+    StoredRegistry read();
 
     // All or nothing.
     [[nodiscard]] MaybeError apply(const RegistryChanges& changes);
@@ -128,13 +148,13 @@ public:
 
 private:
     RegistryDatabase(sqlite3* db, std::string path) : db_(db), path_(std::move(path)) {}
-    // Everything stored, plug-ins ordered by path. The plug-ins'
-    // dictionaries are kept encoded until first read (StoredValue). On
-    // failure, *fileAtFault tells whether the file is damaged.
+    // What read() reads. On failure, *fileAtFault tells whether the file is
+    // damaged.
     Result<StoredRegistry> load(bool* fileAtFault);
 
-    sqlite3* db_;
+    sqlite3* db_; // null when a store moved aside could not be replaced
     std::string path_;
+    bool heldPlugIns_ = false;
 };
 
 } // namespace tv::platform

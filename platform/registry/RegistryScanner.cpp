@@ -186,6 +186,7 @@ std::optional<StoredPlugIn> RegistryScanner::readPlugIn(const Candidate& candida
         return std::nullopt;
     }
     p.version = bundleVersionOf(info);
+    p.extensionPoint = stringOf(extension["KoExtensionPointIdentifier"]).value_or("");
     p.entitlements = Value::emptyDictionary();
     if (std::optional<std::string> executable = bundles_->executablePath(*handle)) {
         Result<Value> entitlements = codeSigning_->entitlementsOfExecutable(*executable);

@@ -14,7 +14,9 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <fstream>
 #include <set>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -104,6 +106,26 @@ protected:
                                            {"KbBundleExecutable", Value("main")}, {"KoExtension", extension}});
     }
     std::string writeApp(const std::string& name) { return writeBundle("Applications/" + name, Value{{"KbBundleIdentifier", Value("com." + name)}}); }
+
+    // Runs `statement` on the store; the first column of its first row as
+    // text ("" when there is none or it is NULL).
+    std::string sql(const char* statement)
+    {
+        sqlite3* db = nullptr;
+        EXPECT_EQ(sqlite3_open(config_.registryDatabase.c_str(), &db), SQLITE_OK);
+        std::string first;
+        sqlite3_stmt* stmt = nullptr;
+        const char* rest = statement;
+        while (rest && *rest && sqlite3_prepare_v2(db, rest, -1, &stmt, &rest) == SQLITE_OK && stmt) {
+            const int rc = sqlite3_step(stmt);
+            EXPECT_TRUE(rc == SQLITE_ROW || rc == SQLITE_DONE) << sqlite3_errmsg(db);
+            if (rc == SQLITE_ROW && sqlite3_column_text(stmt, 0))
+                first = reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0));
+            sqlite3_finalize(stmt);
+        }
+        sqlite3_close(db);
+        return first;
+    }
 
     test::FakeVlistFiles files_;
     PlatformConfig config_;
@@ -354,6 +376,72 @@ TEST_F(LinuxApplicationRegistryTest, DamagedStoreIsMovedAsideAndRebuilt)
     files_.writeText("blocker", "file"); // no store can be made there
     config_.registryDatabase = files_.path("blocker/registry.sqlite");
     EXPECT_FALSE(LinuxApplicationRegistry::create(config_, bundles_, codeSigning_).ok());
+}
+
+// A store of the first schema (no extension point column) is upgraded in
+// place at open: its plug-ins keep their UUIDs and are found by extension
+// point at once, and the first scan records their extension points quietly.
+TEST_F(LinuxApplicationRegistryTest, StoreOfTheFirstSchemaIsUpgradedInPlace)
+{
+    const std::string plugIn = writePlugIn("System/Library/PlugIns/S.vext", "com.s", "1", "com.share");
+    const Uuid uuid = open()->plugInAtPath(plugIn)->uuid;
+    sql("ALTER TABLE plugins DROP COLUMN extension_point; PRAGMA user_version = 1;");
+
+    test::LogCapture log;
+    auto registry = open(Scan::WhenWatching);
+    ASSERT_TRUE(registry);
+    EXPECT_EQ(log.countContaining("upgraded to schema version 2"), 1u);
+    EXPECT_EQ(log.countContaining("moved aside"), 0u);
+    auto found = registry->queryPlugIns(Value{{"KoExtensionPointIdentifier", Value("com.share")}}, {});
+    ASSERT_TRUE(found && found->size() == 1u);
+    EXPECT_EQ(found->front()->uuid, uuid);
+    EXPECT_EQ(sql("SELECT quote(extension_point) FROM plugins"), "NULL");
+
+    auto observer = std::make_shared<RecordingObserver>();
+    registry->addObserver(observer);
+    registry->rescan();
+    registry->waitForAnnouncements();
+    EXPECT_EQ(observer->count(true) + observer->count(false), 0u);
+    EXPECT_EQ(sql("SELECT extension_point FROM plugins"), "com.share");
+    registry = open(Scan::WhenWatching);
+    EXPECT_EQ(registry->plugInAtPath(plugIn)->uuid, uuid);
+    EXPECT_EQ(log.countContaining("upgraded to schema version"), 1u);
+}
+
+// Rows are read on first use, after open: damage found only then is
+// handled there as at open, and a scan then records everything again.
+TEST_F(LinuxApplicationRegistryTest, DamagedRowsFoundAfterOpenAreMovedAsideAndRebuilt)
+{
+    std::string plugIn;
+    for (int i = 0; i < 60; ++i) // enough rows for several pages of the table
+        plugIn = writePlugIn("System/Library/PlugIns/P" + std::to_string(i) + ".vext", "com.p" + std::to_string(i),
+                             "1", "p");
+    ASSERT_TRUE(open());
+    // Garbage over the table's last leaf; its root and first leaf, which
+    // open reads, stay intact.
+    const int root = std::stoi(sql("SELECT rootpage FROM sqlite_master WHERE name = 'plugins'"));
+    std::fstream file(config_.registryDatabase, std::ios::in | std::ios::out | std::ios::binary);
+    unsigned char header[12];
+    file.seekg(static_cast<std::streamoff>(root - 1) * 4096);
+    file.read(reinterpret_cast<char*>(header), sizeof header);
+    ASSERT_EQ(header[0], 0x05) << "the table fits one page";
+    const unsigned last = (header[8] << 24) | (header[9] << 16) | (header[10] << 8) | header[11];
+    file.seekp(static_cast<std::streamoff>(last - 1) * 4096);
+    file.write(std::string(4096, 'x').data(), 4096);
+    file.close();
+
+    test::LogCapture log;
+    auto registry = open(Scan::WhenWatching);
+    ASSERT_TRUE(registry);
+    EXPECT_EQ(log.countContaining("moved aside"), 0u);
+    EXPECT_TRUE(registry->allPlugIns().empty());
+    EXPECT_EQ(log.countContaining("moved aside"), 1u);
+    EXPECT_TRUE(fs::exists(config_.registryDatabase + ".corrupt"));
+    registry->rescan();
+    ASSERT_EQ(registry->allPlugIns().size(), 60u);
+    const Uuid uuid = registry->plugInAtPath(plugIn)->uuid;
+    registry = open(Scan::WhenWatching);
+    EXPECT_EQ(registry->plugInAtPath(plugIn)->uuid, uuid);
 }
 
 // The daemon's database drops the registry's caches on its own queue, and
