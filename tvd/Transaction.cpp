@@ -86,8 +86,13 @@ bool preferredOver(const TvdPlugIn& p, const Value& r)
 
 // The working state of a "match" request, kept across its slices.
 struct Transaction::MatchWork {
-    // One view of the type declarations for every candidate's rules.
-    platform::TypeConformanceSnapshot types{TvdMatchRules::shared()->services().types};
+    // The rules evaluator, and one view of the type declarations, for every
+    // candidate's rules.
+    std::shared_ptr<const TvdMatchRules> rules = TvdMatchRules::shared();
+    platform::TypeConformanceSnapshot types{rules->services().types};
+    // The sandbox service whose grants the kept forms carry, read at the
+    // first kept form.
+    std::optional<std::shared_ptr<platform::SandboxService>> sandbox;
     std::optional<Array> exclusions;
     std::optional<std::string> ownPlugIns;
     std::vector<std::shared_ptr<TvdPlugIn>> candidates;
@@ -476,11 +481,11 @@ void Transaction::matchPlugIns()
             if (work->held[c])
                 return true;
         }
-        if (!query->isNull() && !p->match(*query, &work->types))
+        if (!query->isNull() && !work->rules->match(*p, *query, &work->types))
             return true;
         if (work->exclusions) {
             for (const Value& exclusion : *work->exclusions) {
-                if (p->match(exclusion, &work->types)) {
+                if (work->rules->match(*p, exclusion, &work->types)) {
                     TvLog::ops().debug("client %d plugin %{public}@ globally excluded", client_->pid(), uuidText(*p));
                     return true;
                 }
@@ -527,14 +532,16 @@ void Transaction::matchPlugIns()
 
         // Annotations are added after the walk, for the survivors only.
         auto form = std::make_shared<MatchWork::Result>();
-        form->encoded = p->encodedHostForm(*exported, form->form);
+        if (!work->sandbox)
+            work->sandbox = platform::sandboxService();
+        form->encoded = p->encodedHostForm(*exported, form->form, *work->sandbox);
         form->identifier = form->form["identifier"].asString();
         if (form->identifier)
             ++work->identifiers[*form->identifier];
         results.push_back(form);
         work->kept.push_back(p);
 
-        Value replaced = p->valueForEntitlement(kReplacePlugInEntitlement);
+        Value replaced = p->replacedIdentifiers();
         if (const std::string* one = replaced.asString()) {
             work->overrides.insert_or_assign(*one, form);
         } else if (const Array* many = replaced.asArray()) {

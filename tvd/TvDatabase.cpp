@@ -296,6 +296,8 @@ std::optional<std::vector<std::shared_ptr<TvdPlugIn>>> TvDatabase::findPlugIns(c
     // then obtained in one pass on the database queue.
     std::vector<platform::RegistryPlugInRecordPtr> wanted;
     std::unordered_set<Uuid> seen;
+    wanted.reserve(records->size());
+    seen.reserve(records->size());
     for (const auto& record : *records) {
         if (!record)
             continue;

@@ -79,6 +79,8 @@ std::shared_ptr<TvdPlugIn> TvdPlugIn::initWithRSData(platform::RegistryPlugInRec
     // rsproxy first: setup already reads the lookups (through normalize and
     // the diagnosis) and they must see the registry's data.
     plugIn->rsproxy_ = record;
+    plugIn->dedicated_ = record->plugInValue(kDedicatedKey).boolValue();
+    plugIn->hostEntitlement_ = record->plugInValue(kHostEntitlementKey);
     if (!plugIn->constructWithNameUrlBundleInfoInfoUuid(record->plugInIdentifier, record->bundleUrl, Value(),
                                                         record->plugInDictionary, record->uuid))
         return nullptr;
@@ -119,6 +121,11 @@ Value TvdPlugIn::pluginKey(std::string_view key) const
 Value TvdPlugIn::attribute(std::string_view key) const
 {
     return rsproxy_ ? rsproxy_->attributeValue(key) : Value();
+}
+
+bool TvdPlugIn::isDedicated() const
+{
+    return dedicated_;
 }
 
 Value TvdPlugIn::bundleInfoDictionary() const
@@ -167,10 +174,34 @@ bool TvdPlugIn::hasEntitlement(std::string_view name) const
 
 std::string TvdPlugIn::annotationKey() const
 {
+    auto kept = replacement_.load();
+    return kept ? kept->annotationKey : std::string();
+}
+
+Value TvdPlugIn::replacedIdentifiers() const
+{
+    auto kept = replacement_.load();
+    return kept ? kept->replaced : Value();
+}
+
+void TvdPlugIn::setIdentifier(std::optional<std::string> value)
+{
+    TvPlugInCore::setIdentifier(std::move(value));
+    remakeAnnotationKey();
+}
+
+void TvdPlugIn::setEntitlements(Value value)
+{
+    TvPlugInCore::setEntitlements(std::move(value));
+    remakeAnnotationKey();
+}
+
+void TvdPlugIn::remakeAnnotationKey()
+{
     Value replaced = valueForEntitlement(kReplacePlugInEntitlement);
-    if (auto s = replaced.asString())
-        return *s;
-    return identifier().value_or(std::string());
+    const std::string* named = replaced.asString();
+    replacement_.store(std::make_shared<const Replacement>(
+        Replacement{replaced, named ? *named : identifier().value_or(std::string())}));
 }
 
 MaybeError TvdPlugIn::diagnose() const
@@ -227,9 +258,9 @@ const ValueCodecOptions& TvdPlugIn::hostFormEncoding()
     return options;
 }
 
-std::shared_ptr<const TvdPlugIn::HostFormCache> TvdPlugIn::hostFormCache(const Value& exported) const
+std::shared_ptr<const TvdPlugIn::HostFormCache> TvdPlugIn::hostFormCache(
+    const Value& exported, const std::shared_ptr<platform::SandboxService>& sandbox) const
 {
-    std::shared_ptr<platform::SandboxService> sandbox = platform::sandboxService();
     if (auto cached = hostForm_.load(); cached && cached->issuer == sandbox)
         return cached;
     Value shared = sharedResources();
@@ -246,12 +277,18 @@ std::shared_ptr<const TvdPlugIn::HostFormCache> TvdPlugIn::hostFormCache(const V
 
 Value TvdPlugIn::hostForm(const Value& exported) const
 {
-    return hostFormCache(exported)->form;
+    return hostFormCache(exported, platform::sandboxService())->form;
 }
 
 std::shared_ptr<const EncodedDictionary> TvdPlugIn::encodedHostForm(const Value& exported, Value& form) const
 {
-    auto kept = hostFormCache(exported);
+    return encodedHostForm(exported, form, platform::sandboxService());
+}
+
+std::shared_ptr<const EncodedDictionary> TvdPlugIn::encodedHostForm(
+    const Value& exported, Value& form, const std::shared_ptr<platform::SandboxService>& sandbox) const
+{
+    auto kept = hostFormCache(exported, sandbox);
     form = kept->form;
     return kept->encoded;
 }
@@ -403,8 +440,7 @@ std::optional<std::string> TvdPlugIn::allowForClient(const TvdVynClient& client)
         if (!match(restriction))
             return std::string("the host's plug-in entitlement does not allow this plug-in");
     }
-    Value demanded = pluginKey(kHostEntitlementKey);
-    if (const std::string* name = demanded.asString()) {
+    if (const std::string* name = hostEntitlement_.asString()) {
         if (!client.hasEntitlement(*name))
             return formatString("the host does not have the \"%@\" entitlement", *name);
     }

@@ -4,11 +4,14 @@
 // It answers every bundle-information question by asking the registry record
 // afresh (infoKey(), pluginKey(), attribute(), bundleInfoDictionary()), so
 // everything the base record derives from those lookups (classification, the
-// diagnosis, the exported form) rests on the registry's data. On top of the
-// base record it adds the plug-in's entitlements, localized names fetched
-// from the registry on first read, two daemon-only consistency rules, the key
-// of its stored annotation and the resource grants added to forms sent to
-// hosts.
+// diagnosis, the exported form) rests on the registry's data. The registry
+// record itself never changes (a changed plug-in is a new registry record),
+// so the facts a match asks of every candidate ("Dedicated", the host
+// entitlement it demands) are read from it once, when the record is built.
+// On top of the base record it adds the plug-in's entitlements, localized
+// names fetched from the registry on first read, two daemon-only consistency
+// rules, the key of its stored annotation and the resource grants added to
+// forms sent to hosts.
 //
 // Only the registry database (TvDatabase) builds records, and only from
 // registry records; a record that exists has a bundle URL, an identifier and
@@ -71,12 +74,22 @@ public:
     std::optional<std::string> localizedShortName() const override;
     std::optional<std::string> localizedContainingName() const override;
 
+    // The boolean reading of "Dedicated", taken from the registry record
+    // when the record is built: the registry record never changes, and a
+    // match asks it of every candidate.
+    bool isDedicated() const override;
+
     Value valueForEntitlement(std::string_view name) const;
     bool hasEntitlement(std::string_view name) const;
 
     // The key of this plug-in's stored annotation: its replace-plugin
-    // entitlement when that is a string, else its identifier.
+    // entitlement when that is a string, else its identifier. Kept with the
+    // record, made again whenever either of them is set.
     std::string annotationKey() const;
+    // Its replace-plugin entitlement (valueForEntitlement()), kept likewise.
+    Value replacedIdentifiers() const;
+    void setIdentifier(std::optional<std::string> value) override;
+    void setEntitlements(Value value) override;
 
     // The base diagnosis, then: a code plug-in needs a data container, and a
     // plug-in outside any application must lie below the system volume root.
@@ -104,6 +117,10 @@ public:
     // with the form, so that a match copies each form's bytes instead of
     // encoding it again. Null when the form cannot be encoded there.
     std::shared_ptr<const EncodedDictionary> encodedHostForm(const Value& exported, Value& form) const;
+    // encodedHostForm() for the grants of `sandbox`, which a caller asking
+    // for many records reads once (platform::sandboxService()).
+    std::shared_ptr<const EncodedDictionary> encodedHostForm(const Value& exported, Value& form,
+                                                             const std::shared_ptr<platform::SandboxService>& sandbox) const;
     // The options of that encoding: URLs allowed, one level below the array.
     static const ValueCodecOptions& hostFormEncoding();
     // `dictionary` without the keys that begin with "DT".
@@ -187,14 +204,24 @@ private:
     struct HostFormCache;
     // The kept host form for the current sandbox service, or a fresh one
     // that is not kept (a resource could not be granted).
-    std::shared_ptr<const HostFormCache> hostFormCache(const Value& exported) const;
+    std::shared_ptr<const HostFormCache> hostFormCache(const Value& exported,
+                                                      const std::shared_ptr<platform::SandboxService>& sandbox) const;
     // issueResourceExtensions() through `sandbox` (null: none, every grant
     // fails with ENOSYS); `complete` is cleared when a resource was left out.
     Value grantResources(const Value& resources, platform::SandboxService* sandbox, bool& complete) const;
+    void remakeAnnotationKey();
     // The resources augmentForm() grants: null when none.
     Value sharedResources() const;
 
     platform::RegistryPlugInRecordPtr rsproxy_;
+    // Facts of the registry record read once when the record is built.
+    bool dedicated_ = false;
+    Value hostEntitlement_; // "KoExtensionHostEntitlement"
+    struct Replacement {
+        Value replaced; // the replace-plugin entitlement
+        std::string annotationKey;
+    };
+    std::atomic<std::shared_ptr<const Replacement>> replacement_;
     mutable std::atomic<std::shared_ptr<const Value>> exported_;
     mutable std::atomic<std::shared_ptr<const HostFormCache>> hostForm_;
 };

@@ -21,7 +21,7 @@
 // With --against a second daemon build runs on the same platform, the two
 // alternating --pairs times (each run is a fresh daemon start); each figure
 // is the median of a build's runs, and the two builds' replies are compared
-// byte for byte.
+// byte for byte, but for the UUIDs and dates that registering makes.
 //
 // A second request adds rules that every candidate evaluates in the daemon
 // (a version floor and type-conformance tests against a types directory):
@@ -34,6 +34,7 @@
 #include "LoadSupport.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -45,6 +46,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -203,6 +205,33 @@ void waitUntilSettled(pid_t pid)
             return;
         before = now;
     }
+}
+
+// `bytes` with what a registration makes (every UUID in text form, 8-4-4-4-12
+// hex digits, and the 8 bytes of each "lastmodified" date) zeroed.
+Bytes withoutRegistration(Bytes bytes)
+{
+    static constexpr std::size_t kLength = 36;
+    auto hex = [](std::uint8_t c) { return std::isxdigit(c) != 0; };
+    for (std::size_t i = 0; i + kLength <= bytes.size(); ++i) {
+        bool uuid = true;
+        for (std::size_t k = 0; k < kLength && uuid; ++k)
+            uuid = (k == 8 || k == 13 || k == 18 || k == 23) ? bytes[i + k] == '-' : hex(bytes[i + k]);
+        if (!uuid)
+            continue;
+        for (std::size_t k = 0; k < kLength; ++k)
+            if (bytes[i + k] != '-')
+                bytes[i + k] = '0';
+        i += kLength - 1;
+    }
+    static constexpr std::string_view kDate = "lastmodified";
+    for (auto it = bytes.begin();
+         (it = std::search(it, bytes.end(), kDate.begin(), kDate.end())) != bytes.end();) {
+        it += kDate.size();
+        if (bytes.end() - it >= 9)
+            std::fill(it + 1, it + 9, 0); // past the type byte
+    }
+    return bytes;
 }
 
 // One daemon run over the platform in `dir`: both requests, then the raw
@@ -365,11 +394,13 @@ int main(int argc, char** argv)
         }
     }
     // Both daemons answered on the same platform: their replies' bodies
-    // (past the header, which holds the message id) must be the same bytes.
+    // (past the header, which holds the message id) must be the same bytes,
+    // but for what a registration makes: builds whose registry stores differ
+    // in schema each register the bundles afresh (new UUIDs and dates).
     if (daemons.size() == 2) {
         for (std::size_t s = 0; s < sizes.size(); ++s) {
-            const Bytes& x = all[0][s].reply;
-            const Bytes& y = all[1][s].reply;
+            const Bytes x = withoutRegistration(all[0][s].reply);
+            const Bytes y = withoutRegistration(all[1][s].reply);
             bool same = x.size() == y.size() && x.size() >= VynFrame::kHeaderSize &&
                         std::equal(x.begin() + VynFrame::kHeaderSize, x.end(), y.begin() + VynFrame::kHeaderSize);
             std::printf("  %6d plug-ins: tvd %.2fx against; reply bodies %s\n", sizes[s],

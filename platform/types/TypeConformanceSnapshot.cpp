@@ -8,7 +8,12 @@ TypeConformanceSnapshot::TypeConformanceSnapshot(std::shared_ptr<TypeIdentifierS
 
 bool TypeConformanceSnapshot::conformsTo(std::string_view type, std::string_view otherType)
 {
-    return source_ && table()->conformsTo(type, otherType);
+    if (!source_)
+        return false;
+    if (!table_)
+        table();
+    // The kept table itself: no reference taken per question.
+    return table_->conformsTo(type, otherType);
 }
 
 std::shared_ptr<const TypeConformanceTable> TypeConformanceSnapshot::table()

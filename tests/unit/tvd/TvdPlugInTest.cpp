@@ -3,7 +3,6 @@
 #include "tvd/TvdPlugIn.h"
 
 #include "Tarvik/TvBundle.h"
-#include "Tarvik/TvFileReadGrant.h"
 #include "platform/privacy/LinuxPrivacyConsentService.h"
 #include "platform/process/LinuxBundleService.h"
 #include "platform/processstate/ProcessStateService.h"
@@ -47,7 +46,8 @@ TEST_F(TvdPlugInTest, ConstructionTakesTheRegistryFactsAndLookupsAskTheRecordEve
     // The registry record stands in for a registry whose answers change.
     r->plugInDictionary = r->plugInDictionary.with("Dedicated", Value(true));
     r->infoDictionary = r->infoDictionary.with("Extra", Value("x")).with("DTSDKName", Value("x"));
-    EXPECT_TRUE(p->isDedicated());
+    EXPECT_EQ(p->pluginKey("Dedicated"), Value(true));
+    EXPECT_FALSE(p->isDedicated()); // read once, when the record was built
     EXPECT_EQ(p->infoKey("Extra"), Value("x"));
     // Names: an absent answer is asked again, a present one is kept.
     r->localizedName.reset();
