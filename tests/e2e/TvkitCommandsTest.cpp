@@ -45,6 +45,8 @@ TEST_F(TvkitCommandsTest, CommandsSendTheirRequestsAndReportTheAnswer)
         EXPECT_EQ(help.out.rfind(std::string("usage: tvkit ") + command + " [--json] ", 0), 0u) << help.out;
         EXPECT_EQ(tvkit({command}).exitStatus, 2);
     }
+    for (std::vector<std::string> bad : {std::vector<std::string>{"raw", "{not json"}, {"raw", "[1, 2]"}, {"frobnicate"}, {}})
+        EXPECT_EQ(tvkit(bad).exitStatus, 2) << (bad.empty() ? "" : bad.back());
     auto added = tvkit({"add", "--json", bundle_});
     EXPECT_EQ(added.out, "{}\n");
     EXPECT_EQ(added.exitStatus, 0) << added.err;
