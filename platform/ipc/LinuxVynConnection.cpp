@@ -23,9 +23,12 @@ namespace {
 
 // The smallest read; larger frames get room as their bytes arrive.
 constexpr std::size_t kReadChunk = 16u << 10;
-// Bytes read from one connection per wake-up, so that a fast sender cannot
-// starve the other connections of the runtime.
+// Bytes read from one connection per wake-up, and frames handed out in one
+// turn, so that a fast sender cannot starve the other connections of the
+// runtime: small frames cost more to hand out than to read, and a read
+// brings in hundreds of them.
 constexpr std::size_t kReadBudget = 1u << 20;
+constexpr std::size_t kFramesPerTurn = 16;
 // A read buffer larger than this is given back once it drains.
 constexpr std::size_t kKeepBuffer = 64u << 10;
 constexpr int kMaxIov = 64;
@@ -541,6 +544,23 @@ void LinuxVynConnection::endRuntimeRead()
     partialBuffered_ = inEnd_ > inStart_;
 }
 
+void LinuxVynConnection::endTurnEarly()
+{
+    // The frames left in the buffer are handed out in a turn of their own
+    // after the other connections' turns: the socket may have nothing more
+    // to report.
+    framesLeftOver_ = true;
+    if (turnPosted_)
+        return;
+    turnPosted_ = runtime_->post([weak = weak_from_this()] {
+        if (auto self = weak.lock()) {
+            self->turnPosted_ = false;
+            if (!self->closed_ && self->reading_ && self->framesLeftOver_)
+                self->readAvailable();
+        }
+    }); // refused only while stopping, which closes the connection anyway
+}
+
 void LinuxVynConnection::checkIncompleteFrame()
 {
     if (closed_ || !beginRuntimeRead())
@@ -561,7 +581,15 @@ void LinuxVynConnection::releaseReadBuffer()
 
 void LinuxVynConnection::readAvailable()
 {
-    if (auto failure = readSocket(fd_, kReadBudget)) {
+    turnFramesLeft_ = kFramesPerTurn;
+    std::optional<Failure> failure;
+    if (framesLeftOver_) { // from the last turn, before reading more
+        framesLeftOver_ = false;
+        failure = processFrames();
+    }
+    if (!failure)
+        failure = readSocket(fd_, kReadBudget);
+    if (failure) {
         close(failure->reason, failure->cut);
         return;
     }
@@ -578,7 +606,7 @@ std::optional<LinuxVynConnection::Failure> LinuxVynConnection::readSocket(int fd
     // quota (processFrames), or when a handler that ran here closed it; a
     // client's runs no handler here, and a caller that reads learns of a
     // close from the socket, which is shut down.
-    while (budget > 0 && (role_ == Role::Client || (reading_ && !closed_))) {
+    while (budget > 0 && (role_ == Role::Client || (reading_ && !closed_ && turnFramesLeft_ > 0))) {
         std::size_t buffered = inEnd_ - inStart_;
         std::size_t missing = header_ && header_->frameSize() > buffered ? header_->frameSize() - buffered : 0;
         std::size_t want = readRoom(buffered, missing);
@@ -663,6 +691,13 @@ std::optional<LinuxVynConnection::Failure> LinuxVynConnection::processFrames()
         }
         if (available < header_->frameSize())
             return std::nullopt;
+        if (role_ == Role::Accepted) {
+            if (turnFramesLeft_ == 0) {
+                endTurnEarly();
+                return std::nullopt;
+            }
+            --turnFramesLeft_;
+        }
         // A request reserves the most its decoded form can cost before it is
         // decoded, and keeps what it turned out to cost.
         bool request = role_ == Role::Accepted && header_->replyTo == 0;
@@ -859,6 +894,8 @@ void LinuxVynConnection::resumeReading()
         readingPaused_ = false;
     }
     setReading(true);
+    turnFramesLeft_ = kFramesPerTurn;
+    framesLeftOver_ = false;
     if (auto failure = processFrames())
         close(failure->reason, failure->cut);
     else if (!closed_)

@@ -143,6 +143,9 @@ private:
     void readAvailable();
     void resumeReading();
     void checkIncompleteFrame();
+    // The turn's frames are spent with complete frames left in the buffer:
+    // another turn is posted for them.
+    void endTurnEarly();
     // Gives the read buffer back (it grows with big frames).
     void releaseReadBuffer();
 
@@ -228,6 +231,11 @@ private:
     std::uint64_t framesRead_ = 0;
     std::optional<VynRuntime::TimerId> incompleteTimer_;
     std::uint64_t incompleteTimerFrame_ = 0;
+    // Daemon side: frames this turn may still hand out, whether complete
+    // frames wait in in_ for the next turn, and whether that turn is posted.
+    std::size_t turnFramesLeft_ = 0;
+    bool framesLeftOver_ = false;
+    bool turnPosted_ = false;
 
     // The output side and the request bookkeeping, shared by the writing
     // threads and the runtime's thread.

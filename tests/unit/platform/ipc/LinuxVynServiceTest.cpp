@@ -77,6 +77,11 @@ public:
             peer->connection = c;
             c->setEventHandler([s, peer, weak = std::weak_ptr<VynConnection>(c)](const VynEvent& e) {
                 auto m = eventMessage(e);
+                if (m && m->stringForKey("request") && *m->stringForKey("request") == "gate") {
+                    s->gated = true;
+                    s->gate.wait();
+                }
+                s->order.add(e);
                 if (m && !s->echo) {
                     std::lock_guard lock(peer->mutex);
                     peer->held.push_back(*m); // held before recorded
@@ -101,11 +106,19 @@ public:
         return p;
     }
     void setEcho(bool echo) { state_->echo = echo; }
+    // A request "gate" keeps the thread that hands it out until `opened`.
+    void setGate(std::shared_future<void> opened) { state_->gate = std::move(opened); }
+    bool gated() const { return state_->gated; }
+    // Every connection's events, in the order they were handed out.
+    Recorder& order() { return state_->order; }
     LinuxVynService& service() { return *service_; }
 
 private:
     struct State {
         std::atomic<bool> echo{true};
+        std::atomic<bool> gated{false};
+        std::shared_future<void> gate;
+        Recorder order;
         std::mutex mutex;
         std::vector<std::shared_ptr<Peer>> peers;
     };
@@ -383,6 +396,43 @@ TEST_F(LinuxVynServiceTest, EveryRequestCountsInFlightUntilAnsweredOrRun)
     EXPECT_EQ(answers[0]->size() + client.events->size(), 0u);
     const AuditToken& token = peer->connection->auditToken();
     EXPECT_EQ(std::tuple(token.pid, token.uid, token.gid), std::tuple(::getpid(), ::getuid(), ::getgid()));
+}
+
+// A connection with thousands of small requests buffered takes turns with
+// the others: another connection's request is handed out after at most one
+// turn's share of them, not after all that one read brought in.
+TEST_F(LinuxVynServiceTest, APipeliningConnectionTakesTurnsWithTheOthers)
+{
+    Server server(config_);
+    std::promise<void> open;
+    server.setGate(open.get_future().share());
+    int fds[3];
+    for (int i = 0; i < 3; ++i) {
+        fds[i] = test::connectUnix(socketPath());
+        ASSERT_TRUE(server.peer(static_cast<std::size_t>(i)));
+    }
+    // The runtime's thread stops in the gate's handler while the other two
+    // connections' bytes arrive, so that one wake-up finds both readable.
+    Bytes gate = frame(request("gate"), 1), flood, other = frame(request("other"), 1);
+    ASSERT_EQ(::send(fds[0], gate.data(), gate.size(), 0), static_cast<ssize_t>(gate.size()));
+    ASSERT_TRUE(eventually([&] { return server.gated(); }));
+    constexpr int kFlood = 2000;
+    for (int i = 1; i <= kFlood; ++i) {
+        Bytes f = frame(request("flood"), static_cast<std::uint64_t>(i));
+        flood.insert(flood.end(), f.begin(), f.end());
+    }
+    ASSERT_EQ(::send(fds[1], flood.data(), flood.size(), 0), static_cast<ssize_t>(flood.size()));
+    ASSERT_EQ(::send(fds[2], other.data(), other.size(), 0), static_cast<ssize_t>(other.size()));
+    open.set_value();
+    ASSERT_TRUE(eventually([&] { return server.order().size() == kFlood + 2; }));
+    auto all = server.order().all();
+    auto at = std::find_if(all.begin(), all.end(), [](const VynEvent& e) {
+        auto m = eventMessage(e);
+        return m && m->stringForKey("request") && *m->stringForKey("request") == "other";
+    });
+    EXPECT_LT(at - all.begin(), 200);
+    for (int fd : fds)
+        ::close(fd);
 }
 
 // Each request decodes to about 192 KiB: one fits a connection, and a
