@@ -28,7 +28,7 @@ constexpr std::size_t kReadChunk = 16u << 10;
 // runtime: small frames cost more to hand out than to read, and a read
 // brings in hundreds of them.
 constexpr std::size_t kReadBudget = 1u << 20;
-constexpr std::size_t kFramesPerTurn = 16;
+constexpr std::size_t kFramesPerTurn = 4;
 // A read buffer larger than this is given back once it drains.
 constexpr std::size_t kKeepBuffer = 64u << 10;
 constexpr int kMaxIov = 64;
