@@ -81,6 +81,7 @@ std::shared_ptr<TvdPlugIn> TvdPlugIn::initWithRSData(platform::RegistryPlugInRec
     plugIn->rsproxy_ = record;
     plugIn->dedicated_ = record->plugInValue(kDedicatedKey).boolValue();
     plugIn->hostEntitlement_ = record->plugInValue(kHostEntitlementKey);
+    plugIn->extensionPoint_ = record->attributeValue(kKoExtensionPointIdentifierKey);
     if (!plugIn->constructWithNameUrlBundleInfoInfoUuid(record->plugInIdentifier, record->bundleUrl, Value(),
                                                         record->plugInDictionary, record->uuid))
         return nullptr;
@@ -120,6 +121,8 @@ Value TvdPlugIn::pluginKey(std::string_view key) const
 
 Value TvdPlugIn::attribute(std::string_view key) const
 {
+    if (key == kKoExtensionPointIdentifierKey) // every match's rules ask it of every candidate
+        return extensionPoint_;
     return rsproxy_ ? rsproxy_->attributeValue(key) : Value();
 }
 

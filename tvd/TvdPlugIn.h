@@ -7,7 +7,8 @@
 // diagnosis, the exported form) rests on the registry's data. The registry
 // record itself never changes (a changed plug-in is a new registry record),
 // so the facts a match asks of every candidate ("Dedicated", the host
-// entitlement it demands) are read from it once, when the record is built.
+// entitlement it demands, its extension point) are read from it once, when
+// the record is built.
 // On top of the base record it adds the plug-in's entitlements, localized
 // names fetched from the registry on first read, two daemon-only consistency
 // rules, the key of its stored annotation and the resource grants added to
@@ -217,6 +218,7 @@ private:
     // Facts of the registry record read once when the record is built.
     bool dedicated_ = false;
     Value hostEntitlement_; // "KoExtensionHostEntitlement"
+    Value extensionPoint_;  // "KoExtensionPointIdentifier" in the attributes scope
     struct Replacement {
         Value replaced; // the replace-plugin entitlement
         std::string annotationKey;
