@@ -278,16 +278,6 @@ std::shared_ptr<const TvdPlugIn::HostFormCache> TvdPlugIn::hostFormCache(
     return made;
 }
 
-Value TvdPlugIn::hostForm(const Value& exported) const
-{
-    return hostFormCache(exported, platform::sandboxService())->form;
-}
-
-std::shared_ptr<const EncodedDictionary> TvdPlugIn::encodedHostForm(const Value& exported, Value& form) const
-{
-    return encodedHostForm(exported, form, platform::sandboxService());
-}
-
 std::shared_ptr<const EncodedDictionary> TvdPlugIn::encodedHostForm(
     const Value& exported, Value& form, const std::shared_ptr<platform::SandboxService>& sandbox) const
 {

@@ -111,15 +111,12 @@ public:
     // grants, kept with the record for the process-wide sandbox service that
     // issued them: a match costs no file-system walk and no signing per
     // plug-in. Not kept while a resource could not be granted, so that it is
-    // tried (and logged) again next time.
-    Value hostForm(const Value& exported) const;
-    // hostForm() (given in `form`) together with its encoding as an element
-    // of the "matches" array (the message encoding of whole values), kept
-    // with the form, so that a match copies each form's bytes instead of
-    // encoding it again. Null when the form cannot be encoded there.
-    std::shared_ptr<const EncodedDictionary> encodedHostForm(const Value& exported, Value& form) const;
-    // encodedHostForm() for the grants of `sandbox`, which a caller asking
-    // for many records reads once (platform::sandboxService()).
+    // tried (and logged) again next time. The form is given in `form`; the
+    // result is its encoding as an element of the "matches" array (the
+    // message encoding of whole values), kept with the form, so that a match
+    // copies each form's bytes instead of encoding it again. Null when the
+    // form cannot be encoded there. `sandbox` is platform::sandboxService(),
+    // which a caller asking for many records reads once.
     std::shared_ptr<const EncodedDictionary> encodedHostForm(const Value& exported, Value& form,
                                                              const std::shared_ptr<platform::SandboxService>& sandbox) const;
     // The options of that encoding: URLs allowed, one level below the array.
