@@ -246,8 +246,7 @@ StoredRegistry RegistryDatabase::read()
 {
     if (!db_)
         return {};
-    bool fileAtFault = false;
-    Result<StoredRegistry> loaded = load(&fileAtFault);
+    Result<StoredRegistry> loaded = load();
     if (loaded)
         return std::move(*loaded);
     // By now the daemon serves and cannot stop to report the store. A store
@@ -257,7 +256,7 @@ StoredRegistry RegistryDatabase::read()
     sqlite3_close(db_);
     db_ = nullptr;
     moveAside(path_);
-    bool heldPlugIns = false;
+    bool fileAtFault = false, heldPlugIns = false;
     Result<sqlite3*> opened = openAndPrepare(path_, &fileAtFault, &heldPlugIns);
     if (opened)
         db_ = *opened;
@@ -272,12 +271,8 @@ RegistryDatabase::~RegistryDatabase()
     sqlite3_close(db_);
 }
 
-Result<StoredRegistry> RegistryDatabase::load(bool* fileAtFault)
+Result<StoredRegistry> RegistryDatabase::load()
 {
-    auto sqliteError = [&](sqlite3* db, int rc, std::string_view what) {
-        *fileAtFault = isDamage(rc);
-        return platform::sqliteError(db, rc, what);
-    };
     StoredRegistry stored;
     {
         Statement stmt(db_, "SELECT path, info FROM applications ORDER BY path");

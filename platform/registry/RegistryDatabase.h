@@ -148,9 +148,8 @@ public:
 
 private:
     RegistryDatabase(sqlite3* db, std::string path) : db_(db), path_(std::move(path)) {}
-    // What read() reads. On failure, *fileAtFault tells whether the file is
-    // damaged.
-    Result<StoredRegistry> load(bool* fileAtFault);
+    // What read() reads.
+    Result<StoredRegistry> load();
 
     sqlite3* db_; // null when a store moved aside could not be replaced
     std::string path_;
