@@ -4,6 +4,7 @@
 #include "platform/sdk/SdkMerge.h"
 
 #include <algorithm>
+#include <numeric>
 #include <sys/stat.h>
 
 namespace tv::platform {
@@ -187,14 +188,16 @@ std::vector<RegistryPlugInRecordPtr> RegistryIndex::recordsAt(const std::vector<
     return records;
 }
 
+std::vector<std::size_t> RegistryIndex::allSlots() const
+{
+    std::vector<std::size_t> slots(count_);
+    std::iota(slots.begin(), slots.end(), std::size_t{0});
+    return slots;
+}
+
 std::vector<RegistryPlugInRecordPtr> RegistryIndex::allPlugIns() const
 {
-    std::vector<RegistryPlugInRecordPtr> records;
-    records.reserve(count_);
-    for (std::size_t i = 0; i < count_; ++i)
-        if (RegistryPlugInRecordPtr record = recordAt(i))
-            records.push_back(std::move(record));
-    return records;
+    return recordsAt(allSlots());
 }
 
 RegistryPlugInRecordPtr RegistryIndex::plugInWithUuid(const Uuid& uuid) const
@@ -235,9 +238,7 @@ std::optional<std::vector<RegistryPlugInRecordPtr>> RegistryIndex::candidates(co
             picked.erase(std::unique(picked.begin(), picked.end()), picked.end());
         }
     } else {
-        picked.resize(count_);
-        for (std::size_t i = 0; i < count_; ++i)
-            picked[i] = i;
+        picked = allSlots();
     }
     if (auto identifiers = exactStrings(query["KoExtensionIdentifier"])) {
         std::erase_if(picked, [&](std::size_t i) {

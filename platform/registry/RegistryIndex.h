@@ -78,6 +78,7 @@ private:
     // The records of `slots`, in that order, leaving out rows that cannot be
     // decoded.
     std::vector<RegistryPlugInRecordPtr> recordsAt(const std::vector<std::size_t>& slots) const;
+    std::vector<std::size_t> allSlots() const; // 0 to count_ - 1
     RegistryPlugInRecordPtr makeRecord(const StoredPlugIn& row) const; // REQUIRES: makeMutex_
 
     const std::shared_ptr<const StoredRegistry> stored_;
