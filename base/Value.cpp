@@ -140,7 +140,6 @@ bool Value::boolValue() const
 std::int64_t Value::integerValue() const
 {
     switch (kind()) {
-    case ValueKind::Bool: return *asBool() ? 1 : 0;
     case ValueKind::Int: return *asInt();
     case ValueKind::UInt: return static_cast<std::int64_t>(*asUInt());
     case ValueKind::Double: {

@@ -123,7 +123,7 @@ public:
     bool boolValue() const;
     // The system's integer reading: a number gives its value (a double is
     // truncated, an unsigned above INT64_MAX wraps), a string its leading
-    // decimal integer, anything else 0.
+    // decimal integer, anything else (a boolean too) 0.
     std::int64_t integerValue() const;
     // The unsigned reading used for protocol fields: an unsigned integer gives
     // its value, anything else (a signed integer included) 0.

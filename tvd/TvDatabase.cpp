@@ -376,7 +376,7 @@ void TvDatabase::autoElect(TvdPlugIn& plugIn)
         annotation = Value(Dictionary{});
     // An existing choice, whatever it is, stands.
     const Value& election = annotation["election"];
-    if ((election.asInt() && *election.asInt() != 0) || (election.asUInt() && *election.asUInt() != 0))
+    if (election.integerValue() != 0)
         return;
     annotations_->setAnnotationForPlugIn(annotation.with("election", Value(std::int64_t{1})), plugIn);
 }

@@ -16,7 +16,7 @@ TEST(ValueTest, BooleanAndIntegerReadingsFollowTheSystemRules)
         EXPECT_FALSE(no.boolValue()) << no.description();
     const std::pair<Value, std::int64_t> integers[] = {
         {Value(7u), 7}, {Value(3.9), 3}, {Value("  42abc"), 42}, {Value("-17"), -17}, {Value("abc"), 0},
-        {Value("99999999999999999999999"), INT64_MAX}, {Value(Uuid::random()), 0},
+        {Value("99999999999999999999999"), INT64_MAX}, {Value(Uuid::random()), 0}, {Value(true), 0},
     };
     for (const auto& [v, expected] : integers)
         EXPECT_EQ(v.integerValue(), expected) << v.description();

@@ -165,6 +165,8 @@ TEST_F(TvDatabaseTest, AutoElectionStoresAChoiceOnlyWhereNoneStandsAndPostsNothi
          Value(std::int64_t{1})},
         {"com.example.chosen", Value{{"election", Value(std::int64_t{2})}}, Value(std::int64_t{2})},
         {"com.example.unsigned", Value{{"election", Value(std::uint64_t{5})}}, Value(std::uint64_t{5})},
+        {"com.example.double", Value{{"election", Value(2.0)}}, Value(2.0)},
+        {"com.example.boolean", Value{{"election", Value(true)}}, Value(std::int64_t{1})}, // not a number
     };
     for (const auto& [identifier, stored, expected] : cases) {
         SCOPED_TRACE(identifier);
