@@ -5,6 +5,7 @@
 #include "Tarvik/TvLog.h"
 #include "Tarvik/TvMessageConversion.h"
 #include "platform/privacy/PrivacyConsentService.h"
+#include "tvd/TvdMatchPattern.h"
 #include "tvd/TvdVynClient.h"
 #include "platform/jobs/JobManager.h"
 #include "platform/processstate/ProcessStateService.h"
@@ -347,7 +348,7 @@ std::string TvdPlugIn::sandboxProfile() const
         return "plugin";
     if (*point == "com.veltra.keyboard-service") {
         // The privacy service is asked only for keyboards that want open access.
-        if (attribute("RequestsOpenAccess") == Value(true) &&
+        if (valueEqualsTrue(attribute("RequestsOpenAccess")) &&
             allowedPCSServices().count(platform::kPrivacyServiceKeyboardNetwork))
             return "plugin";
         return "keyboard";

@@ -327,6 +327,7 @@ TEST_F(TvdPlugInAppTest, SandboxProfileFollowsTheExtensionPoint)
     const std::tuple<const char*, Value, std::string, const char*> cases[] = {
         {"com.veltra.keyboard-service", Value(), granted, "keyboard"},
         {"com.veltra.keyboard-service", Value(true), granted, "plugin"},
+        {"com.veltra.keyboard-service", Value(1), granted, "plugin"},
         {"com.veltra.keyboard-service", Value(true), other, "keyboard"},
         {"com.veltra.flowguard.filter-data", Value(), granted, "network-filter"},
         {"com.veltra.peek.extension.preview", Value(), granted, "peekd"},
