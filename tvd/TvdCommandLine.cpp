@@ -14,7 +14,9 @@ std::optional<TvdCommandLine> TvdCommandLine::parse(int argc, char* const argv[]
     opterr = 0;
     optind = 0; // 0 makes glibc re-initialise, so parse() can run more than once
     int c;
-    while ((c = ::getopt(argc, argv, "c:d:S:v")) != -1) {
+    // "+": options end at the first operand, as POSIX parses them (glibc
+    // would otherwise move later options in front of it).
+    while ((c = ::getopt(argc, argv, "+c:d:S:v")) != -1) {
         switch (c) {
         case 'S':
             line.serviceName = optarg;

@@ -22,7 +22,7 @@ const std::string kUsage = "Usage: tvd [-S servicename] [-v]\n";
 TEST(DaemonTest, BadCommandLinesPrintUsageAndExit2)
 {
     for (std::vector<std::string> args :
-         {std::vector<std::string>{"-x"}, {"extra"}, {"-v", "operand"}, {"-S"}, {"-c"}, {"-d"}}) {
+         {std::vector<std::string>{"-x"}, {"operand", "-v"}, {"-v", "operand"}, {"-S"}, {"-c"}, {"-d"}}) {
         std::vector<std::string> argv{TVD_BINARY};
         argv.insert(argv.end(), args.begin(), args.end());
         auto r = runProgram(argv, {{"TVD_LOG_LEVEL", "default"}});
@@ -31,6 +31,9 @@ TEST(DaemonTest, BadCommandLinesPrintUsageAndExit2)
         // The usage line is the last thing written ("-v" may log before it).
         ASSERT_GE(r.err.size(), kUsage.size());
         EXPECT_EQ(r.err.substr(r.err.size() - kUsage.size()), kUsage);
+        if (args.front() == "operand") {
+            EXPECT_EQ(r.err, kUsage); // options end at the first operand: "-v" is not read
+        }
     }
 }
 
