@@ -55,16 +55,6 @@ std::uint64_t unsignedOf(const Value& v)
     return static_cast<std::uint64_t>(v.integerValue());
 }
 
-// The file-system path of a file URL. A directory URL may end in "/"; the
-// path does not, so that suffix tests see the bundle's own name.
-std::string filePathOf(const Value& url)
-{
-    std::string p = url.urlPath();
-    while (p.size() > 1 && p.back() == '/')
-        p.pop_back();
-    return p;
-}
-
 struct SdkRegistryHolder {
     std::mutex mutex;
     std::shared_ptr<platform::ExtensionSdkRegistry> registry;
@@ -399,7 +389,7 @@ bool TvPlugInCore::oldStyle() const
 
 std::string TvPlugInCore::path() const
 {
-    return filePathOf(url());
+    return url().filePath();
 }
 
 std::optional<std::string> TvPlugInCore::containingPath() const
@@ -407,7 +397,7 @@ std::optional<std::string> TvPlugInCore::containingPath() const
     Value containing = containingUrl();
     if (containing.isNull())
         return std::nullopt;
-    return filePathOf(containing);
+    return containing.filePath();
 }
 
 Value TvPlugInCore::attributes() const

@@ -240,6 +240,14 @@ Value Value::without(std::string_view key) const
     return with(key, Value());
 }
 
+std::string Value::filePath() const
+{
+    std::string p = urlPath();
+    while (p.size() > 1 && p.back() == '/')
+        p.pop_back();
+    return p;
+}
+
 std::string Value::urlPath() const
 {
     auto u = asUrl();

@@ -143,6 +143,9 @@ public:
 
     // The path of a file URL ("file:///a/b" gives "/a/b"); empty otherwise.
     std::string urlPath() const;
+    // The file-system path: urlPath() without the "/" that ends a directory
+    // URL ("file:///a/b/" gives "/a/b"; the root stays "/").
+    std::string filePath() const;
 
     // The text form used by the "%@" conversion: a string is itself, a URL its
     // text, numbers in decimal, containers in a compact bracketed form.

@@ -371,7 +371,7 @@ MaybeError TvdPlugIn::enableForClient(const TvdVynClient& client) const
     Dictionary environment;
     const Value container = rsproxy_ ? rsproxy_->dataContainerUrl() : Value();
     if (!container.isNull()) {
-        const std::string home = container.urlPath();
+        const std::string home = container.filePath();
         environment["HOME"] = Value(home);
         environment["KBFIXED_USER_HOME"] = Value(home);
         environment["TMPDIR"] = Value(home + (home.ends_with('/') ? "tmp" : "/tmp"));

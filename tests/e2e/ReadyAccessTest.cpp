@@ -68,6 +68,10 @@ TEST_F(ReadyAccessTest, ReadyChecksEveryPlugInFirstThenEnablesEachOnce)
     ASSERT_TRUE(daemon_.waitForLog("assigning plug-in com.example.run("));
     EXPECT_EQ(enabled("com.example.run"), 1u);
     EXPECT_NE(daemon_.log().find("to plugin sandbox"), std::string::npos);
+    // HOME is the data container's path, without a directory URL's "/".
+    const std::string container = "/Data/PlugIn/" + run.string();
+    EXPECT_NE(daemon_.log().find(container + "\""), std::string::npos) << daemon_.log();
+    EXPECT_EQ(daemon_.log().find(container + "/\""), std::string::npos);
 
     // A host right refused ends the request before anything is enabled.
     EXPECT_EQ(ready({run, demanding}), "11 access to plugin com.example.demanding denied: the host does not have "

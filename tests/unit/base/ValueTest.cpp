@@ -36,6 +36,8 @@ TEST(ValueTest, DictionariesNeverStoreAbsentValues)
     EXPECT_NE(Value(1), Value(1.0));
     EXPECT_NE(Value("file:///x"), Value::url("file:///x"));
     EXPECT_EQ(Value::fileURL("/a b/c").urlPath(), "/a b/c");
+    EXPECT_EQ(Value::url("file:///a/b/").filePath(), "/a/b");
+    EXPECT_EQ(Value::url("file:///").filePath(), "/");
 }
 
 Value everyKind()
