@@ -24,6 +24,10 @@ using test::NotifySocket;
 class LinuxServiceLifecycleTest : public ::testing::Test {
 protected:
     LinuxServiceLifecycleTest() { config_.socketDir = dir_ + "/sockets"; }
+    // A test's service closes its connections when it goes, at the end of
+    // the test body; their last events reach events_ on vynQueue_, which
+    // must have run them before events_ goes.
+    ~LinuxServiceLifecycleTest() override { vynQueue_->sync([] {}); }
 
     test::TempDir tmp_;
     std::string dir_ = tmp_.path();
