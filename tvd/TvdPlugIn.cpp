@@ -49,15 +49,7 @@ std::string withoutTrailingSlash(std::string root)
 
 bool entitlementIsGranted(const Value& value)
 {
-    if (value.isNull())
-        return false;
-    if (auto b = value.asBool())
-        return *b;
-    if (auto d = value.asDouble())
-        return *d != 0.0;
-    if (value.isNumber())
-        return value.integerValue() != 0;
-    return true;
+    return !value.isNull() && !valueEqualsFalse(value);
 }
 
 void TvdPlugIn::setSystemVolumeRoot(std::string root)
