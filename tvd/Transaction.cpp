@@ -877,10 +877,10 @@ void Transaction::grantHold(const std::vector<std::shared_ptr<TvdPlugIn>>& plugI
     db->addHold(std::move(hold));
     // A client that died while its request was served has had its holds
     // released already (the client stops accepting work before its holds
-    // are released): this one would outlive it, so it goes too. The reply
-    // is dropped with the connection.
+    // are released): this one would outlive it, so it goes the same way.
+    // The reply is dropped with the connection.
     if (!client_->acceptWork())
-        db->unholdToken(token);
+        db->unholdClient(client_);
     reply_.set("uuids", Value(token));
     TvLog::ops().debug("hold request granted uuid:%{public}@", token.string());
     done();
