@@ -419,8 +419,9 @@ MaybeError TvdPlugIn::enableForClient(const TvdVynClient& client) const
 
 std::optional<std::string> TvdPlugIn::allowForClient(const TvdVynClient& client) const
 {
+    // An entitlement equal to false is not held: such a host is not restricted.
     Value restriction = client.entitlementValueForKey(kHostRestrictionEntitlement);
-    if (!restriction.isNull()) {
+    if (entitlementIsGranted(restriction)) {
         if (!restriction.isDictionary())
             return std::string("invalid host restriction entitlement");
         if (!match(restriction))

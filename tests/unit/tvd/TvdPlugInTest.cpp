@@ -248,6 +248,7 @@ TEST_F(TvdPlugInTest, HostRestrictionFirstThenThePlugInsDemand)
     const std::tuple<Value, std::string, Value, std::optional<std::string>> cases[] = {
         {Value::emptyDictionary(), "a", Value(), std::nullopt},
         {Value{{restrict, Value(true)}}, "a", Value(), "invalid host restriction entitlement"},
+        {Value{{restrict, Value(0)}}, "c", Value(), std::nullopt}, // false: not held, so no restriction
         {Value{{restrict, Value::emptyDictionary()}}, "c", Value(), std::nullopt},
         {Value{{restrict, onlyAB}}, "b", Value(), std::nullopt},
         {Value{{restrict, onlyAB}}, "c", Value("com.example.host"), refused}, // restriction first
