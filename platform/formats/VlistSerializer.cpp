@@ -62,7 +62,7 @@ public:
         case ValueKind::Double: return leaf(depth, "real", realText(*v.asDouble()));
         case ValueKind::String: return escapedLeaf(depth, "string", *v.asString());
         case ValueKind::Url: return escapedLeaf(depth, "url", *v.asUrl());
-        case ValueKind::Uuid: return leaf(depth, "string", v.asUuid()->string());
+        case ValueKind::Uuid: return formatError("cannot write a UUID: the format has no element that reads back as one");
         case ValueKind::Data: return leaf(depth, "data", base64Encode(*v.asData()));
         case ValueKind::Date: {
             std::string text = v.asDate()->iso8601();

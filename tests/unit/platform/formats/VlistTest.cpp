@@ -47,8 +47,7 @@ TEST(VlistTest, RoundTripKeepsEveryKindExactlyInTheConventionalLayout)
     EXPECT_EQ(*back, original);
     EXPECT_TRUE(std::signbit(*(*back)["reals"].at(1).asDouble())); // equality does not see the sign of zero
     EXPECT_EQ(*parseVlist(*serializeVlist(Value(UINT64_MAX))), Value(UINT64_MAX)); // a scalar can be the document
-    const Uuid u = Uuid::random(); // no element of its own: kept as its text
-    EXPECT_EQ(*parseVlist(*serializeVlist(Value(u))), Value(u.string()));
+    EXPECT_FALSE(serializeVlist(Value(Uuid::random())).ok()); // no element of its own: it would read back as text
 
     EXPECT_EQ(*serializeVlist(Value{{"b", Value(Array{1, Value::emptyDictionary()})}, {"a", 2u}, {"c", true}}),
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<vlist version=\"1.0\">\n<dict>\n"
