@@ -89,6 +89,20 @@ inline bool readFrame(int fd, Bytes& frame)
     return readExact(fd, frame.data() + VynFrame::kHeaderSize, frame.size() - VynFrame::kHeaderSize);
 }
 
+// The times, in microseconds, of `rounds` round trips of `frame` out and one
+// frame back on `fd`, one outstanding; `reply` receives the last frame back.
+inline std::vector<double> frameRoundTrips(int fd, const Bytes& frame, int rounds, Bytes& reply)
+{
+    std::vector<double> times;
+    for (int i = 0; i < rounds; ++i) {
+        auto t = Clock::now();
+        if (!writeAll(fd, frame.data(), frame.size()) || !readFrame(fd, reply))
+            break;
+        times.push_back(micros(Clock::now() - t));
+    }
+    return times;
+}
+
 inline int connectTo(const std::string& path)
 {
     int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -93,14 +93,8 @@ std::vector<double> pingPong(int rounds)
         ::_exit(0);
     }
     ::close(sv[1]);
-    std::vector<double> out;
     Bytes frame;
-    for (int i = 0; i < rounds; ++i) {
-        auto t = Clock::now();
-        writeAll(sv[0], gRequest.data(), gRequest.size());
-        readFrame(sv[0], frame);
-        out.push_back(micros(Clock::now() - t));
-    }
+    std::vector<double> out = frameRoundTrips(sv[0], gRequest, rounds, frame);
     ::close(sv[0]);
     ::waitpid(child, nullptr, 0);
     return out;

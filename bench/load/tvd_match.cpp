@@ -150,14 +150,7 @@ double roundTrips(int fd, const Bytes& frame, int rounds, Bytes& reply)
 {
     writeAll(fd, frame.data(), frame.size());
     readFrame(fd, reply); // warm-up: fills the record cache
-    std::vector<double> times;
-    for (int i = 0; i < rounds; ++i) {
-        auto t = Clock::now();
-        writeAll(fd, frame.data(), frame.size());
-        readFrame(fd, reply);
-        times.push_back(micros(Clock::now() - t));
-    }
-    return median(times);
+    return median(frameRoundTrips(fd, frame, rounds, reply));
 }
 
 // The number of forms in a match reply frame.
@@ -264,14 +257,8 @@ double rawRoundTrip(const Bytes& frame, const Bytes& reply, int rounds, bool pro
     } else {
         thread = std::thread(echo);
     }
-    std::vector<double> times;
     Bytes back;
-    for (int i = 0; i < rounds; ++i) {
-        auto t = Clock::now();
-        writeAll(sv[0], frame.data(), frame.size());
-        readFrame(sv[0], back);
-        times.push_back(micros(Clock::now() - t));
-    }
+    std::vector<double> times = frameRoundTrips(sv[0], frame, rounds, back);
     ::shutdown(sv[0], SHUT_RDWR);
     if (process)
         ::waitpid(child, nullptr, 0);
