@@ -101,13 +101,17 @@ private:
 
 } // namespace
 
+// Hosts of every user watch the daemon's notifications: the directory is
+// readable and searchable by all (the counter files are 0644).
+constexpr unsigned kDirectoryMode = 0755;
+
 LinuxNotificationService::LinuxNotificationService(std::string runtimeDir) : dir_(std::move(runtimeDir) + "/notify") {}
 
 MaybeError LinuxNotificationService::post(const std::string& name)
 {
     if (!usableName(name))
         return posixError(EINVAL, "notification name \"" + name + "\"");
-    if (auto err = makeDirectories(dir_, 0700))
+    if (auto err = makeDirectories(dir_, kDirectoryMode))
         return err;
     std::string path = dir_ + "/" + name;
     return writeFileAtomically(path, std::to_string(readCounter(path) + 1) + "\n", 0644);
@@ -125,7 +129,7 @@ Result<std::unique_ptr<NotificationObservation>> LinuxNotificationService::obser
         return posixError(EINVAL, "notification name \"" + name + "\"");
     if (!queue || !handler)
         return posixError(EINVAL, "observe " + name + " without a queue or handler");
-    if (auto err = makeDirectories(dir_, 0700))
+    if (auto err = makeDirectories(dir_, kDirectoryMode))
         return *err;
     int in = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (in < 0)

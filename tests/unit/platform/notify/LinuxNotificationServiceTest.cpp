@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <sys/stat.h>
 
 namespace tv::platform {
 namespace {
@@ -15,6 +16,7 @@ using test::eventually;
 TEST(LinuxNotificationServiceTest, PostsCountUpInAFileObserversElsewhereAreToldUntilTheyStopAndNamesStayInside)
 {
     test::TempDir dir;
+    const mode_t umaskBefore = ::umask(022); // the daemon's unit sets this one
     LinuxNotificationService poster(dir.path());
     LinuxNotificationService watcher(dir.path()); // as another process would
     auto queue = SerialQueue::create("observer");
@@ -34,6 +36,10 @@ TEST(LinuxNotificationServiceTest, PostsCountUpInAFileObserversElsewhereAreToldU
     EXPECT_EQ(otherCalls, 0) << "another name's observer is not told";
     EXPECT_EQ(poster.state("com.example.note"), 2u);
     EXPECT_EQ(test::readFile(dir.file("notify/com.example.note")), "2\n");
+    struct stat st{};
+    ASSERT_EQ(::stat(dir.file("notify").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0755u) << "hosts of other users watch it";
+    ::umask(umaskBefore);
 
     observation->reset();
     int before = calls;
