@@ -258,7 +258,7 @@ int Tvkit::status(const std::vector<std::string>& args)
              << "requests     " << s["requests"].unsignedValue() << "\n"
              << "holds        " << s["holds"].unsignedValue() << "\n"
              << "cache        " << s["cached"].unsignedValue() << " plug-in records, limit "
-             << (limit ? std::to_string(limit) : std::string("none")) << "\n";
+             << limit << "\n";
     });
     if (status == kExitErrorReply && !json)
         err_ << "tvkit: the daemon's status needs the entitlement com.veltra.private.tarvik.manager"

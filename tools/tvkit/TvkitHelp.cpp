@@ -223,7 +223,7 @@ const char* const kStatusHelp =
     "\n"
     "  --json  print the figures as one JSON object with the keys service, pid,\n"
     "          uptime (seconds), connections, requests, holds, cached and\n"
-    "          cacheLimit (0: no limit)\n"
+    "          cacheLimit (0: at most the record just made)\n"
     "\n"
     "Exit status: 0 success, 1 refused, 2 bad usage, 69 tvd not running.\n";
 
