@@ -874,7 +874,11 @@ void Transaction::grantHold(const std::vector<std::shared_ptr<TvdPlugIn>>& plugI
     auto db = server();
     auto hold = TvdPlugInHold::initWithPlugInsForClient(plugIns, client_);
     const Uuid token = hold->uuid();
-    db->addHold(std::move(hold));
+    if (!db->addHold(std::move(hold))) {
+        failMessage(14, formatString("too many plug-in holds (at most %u per user)",
+                                     static_cast<unsigned>(TvdServer::kMaxHoldsPerUid)));
+        return;
+    }
     // A client that died while its request was served has had its holds
     // released already (the client stops accepting work before its holds
     // are released): this one would outlive it, so it goes the same way.

@@ -19,6 +19,8 @@ std::shared_ptr<TvdPlugInHold> TvdPlugInHold::initWithPlugInsForClient(
             hold->order_.push_back(p);
     }
     hold->client_ = client;
+    if (client)
+        hold->uid_ = client->uid();
     hold->created_ = Date::now();
     if (client && client->server())
         hold->keepAlive_ = client->server()->platform().vyn;

@@ -19,6 +19,7 @@
 #include "base/Uuid.h"
 
 #include <functional>
+#include <sys/types.h>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -51,6 +52,8 @@ public:
     // The blocked plug-ins, one per UUID, in the order they were given.
     std::vector<std::shared_ptr<TvdPlugIn>> blocked() const;
     std::shared_ptr<TvdVynClient> client() const { return client_.lock(); }
+    // The uid of the client that placed it (-1 when there was none).
+    uid_t uid() const { return uid_; }
     // True when `client` is the object that placed the hold (false once that
     // object is gone).
     bool placedBy(const std::shared_ptr<TvdVynClient>& client) const;
@@ -65,6 +68,7 @@ private:
     std::vector<std::shared_ptr<TvdPlugIn>> order_;
     std::unordered_map<Uuid, std::shared_ptr<TvdPlugIn>> blocked_;
     std::weak_ptr<TvdVynClient> client_;
+    uid_t uid_ = static_cast<uid_t>(-1);
     Date created_;
     std::shared_ptr<platform::VynService> keepAlive_; // the service whose transaction this hold holds open
 };

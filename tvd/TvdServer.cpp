@@ -138,12 +138,22 @@ bool TvdServer::holdOnPlugIn(const TvdPlugIn& plugIn)
     return held;
 }
 
-void TvdServer::addHold(std::shared_ptr<TvdPlugInHold> hold)
+bool TvdServer::addHold(std::shared_ptr<TvdPlugInHold> hold)
 {
     if (!hold)
-        return;
-    syncQueue_->sync([&] { holds_.push_back(std::move(hold)); });
-    notifyAnnotationChange();
+        return false;
+    bool added = false;
+    syncQueue_->sync([&] {
+        const uid_t uid = hold->uid();
+        auto ofUid = std::count_if(holds_.begin(), holds_.end(), [uid](const auto& h) { return h->uid() == uid; });
+        if (static_cast<std::size_t>(ofUid) >= kMaxHoldsPerUid)
+            return;
+        holds_.push_back(std::move(hold));
+        added = true;
+    });
+    if (added)
+        notifyAnnotationChange();
+    return added; // a refused hold ends its keep-alive transaction here
 }
 
 void TvdServer::unholdToken(const Uuid& token)

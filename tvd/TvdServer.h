@@ -85,9 +85,13 @@ public:
     // For each of `plugIns`, whether some hold blocks it: the table read in
     // one visit of "serverSync" rather than one per plug-in.
     std::vector<bool> holdsOnPlugIns(const std::vector<std::shared_ptr<TvdPlugIn>>& plugIns);
+    // Holds in the table placed by clients of one uid, at most: each is
+    // memory and a keep-alive transaction, and every "match" looks at all.
+    static constexpr std::size_t kMaxHoldsPerUid = 256;
     // Appends `hold` to the table, then (off the queue) posts the
-    // annotation-change notification.
-    void addHold(std::shared_ptr<TvdPlugInHold> hold);
+    // annotation-change notification. False, and nothing added or posted,
+    // when the hold's uid has kMaxHoldsPerUid holds in the table.
+    bool addHold(std::shared_ptr<TvdPlugInHold> hold);
     // Releases the hold with this token, if there is one, and posts the
     // notification; nothing happens (and nothing is posted) otherwise.
     void unholdToken(const Uuid& token);

@@ -38,11 +38,12 @@ ServerHarness::ServerHarness()
     server->run();
 }
 
-std::shared_ptr<FakeVynConnection> ServerHarness::connect(pid_t pid, std::string executable)
+std::shared_ptr<FakeVynConnection> ServerHarness::connect(pid_t pid, std::string executable, uid_t uid)
 {
     processInfo->paths[pid] = std::move(executable);
     platform::AuditToken token;
     token.pid = pid;
+    token.uid = uid;
     auto connection = vyn->listener()->connect(token);
     drain();
     return connection;

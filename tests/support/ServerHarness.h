@@ -22,7 +22,8 @@ class ServerHarness {
 public:
     ServerHarness();
 
-    std::shared_ptr<FakeVynConnection> connect(pid_t pid, std::string executable = "/usr/bin/host");
+    std::shared_ptr<FakeVynConnection> connect(pid_t pid, std::string executable = "/usr/bin/host",
+                                               uid_t uid = static_cast<uid_t>(-1));
     // A request expecting a reply; returns its message id.
     std::uint64_t send(FakeVynConnection& connection, Value body, bool expectsReply = true);
     void drain();

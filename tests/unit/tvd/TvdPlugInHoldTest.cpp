@@ -54,5 +54,24 @@ TEST(TvdPlugInHoldTest, HoldsBlockByUuidUntilReleasedByTokenOrByTheirClientsDeat
     EXPECT_EQ(posts(), 8u);
 }
 
+TEST(TvdPlugInHoldTest, AUidHoldsAtMostItsShareOfTheTableOverAllItsConnections)
+{
+    test::ServerHarness h;
+    auto p = TvdPlugIn::initWithRSData(test::makePlugInRecord("/apps/A.app/PlugIns/P.vext", "p"));
+    auto client = [&](pid_t pid, uid_t uid) {
+        return std::static_pointer_cast<TvdVynClient>(h.connect(pid, "/usr/bin/host", uid)->context());
+    };
+    auto a1 = client(30, 501), a2 = client(31, 501), b = client(32, 502);
+    auto place = [&](const std::shared_ptr<TvdVynClient>& c) {
+        return h.server->addHold(TvdPlugInHold::initWithPlugInsForClient({p}, c));
+    };
+    for (std::size_t i = 0; i < TvdServer::kMaxHoldsPerUid; ++i)
+        ASSERT_TRUE(place(i % 2 ? a1 : a2));
+    EXPECT_FALSE(place(a1));
+    EXPECT_TRUE(place(b));
+    EXPECT_EQ(h.server->holdCount(), TvdServer::kMaxHoldsPerUid + 1);
+    EXPECT_EQ(h.vyn->openTransactions(), TvdServer::kMaxHoldsPerUid + 1); // the refused one's ended
+}
+
 } // namespace
 } // namespace tv
