@@ -208,6 +208,8 @@ Result<PlatformConfig> PlatformConfig::parse(std::string_view text, const std::s
             err = number(n, 3600000), c.limits.incompleteFrameTimeoutMs = static_cast<std::uint32_t>(n);
         else if (key == "idle_exit_seconds")
             err = number(n, 86400), c.idleExitSeconds = static_cast<std::uint32_t>(n);
+        else if (key == "max_registered_per_user")
+            err = number(n, 1u << 20), c.maxRegisteredPerUser = n;
         else if (key == "multi_user")
             err = number(n, 1), c.multiUser = n == 1;
         else

@@ -69,6 +69,9 @@ struct PlatformConfig {
     // Defaults to "not root"; the system instance, which runs as its own
     // user, sets it off in its configuration file.
     bool multiUser = false;
+    // Bundles registered by path whose directory one user owns, at most:
+    // each is a row and a record, and registering asks for no right.
+    std::size_t maxRegisteredPerUser = 1000;
     std::string configFile;                    // the file read, empty for pure defaults
     // Without XDG_RUNTIME_DIR a non-root user's runtime files live under
     // /tmp/tvd-<uid>, named here; load() makes it or refuses it unless it is

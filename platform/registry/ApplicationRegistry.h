@@ -59,6 +59,7 @@ enum RegistryErrorCode : int {
     kRegistryErrorNotAPlugIn = 1,    // registerPlugIn(): not a plug-in bundle (the reason follows)
     kRegistryErrorNotRegistered = 2, // unregisterPlugIn(): no plug-in is known at the path
     kRegistryErrorStore = 3,         // the persistent store cannot be read or written
+    kRegistryErrorLimit = 4,         // registerPlugIn(): the bundle's owner has registered the most allowed
 };
 
 inline TvError registryError(RegistryErrorCode code, std::string description)

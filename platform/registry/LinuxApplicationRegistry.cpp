@@ -180,6 +180,8 @@ MaybeError LinuxApplicationRegistry::registerPlugIn(const std::string& pathOrUrl
     const std::string path = canonicalBundlePath(pathOrUrl);
     std::lock_guard lock(changeMutex_);
     loadStored();
+    if (MaybeError full = checkRegistrationRoom(path))
+        return full;
     // A bundle inside a known application's "PlugIns" belongs to it at once,
     // not only after the next scan.
     RegistryScanner::Candidate candidate{path, RegistryScanner::containingApplicationPath(path, stored_->applications),
@@ -191,6 +193,34 @@ MaybeError LinuxApplicationRegistry::registerPlugIn(const std::string& pathOrUrl
     RegistryScanner::Scan scan;
     scan.plugIns.push_back(std::move(*fresh));
     return reconcile(scan, path);
+}
+
+MaybeError LinuxApplicationRegistry::checkRegistrationRoom(const std::string& path) const
+{
+    // Counted per owner of the bundle directory: a user can only make
+    // bundles of their own, so one user's registrations cannot crowd out
+    // another's. Registering a path that is known refreshes it, and costs
+    // nothing more. The owners are read when a bundle is registered, which
+    // is rare, rather than kept in the store.
+    struct stat bundle{};
+    if (::stat(path.c_str(), &bundle) != 0)
+        return std::nullopt; // not a bundle: refused as such by the reader
+    std::size_t owned = 0;
+    for (const StoredPlugIn& p : stored_->plugIns) {
+        if (p.path == path)
+            return std::nullopt;
+        struct stat other{};
+        if (p.registeredByPath && ::stat(p.path.c_str(), &other) == 0 && other.st_uid == bundle.st_uid)
+            ++owned;
+    }
+    if (owned < config_.maxRegisteredPerUser)
+        return std::nullopt;
+    TvError refused = registryError(kRegistryErrorLimit, "cannot register " + path + ": uid " +
+                                                             std::to_string(bundle.st_uid) + " owns " +
+                                                             std::to_string(owned) +
+                                                             " bundles registered by path, the most allowed");
+    platformLog(LogLevel::Default, kLogCategory, "%{public}s", *refused.description);
+    return refused;
 }
 
 MaybeError LinuxApplicationRegistry::unregisterPlugIn(const std::string& pathOrUrl)

@@ -100,6 +100,10 @@ public:
     static std::string canonicalBundlePath(const std::string& pathOrUrl);
 
 private:
+    // Whether the owner of the bundle at the canonical `path` may register
+    // one more by path (config maxRegisteredPerUser). With changeMutex_ held
+    // and the store loaded.
+    MaybeError checkRegistrationRoom(const std::string& path) const;
     LinuxApplicationRegistry(const PlatformConfig& config, std::shared_ptr<BundleService> bundles,
                              std::shared_ptr<CodeSigningService> codeSigning, std::shared_ptr<ExtensionSdkRegistry> sdks,
                              std::unique_ptr<RegistryDatabase> db);

@@ -311,10 +311,27 @@ TEST_F(LinuxApplicationRegistryTest, RegistrationByPathIsCheckedAndPersists)
     ASSERT_FALSE(registry->unregisterPlugIn(loose + "/"));
     EXPECT_FALSE(registry->plugInAtPath(loose));
 
+    // One owner registers at most maxRegisteredPerUser bundles by path; a
+    // known path refreshes, and unregistering makes room again.
+    config_.maxRegisteredPerUser = 2;
+    registry = open();
+    const std::string second = writePlugIn("Elsewhere/Second.vext", "com.second", "1", "p");
+    const std::string third = writePlugIn("Elsewhere/Third.vext", "com.third", "1", "p");
+    ASSERT_FALSE(registry->registerPlugIn(loose));
+    ASSERT_FALSE(registry->registerPlugIn(second));
+    MaybeError full = registry->registerPlugIn(third);
+    ASSERT_TRUE(full);
+    EXPECT_EQ(full->code, std::int64_t{kRegistryErrorLimit});
+    EXPECT_FALSE(registry->plugInAtPath(third));
+    EXPECT_FALSE(registry->registerPlugIn(second));
+    ASSERT_FALSE(registry->unregisterPlugIn(second));
+    EXPECT_FALSE(registry->registerPlugIn(third));
+
     // A registered bundle that vanishes is uninstalled by the next scan.
     writePlugIn("Elsewhere/Loose.vext", "com.loose", "1", "p");
     ASSERT_FALSE(registry->registerPlugIn(loose));
     fs::remove_all(loose);
+    fs::remove_all(third);
     registry->rescan();
     EXPECT_TRUE(open()->allPlugIns().empty());
 }
