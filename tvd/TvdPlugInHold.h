@@ -19,8 +19,8 @@
 #include "base/Uuid.h"
 
 #include <functional>
-#include <sys/types.h>
 #include <memory>
+#include <sys/types.h>
 #include <unordered_map>
 #include <vector>
 
