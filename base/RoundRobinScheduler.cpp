@@ -1,6 +1,7 @@
 #include "base/RoundRobinScheduler.h"
 
 #include "base/DeferredFlush.h"
+#include "base/IdleCaller.h"
 
 #include <chrono>
 
@@ -13,12 +14,26 @@ std::shared_ptr<RoundRobinScheduler> RoundRobinScheduler::create(std::shared_ptr
 
 void RoundRobinScheduler::submit(const void* owner, Step step)
 {
-    std::lock_guard lock(mutex_);
-    Owner& entry = entryFor(owner);
-    entry.steps.push_back(std::move(step));
-    ++pending_;
-    if (entry.steps.size() == 1)
-        makeReady(owner, entry);
+    {
+        std::lock_guard lock(mutex_);
+        Owner& entry = entryFor(owner);
+        entry.steps.push_back(std::move(step));
+        ++pending_;
+        if (entry.steps.size() != 1)
+            return;
+        if (!runsTurnsInline_.load(std::memory_order_relaxed) || !IdleCaller::isIdle() || turnQueued_ ||
+            !ring_.empty()) {
+            makeReady(owner, entry);
+            return;
+        }
+        if (entry.held || entry.running)
+            return;
+        ring_.push_back(owner);
+        turnQueued_ = true;
+    }
+    // Outside the lock: the turn takes it. runOrAsync queues the turn when
+    // the queue is busy with other work, or when this thread already runs it.
+    queue_->runOrAsync([self = shared_from_this()] { self->turn(true); });
 }
 
 void RoundRobinScheduler::hold(const void* owner)
@@ -62,7 +77,7 @@ void RoundRobinScheduler::scheduleTurn()
     if (turnQueued_ || ring_.empty())
         return;
     turnQueued_ = true;
-    queue_->async([self = shared_from_this()] { self->turn(); });
+    queue_->async([self = shared_from_this()] { self->turn(false); });
 }
 
 RoundRobinScheduler::Owner& RoundRobinScheduler::entryFor(const void* owner)
@@ -89,7 +104,7 @@ void RoundRobinScheduler::forgetIfIdle(const void* owner)
         owners_.erase(it);
 }
 
-void RoundRobinScheduler::turn()
+void RoundRobinScheduler::turn(bool inlineTurn)
 {
     // Puts the owner of a step that ran right; true when more owners wait.
     auto settle = [this](const void* owner, Step& step, bool finished) {
@@ -140,7 +155,8 @@ void RoundRobinScheduler::turn()
         }
         if (finished)
             step = nullptr; // what the step holds goes before the next step
-        if (!settle(owner, step, finished) || std::chrono::steady_clock::now() >= deadline)
+        // An inline turn gives the submitting thread back after its step.
+        if (!settle(owner, step, finished) || inlineTurn || std::chrono::steady_clock::now() >= deadline)
             break;
     }
     std::lock_guard lock(mutex_);

@@ -16,6 +16,15 @@
 // An owner can be held: its steps wait (they are kept in order) until it is
 // released. The daemon holds a client until it has been identified.
 //
+// With inline turns on, a step submitted while the target queue is idle and
+// no other owner waits, by a thread marked idle (IdleCaller: the daemon's I/O
+// thread at the last event of its batch), runs at once on that thread, as a
+// task of the queue (SerialQueue::runOrAsync): one step, after which other
+// owners' steps are served by a queued task as usual. This saves waking the
+// queue's thread for a request that arrives alone; under load the submitter
+// is busy or a turn task is already queued, and the queue's thread serves
+// beside it as before.
+//
 // Owners are identified by address; the steps are expected to keep their
 // owner alive. Thread-safety: every operation may be called from any thread.
 #pragma once
@@ -49,6 +58,11 @@ public:
     std::chrono::microseconds batch() const { return std::chrono::microseconds(batch_.load()); }
     void setBatch(std::chrono::microseconds batch) { batch_.store(batch.count()); }
 
+    // Whether submit() may run a step on the calling thread (above). Off
+    // unless set.
+    bool runsTurnsInline() const { return runsTurnsInline_.load(); }
+    void setRunsTurnsInline(bool on) { runsTurnsInline_.store(on); }
+
     // Appends `step` to the owner's steps.
     void submit(const void* owner, Step step);
     // The owner's steps wait until release(). Holds do not nest.
@@ -71,8 +85,9 @@ private:
     void makeReady(const void* owner, Owner& entry);
     void scheduleTurn();
     void forgetIfIdle(const void* owner);
-    // Runs turns: the front step of the next owner in the ring, and so on.
-    void turn();
+    // Runs turns: the front step of the next owner in the ring, and so on,
+    // for up to the batch time; an inline turn runs one step.
+    void turn(bool inlineTurn);
 
     // The owner's entry, made (or taken from the spares) when missing.
     Owner& entryFor(const void* owner);
@@ -88,6 +103,7 @@ private:
     std::size_t pending_ = 0;
     bool turnQueued_ = false;
     std::atomic<std::int64_t> batch_{500};
+    std::atomic<bool> runsTurnsInline_{false};
 };
 
 } // namespace tv

@@ -1,5 +1,6 @@
 #include "platform/ipc/LinuxVynConnection.h"
 
+#include "base/IdleCaller.h"
 #include "base/InternalInconsistency.h"
 #include "base/ValueCodec.h"
 
@@ -724,6 +725,8 @@ std::optional<LinuxVynConnection::Failure> LinuxVynConnection::processFrames()
         }
         if (!message)
             return Failure{"garbled frame: " + message.error().localizedDescription(), true};
+        // A frame with more read behind it leaves this thread work to do.
+        IdleCaller::Scope idle(IdleCaller::isIdle() && inStart_ == inEnd_);
         if (auto failure = dispatch(std::move(message).value(), cost))
             return failure;
     }

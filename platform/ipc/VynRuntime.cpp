@@ -1,5 +1,6 @@
 #include "platform/ipc/VynRuntime.h"
 
+#include "base/IdleCaller.h"
 #include "base/InternalInconsistency.h"
 #include "platform/log/PlatformLog.h"
 #include "platform/PosixError.h"
@@ -190,6 +191,9 @@ void VynRuntime::loop()
             if (it == watchers_.end())
                 continue; // unwatched by an earlier callback of this batch
             std::shared_ptr<Watcher> keep = it->second;
+            // The last event of the batch, with no task posted meanwhile, is
+            // all this thread has left before it waits again.
+            IdleCaller::Scope idle(i + 1 == n && !wakePending_.load(std::memory_order_relaxed));
             keep->handleEvents(events[static_cast<std::size_t>(i)].events);
         }
         runDueTimers();

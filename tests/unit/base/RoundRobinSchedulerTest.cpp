@@ -1,9 +1,13 @@
 #include "base/RoundRobinScheduler.h"
 
+#include "base/IdleCaller.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <future>
 #include <stdexcept>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -82,6 +86,72 @@ TEST(RoundRobinSchedulerTest, AStepThatThrowsEndsOnlyItself)
     EXPECT_EQ(caught, "boom");
     EXPECT_EQ(f.ran, (std::vector<std::string>{"b1", "a2"}));
     EXPECT_EQ(f.scheduler->pending(), 0u);
+}
+
+// Inline turns: a step submitted to an idle queue by an idle thread runs on
+// that thread, as a task of the queue; its continuation after a yield, and
+// any step submitted while the queue or the submitter is busy, run on the
+// queue's thread.
+TEST(RoundRobinSchedulerTest, InlineTurnsRunOnlyAnIdleQueuesStepOnAnIdleSubmitter)
+{
+    const auto here = std::this_thread::get_id();
+    struct Run {
+        bool onSubmitter;
+        bool onQueue; // as a task of the scheduler's queue
+    };
+    // Submits a step of two slices to a new (idle) queue; where each ran.
+    auto runOnNewQueue = [&](bool inlineOn, bool callerIdle, bool queueBusy) {
+        auto queue = SerialQueue::create("service");
+        auto scheduler = RoundRobinScheduler::create(queue);
+        scheduler->setRunsTurnsInline(inlineOn);
+        std::promise<void> release;
+        if (queueBusy) {
+            std::promise<void> blocking;
+            queue->async([&] {
+                blocking.set_value();
+                release.get_future().wait();
+            });
+            blocking.get_future().wait();
+        }
+        std::vector<Run> runs;
+        std::promise<void> done;
+        int owner = 0;
+        {
+            IdleCaller::Scope idle(callerIdle);
+            scheduler->submit(&owner, [&, slices = 2]() mutable {
+                runs.push_back({std::this_thread::get_id() == here, SerialQueue::current() == queue.get()});
+                if (--slices > 0)
+                    return false;
+                done.set_value();
+                return true;
+            });
+        }
+        if (queueBusy) {
+            EXPECT_TRUE(runs.empty());
+            release.set_value();
+        }
+        done.get_future().wait();
+        queue->sync([] {}); // the turn task has ended
+        EXPECT_EQ(scheduler->pending(), 0u);
+        return runs;
+    };
+    const struct {
+        bool inlineOn, callerIdle, queueBusy, firstOnSubmitter;
+    } cases[] = {
+        {true, true, false, true},
+        {false, true, false, false},
+        {true, false, false, false},
+        {true, true, true, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "inline " << c.inlineOn << ", caller idle " << c.callerIdle
+                                        << ", queue busy " << c.queueBusy);
+        auto runs = runOnNewQueue(c.inlineOn, c.callerIdle, c.queueBusy);
+        ASSERT_EQ(runs.size(), 2u);
+        EXPECT_EQ(runs[0].onSubmitter, c.firstOnSubmitter);
+        EXPECT_FALSE(runs[1].onSubmitter); // the yielded rest
+        EXPECT_TRUE(runs[0].onQueue && runs[1].onQueue);
+    }
 }
 
 } // namespace
