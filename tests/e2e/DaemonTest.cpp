@@ -7,8 +7,10 @@
 
 #include <cstring>
 #include <fstream>
+#include <poll.h>
 #include <sstream>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace tv {
@@ -110,23 +112,40 @@ TEST(DaemonTest, RaisesItsDescriptorLimitToTheHardLimit)
     EXPECT_EQ(d.stop(), 0);
 }
 
-TEST(DaemonTest, ADeadClientsBurstIsDroppedAndOthersAreServed)
+// Raw peers send requests and go away without reading: a burst of 100, then
+// one request each after a first one was answered (the client is known, so
+// the request runs at once on the thread that read it, and the failing
+// reply closes the connection inside that thread's reading of it).
+TEST(DaemonTest, ADeadClientsRequestsAreDroppedAndOthersAreServed)
 {
     TestDaemon daemon;
     ASSERT_TRUE(daemon.start()) << daemon.log();
-    // A raw peer sends a burst of requests and goes away without reading.
-    {
-        platform::Message m(Value{{"request", "bulk"}, {"version", Value(std::uint64_t{3})}});
-        auto frame = platform::VynFrame::encode(m, true, 64);
-        ASSERT_TRUE(frame.ok());
-        int fd = test::connectUnix(daemon.socketPath());
-        ASSERT_GE(fd, 0);
-        std::vector<std::uint8_t> burst;
-        for (std::uint64_t id = 1; id <= 100; ++id) {
+    platform::Message m(Value{{"request", "bulk"}, {"version", Value(std::uint64_t{3})}});
+    auto frame = platform::VynFrame::encode(m, true, 64);
+    ASSERT_TRUE(frame.ok());
+    auto frames = [&](std::uint64_t first, std::uint64_t count) {
+        std::vector<std::uint8_t> bytes;
+        for (std::uint64_t id = first; id < first + count; ++id) {
             Bytes f = *frame;
             platform::VynFrame::setMessageId(f, id);
-            burst.insert(burst.end(), f.begin(), f.end());
+            bytes.insert(bytes.end(), f.begin(), f.end());
         }
+        return bytes;
+    };
+    for (int peer = 0; peer < 11; ++peer) {
+        int fd = test::connectUnix(daemon.socketPath());
+        ASSERT_GE(fd, 0);
+        if (peer > 0) {
+            auto one = frames(1, 1);
+            ASSERT_EQ(::write(fd, one.data(), one.size()), static_cast<ssize_t>(one.size()));
+            pollfd p{fd, POLLIN, 0};
+            ASSERT_EQ(::poll(&p, 1, 10000), 1);
+            std::uint8_t reply[4096];
+            ASSERT_GT(::read(fd, reply, sizeof reply), 0);
+            ::shutdown(fd, SHUT_RD); // the next reply's write fails at once
+            ::usleep(20000);         // the daemon has gone idle again
+        }
+        auto burst = frames(2, peer == 0 ? 100 : 1);
         ASSERT_EQ(::write(fd, burst.data(), burst.size()), static_cast<ssize_t>(burst.size()));
         ::close(fd);
     }
