@@ -21,13 +21,12 @@ void RoundRobinScheduler::submit(const void* owner, Step step)
         ++pending_;
         if (entry.steps.size() != 1)
             return;
-        if (!runsTurnsInline_.load(std::memory_order_relaxed) || !IdleCaller::isIdle() || turnQueued_ ||
-            !ring_.empty()) {
+        const bool here = runsTurnsInline_.load(std::memory_order_relaxed) && IdleCaller::isIdle() && !turnQueued_ &&
+                          ring_.empty() && !entry.held && !entry.running;
+        if (!here) {
             makeReady(owner, entry);
             return;
         }
-        if (entry.held || entry.running)
-            return;
         ring_.push_back(owner);
         turnQueued_ = true;
     }
