@@ -40,8 +40,9 @@ std::shared_ptr<TvdServer> TvdServer::initForServiceDatabase(const char* service
     server->syncQueue_ = makeQueue("serverSync", SerialQueue::QoS::Default);
     server->identifyQueue_ = makeQueue("identify", SerialQueue::QoS::Utility);
     server->requestScheduler_ = RoundRobinScheduler::create(server->mainQueue_);
-    // A request that finds "service" idle runs on the thread that read it,
-    // without waking the queue's thread (docs/ipc-transport.md, "Threads").
+    // A request that finds "service" idle, read by an I/O thread with nothing
+    // else to do, runs its first step there instead of waking the queue's
+    // thread (docs/ipc-transport.md, "Threads").
     server->requestScheduler_->setRunsTurnsInline(true);
 
     auto listener = server->platform_.vyn->listen(server->serviceName_, server->vynQueue_);
