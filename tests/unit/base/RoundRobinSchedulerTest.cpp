@@ -7,8 +7,8 @@
 #include <chrono>
 #include <future>
 #include <stdexcept>
-#include <thread>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace tv {
